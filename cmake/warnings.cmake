@@ -1,0 +1,2 @@
+# Every target of the tree is built with these; headers of libraries are not ours to warn about.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror)

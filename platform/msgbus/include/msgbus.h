@@ -1,0 +1,101 @@
+/*
+ * msgbus: client of the local message bus.
+ *
+ * One context is one module on the bus. A context may be used by one thread at a time.
+ *
+ * Transport: an AF_UNIX stream socket at $MSGBUS_SOCKET, default MSGBUS_DEFAULT_SOCKET, to the
+ * broker msgbusd. Every unit on the wire is one frame: the packed 17-byte header and `len` payload
+ * bytes, all multi-byte fields in host byte order.
+ */
+#ifndef PLATFORM_MSGBUS_H
+#define PLATFORM_MSGBUS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "cfgtree.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define MSGBUS_DEFAULT_SOCKET "/var/run/msgbus.sock"
+
+enum {
+    MSGBUS_MAGIC = 0xB5,
+    MSGBUS_VERSION = 1,
+    MSGBUS_MAX_PAYLOAD = 16 * 1024 * 1024, /* bytes of one frame's payload */
+    MSGBUS_MAX_WAITING = 8 * 1024 * 1024   /* bytes the broker keeps for one slow receiver */
+};
+
+enum msgbus_frame_type {
+    MSGBUS_DATA = 0,
+    MSGBUS_ATTACH = 1,
+    MSGBUS_UNDELIVERABLE = 2 /* src = the missing module, seq = the lost frame's */
+};
+
+struct message_header_s {
+    uint8_t magic;
+    uint8_t ver;
+    uint8_t src; /* module id of the sender, stamped by the broker */
+    uint8_t dst; /* module id of the addressee */
+    uint32_t len;
+    uint32_t seq;     /* the sender's message number, never 0; an answer carries its request's */
+    uint32_t src_uid; /* uid of the sending process, stamped by the broker */
+    uint8_t type;     /* enum msgbus_frame_type */
+} __attribute__((packed));
+
+/* One frame as msgbus_poll_no_wait() returns it; free(3) it. The payload is not NUL-terminated. */
+struct message_s {
+    struct message_header_s header;
+    __extension__ uint8_t payload[];
+} __attribute__((packed));
+
+typedef struct msgbus_context msgbus_context;
+
+/* Joins the bus as `module`. `options` (opaque, `options_len` bytes) are stored, not sent.
+ * Null when the broker cannot be reached, refuses the module id because a living connection
+ * holds it, or does not answer within 1 second; the reason is logged. */
+msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_len);
+
+/* Leaves the bus and frees the context; null is allowed. */
+void msgbus_release(msgbus_context* ctx);
+
+/* Sets the module loop: 0 stops it; any other value makes it run as far as the context is
+ * connected. */
+void msgbus_set_module_loop(msgbus_context* ctx, int run);
+
+/* Non-zero while started (msgbus_peer_start) and connected. */
+int msgbus_get_module_loop(msgbus_context* ctx);
+
+/* Discards what arrived before, attaches again when the connection was lost, and makes the module
+ * loop run. */
+void msgbus_peer_start(msgbus_context* ctx);
+
+/* Ends the module loop. */
+void msgbus_peer_stop(msgbus_context* ctx);
+
+/* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. */
+struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
+
+/* Sends `len` bytes to module `dst` under a new message number. Fire and forget: on a lost
+ * connection the message is lost. */
+void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len);
+
+/* The same as an answer to `request`: to its sender and under its message number. */
+void msgbus_send_answer(msgbus_context* ctx, const struct message_s* request, const void* data,
+                        size_t len);
+
+/* Waits up to `timeout` seconds for the data frame whose JSON member "command" equals `command`
+ * and whose seq is that of the last send on this context; other frames that arrive meanwhile are
+ * discarded. Returns the parsed payload, owned by the caller (cfgtree_release). Null on time-out,
+ * on a lost connection and, at once, when the broker reports that send as undeliverable; then
+ * `error_text` is logged at error level. */
+cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
+                                 int timeout);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,33 @@
+// MsgbusBroker forwards frames between the modules attached to one AF_UNIX socket (msgbus.h).
+//
+// It never blocks on one client and never drops silently: what cannot be delivered is answered
+// with an undeliverable frame. A malformed frame ends its connection, never the broker.
+// One thread runs the broker; stop() may be called from any thread and from a signal handler.
+#ifndef PLATFORM_MSGBUS_BROKER_H
+#define PLATFORM_MSGBUS_BROKER_H
+
+#include <memory>
+#include <string>
+
+class MsgbusBroker {
+  public:
+    explicit MsgbusBroker(std::string socket_path);
+    ~MsgbusBroker();
+    MsgbusBroker(const MsgbusBroker&) = delete;
+    MsgbusBroker& operator=(const MsgbusBroker&) = delete;
+
+    // Listens on the socket path, replacing a socket file that nobody listens on. False, with an
+    // error line, when it cannot.
+    [[nodiscard]] bool open();
+
+    // Serves until stop(); then every connection is closed and the socket file removed.
+    void run();
+
+    void stop();
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+#endif

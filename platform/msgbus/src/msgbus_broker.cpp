@@ -1,0 +1,1 @@
+#include "msgbus_broker.h"

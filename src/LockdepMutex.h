@@ -1,0 +1,107 @@
+// Mutexes that can tell who holds them, and the checker that looks for deadlocks.
+//
+// Switched off (the default) a lock or unlock costs one flag test more than a plain mutex.
+// Switched on, every held lock is recorded with its holder and backtrace(3); an unlock of a lock
+// that is not held, or a lock held for more than two minutes, dumps all held locks to the log and
+// ends the process.
+#ifndef LUMD_LOCKDEP_MUTEX_H
+#define LUMD_LOCKDEP_MUTEX_H
+
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+class LockdepMutexBase {
+  public:
+    explicit LockdepMutexBase(std::string lock_name = {}) : name(std::move(lock_name)) {}
+
+    const std::string name;  // may be empty
+};
+
+// One held lock.
+struct LockdepItem {
+    std::time_t locked_at = 0;  // CLOCK_MONOTONIC seconds of the first taking
+    std::string lock_name;
+    std::string thread_name;
+    int lock_cnt = 0;  // how many times it is held; more than 1 for a recursive lock
+    std::vector<std::string> backtrace;
+};
+
+// All held locks of the process. Thread-safe.
+class LockdepStorage {
+  public:
+    // The switch; set once at start, before any other thread exists.
+    static bool lockdep_debug;
+
+    // The one storage, which lives until the process ends.
+    static LockdepStorage& instance();
+
+    // Records that the calling thread has taken `lock`.
+    void add_lock(const LockdepMutexBase* lock);
+
+    // Records that `lock` is about to be released; ends the process when it is not held.
+    void del_lock(const LockdepMutexBase* lock);
+
+    // Ends the process when a lock has been held for 121 seconds or more.
+    void check_expired();
+
+    // Number of locks held now.
+    [[nodiscard]] std::size_t size() const;
+
+  private:
+    // Logs every held lock at debug level; the caller holds `m`.
+    void dump() const;
+
+    std::map<const LockdepMutexBase*, LockdepItem> locks;  // guarded by m
+    mutable std::mutex m;
+};
+
+// A mutex known to the checker; a standard Lockable.
+class LockdepMutex : public LockdepMutexBase {
+  public:
+    using LockdepMutexBase::LockdepMutexBase;
+
+    void lock() {
+        m.lock();
+        if (LockdepStorage::lockdep_debug)
+            LockdepStorage::instance().add_lock(this);
+    }
+
+    void unlock() {
+        if (LockdepStorage::lockdep_debug)
+            LockdepStorage::instance().del_lock(this);
+        m.unlock();
+    }
+
+  private:
+    std::mutex m;
+};
+
+// The same that its holder may take again.
+class LockdepRecursiveMutex : public LockdepMutexBase {
+  public:
+    using LockdepMutexBase::LockdepMutexBase;
+
+    void lock() {
+        m.lock();
+        if (LockdepStorage::lockdep_debug)
+            LockdepStorage::instance().add_lock(this);
+    }
+
+    void unlock() {
+        if (LockdepStorage::lockdep_debug)
+            LockdepStorage::instance().del_lock(this);
+        m.unlock();
+    }
+
+  private:
+    std::recursive_mutex m;
+};
+
+// Checks once a second for ever; runs on a detached thread of its own.
+void vexor_lockdep_thread_func();
+
+#endif

@@ -1,0 +1,1 @@
+#include "abstract_worker.h"

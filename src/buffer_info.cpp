@@ -1,0 +1,1 @@
+#include "buffer_info.h"

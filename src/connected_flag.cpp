@@ -1,0 +1,1 @@
+#include "connected_flag.h"

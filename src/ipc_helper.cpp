@@ -1,0 +1,1 @@
+#include "ipc_helper.h"

@@ -1,0 +1,1 @@
+#include "ipc_worker.h"

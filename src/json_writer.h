@@ -1,0 +1,47 @@
+// json_writer: builds a JSON object or array (RFC 8259), members in insertion order.
+#ifndef LUMD_JSON_WRITER_H
+#define LUMD_JSON_WRITER_H
+
+#include <string>
+
+struct json_object;
+
+// A cheap value on the stack. A top-level writer releases its object; a nested one leaves it to
+// its parent, which must outlive it. Not thread-safe.
+class json_writer {
+  public:
+    // A new object that begins with "version", "service", "cmd" and "ap-mac", in this order and
+    // each only when its text is not empty.
+    json_writer(const std::string& service, const std::string& cmd, const std::string& ap_mac,
+                const std::string& version);
+
+    // A new object or array, added at once to `parent_writer`: under `key` in an object, at the
+    // end of an array.
+    json_writer(bool array, const json_writer& parent_writer, const char* key);
+
+    json_writer(const json_writer&) = delete;
+    json_writer& operator=(const json_writer&) = delete;
+    ~json_writer();
+
+    [[nodiscard]] json_writer make_subobject(const char* key) const;
+    [[nodiscard]] json_writer make_array(const char* key) const;
+
+    // Adds a member; in an array appends and ignores the key. The last value of a key stands.
+    void insert_string(const char* key, const char* value);
+    void insert_string(const char* key, const std::string& value);
+    void insert_int(const char* key, int value);
+
+    // json-c's plain text form: no blanks. Belongs to the writer.
+    [[nodiscard]] const char* serialize() const;
+
+    // True when json-c had no memory for the object.
+    [[nodiscard]] bool fail() const { return obj == nullptr; }
+
+  private:
+    json_object* obj;
+    bool is_array;
+    const json_writer* parent;
+    int idx = 0;
+};
+
+#endif

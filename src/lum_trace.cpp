@@ -1,0 +1,1 @@
+#include "lum_trace.h"

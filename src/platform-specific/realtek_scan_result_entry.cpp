@@ -1,0 +1,1 @@
+#include "ioctl_ops.h"

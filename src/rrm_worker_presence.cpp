@@ -1,0 +1,1 @@
+#include "rrm_worker.h"

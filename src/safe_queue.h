@@ -1,0 +1,112 @@
+// safe_queue: the unbounded first-in-first-out queue of messages between two workers.
+#ifndef LUMD_SAFE_QUEUE_H
+#define LUMD_SAFE_QUEUE_H
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <queue>
+
+#include "LockdepMutex.h"
+#include "buffer_info.h"
+
+class json_writer;
+
+namespace libhubd {
+
+// The notifier of a queue nobody has asked to be woken for.
+inline void default_safe_queue_notifier() {}
+
+// A locked FIFO with a notifier. Any number of threads may produce and consume. Callbacks and the
+// notifier run with no lock of the queue held, so they may use any queue, this one included.
+template <typename T, typename Mutex>
+class SafeQueue {
+  public:
+    using user_notifier_type = std::function<void()>;
+
+    // `max_size` items at most; 0 means unbounded.
+    explicit SafeQueue(unsigned max_size_items = 0) : max_size(max_size_items) {}
+    virtual ~SafeQueue() { unset_user_notifier(); }
+    SafeQueue(const SafeQueue&) = delete;
+    SafeQueue& operator=(const SafeQueue&) = delete;
+
+    // Appends a copy of `item`, then calls the notifier on this thread. False, and nothing is
+    // appended, when the queue is full.
+    bool enqueue(const T& item) {
+        {
+            const std::lock_guard<Mutex> lock(m);
+            if (max_size != 0 && q.size() >= max_size)
+                return false;
+            q.push(item);
+        }
+        user_notifier_type notifier;
+        {
+            const std::lock_guard<Mutex> lock(user_notifier_mutex);
+            notifier = user_notifier;
+        }
+        if (notifier)
+            notifier();
+        c.notify_one();
+        return true;
+    }
+
+    // Takes the front item and hands it to `callback`; false at once when the queue is empty.
+    // Never waits. An empty callback raises std::bad_function_call after the item was taken.
+    bool dequeue(const std::function<void(const T&)>& callback) {
+        T item;
+        if (!take(item))
+            return false;
+        callback(item);
+        return true;
+    }
+
+    // The same for a callback that takes the item by value.
+    bool dequeue_value(const std::function<void(T)>& callback) {
+        T item;
+        if (!take(item))
+            return false;
+        callback(std::move(item));
+        return true;
+    }
+
+    // `notifier` is called after each successful enqueue from now on, on the producer's thread.
+    void set_user_notifier(const user_notifier_type& notifier) {
+        const std::lock_guard<Mutex> lock(user_notifier_mutex);
+        user_notifier = notifier;
+    }
+
+    // Puts default_safe_queue_notifier back. A call of the old notifier that has already begun on
+    // a producer's thread may still be running.
+    void unset_user_notifier() { set_user_notifier(default_safe_queue_notifier); }
+
+  private:
+    bool take(T& item) {
+        const std::lock_guard<Mutex> lock(m);
+        if (q.empty())
+            return false;
+        item = std::move(q.front());
+        q.pop();
+        return true;
+    }
+
+    user_notifier_type user_notifier = default_safe_queue_notifier;  // guarded by its mutex
+    std::queue<T> q;                                                 // guarded by m
+    Mutex m;
+    Mutex user_notifier_mutex;
+    const unsigned max_size;
+    std::condition_variable c;
+};
+
+}  // namespace libhubd
+
+// The queue every worker uses: of messages, unbounded.
+class safe_queue : public libhubd::SafeQueue<std::shared_ptr<buffer_info_t>, LockdepMutex> {
+  public:
+    safe_queue() : SafeQueue(0) {}
+
+    // Enqueues the writer's text as a new message.
+    void enqueue_json(json_writer& w);
+};
+
+#endif

@@ -1,0 +1,1 @@
+#include "websock_cfg.h"

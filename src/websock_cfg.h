@@ -1,0 +1,51 @@
+// websock_cfg_t: what the command line and the configuration file say.
+#ifndef LUMD_WEBSOCK_CFG_H
+#define LUMD_WEBSOCK_CFG_H
+
+#include <array>
+#include <cstddef>
+#include <string>
+
+enum ws_instance_id {
+    WS_INSTANCE_PORTAL = 0,
+    WS_INSTANCE_RRM = 1,
+    WS_INSTANCE_WIDS = 2,
+    WS_INSTANCE_MAX = 3
+};
+
+// One service's endpoint and back-off.
+struct config_instance_t {
+    char ap_location[256];  // location label of this access point
+    char domain[256];       // server host name or address
+    char path[256];         // request path, with its leading "/"
+    int port;
+    volatile bool run;                  // configured, so its mode may run
+    std::size_t initial_connection_delay;  // seconds
+    std::size_t max_connection_delay;      // seconds
+};
+
+// Built once by main before any worker exists; read-only afterwards.
+class websock_cfg_t {
+  public:
+    // Reads options "f:d:p:P:" and the file that -f names. An unknown option ends the process with
+    // status 255; a file that cannot be opened or holds a rejected URL sets `error`.
+    websock_cfg_t(int argc, const char** argv);
+
+    // Reads one configuration file; false when it cannot be opened or holds a rejected URL.
+    bool parse_file(const char* path);
+
+    // Splits the URL at `line` + `prefix_len`, in place, into the service's endpoint. False for a
+    // scheme other than ws.
+    bool setup_service_config(ws_instance_id id, char* line, int prefix_len);
+
+    std::array<config_instance_t, WS_INSTANCE_MAX> instance{};
+    int log_level = 0;
+    int reconnect_retries = 3;
+    int error = 0;
+    std::string wids_mac_list_id;
+};
+
+// Cuts `s` at its first line feed or carriage return; returns the length it had before.
+int fixup_config_string(char* s);
+
+#endif

@@ -1,0 +1,1 @@
+#include "wids_worker.h"
