@@ -1,0 +1,104 @@
+# The stages of ./test: each is a function stage_NAME that prints to its own log and leaves a
+# status. Counts of tests are read from the logs of GoogleTest and pytest.
+
+build_preset() {
+    cmake --preset "$1" "${@:2}" && cmake --build "build/$1" -j "$jobs"
+}
+
+# Runs the unit tests of one build; address space randomisation off, as ThreadSanitizer needs where
+# vm.mmap_rnd_bits is high.
+run_unit() {
+    setarch -R ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --no-tests=error &&
+        sed -n 's/^\[==========\] \([0-9]* tests\?\) from.*ran.*/\1/p' \
+            "build/$1/Testing/Temporary/LastTest.log"
+}
+
+run_system() {
+    local preset=$1
+    shift
+    LUMD_BIN_DIR=$PWD/build/$preset/bin LUMD_LIB_DIR=$PWD/build/$preset/lib \
+        setarch -R /usr/bin/python3 -m pytest -q -p no:cacheprovider -n $((jobs * 2)) \
+        tests/system "$@"
+}
+
+sources() { git ls-files '*.h' '*.c' '*.cpp'; }
+
+stage_format() { sources | xargs clang-format --dry-run -Werror; }
+
+stage_dev_build() { build_preset dev; }
+stage_dev_unit() { run_unit dev; }
+stage_dev_system() { run_system dev; }
+
+stage_tsan_build() { build_preset tsan; }
+stage_tsan_unit() { TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_unit tsan; }
+stage_tsan_system() {
+    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan -m threads
+}
+
+stage_release_build() { build_preset release; }
+stage_release_run() { ./run --once </dev/null; }
+
+stage_clang_build() {
+    CC=clang CXX=clang++ cmake --preset dev -B build/clang &&
+        cmake --build build/clang -j "$jobs"
+}
+
+stage_tidy() {
+    sources | grep -E '^(src|platform)/.*\.(c|cpp)$' |
+        xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet
+}
+
+stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
+stage_mips() { scripts/mips; }
+stage_soak() { scripts/soak; }
+
+packages_of() {
+    case $1 in
+        format | clang-build | tidy) echo build test check ;;
+        fuzz) echo build fuzz ;;
+        mips) echo build test mips ;;
+        *) echo build test ;;
+    esac
+}
+
+# Number of tests that a stage's log tells of, as "passed failed".
+counts_of() {
+    awk '
+        /^\[  PASSED  \]|^[0-9]+: \[  PASSED  \]/ { next }
+        /^[0-9]+ tests?$/ { passed += $1 }
+        /^\[  FAILED  \] [0-9]+ tests?, listed below|: \[  FAILED  \] [0-9]+ tests?, listed/ {
+            for (i = 1; i <= NF; i++) if ($i ~ /^[0-9]+$/) { failed += $i; break } }
+        / in [0-9.]+s/ && /passed|failed|error/ {
+            for (i = 2; i <= NF; i++) {
+                if ($i ~ /^passed/) passed += $(i - 1)
+                if ($i ~ /^(failed|error)/) failed += $(i - 1) } }
+        END { print passed + 0, failed + 0 }' "$1"
+}
+
+run_stages() {
+    local name log started status passed failed total_passed=0 total_failed=0 broken=()
+    mkdir -p "$logs"
+    for name in "$@"; do
+        log=$logs/$name.log
+        started=$SECONDS
+        printf '%-14s ' "$name"
+        # shellcheck disable=SC2046
+        { scripts/install-packages $(packages_of "$name") && "stage_${name//-/_}"; } \
+            >"$log" 2>&1 </dev/null
+        status=$?
+        read -r passed failed <<<"$(counts_of "$log")"
+        total_passed=$((total_passed + passed))
+        total_failed=$((total_failed + failed))
+        if [ $status = 0 ]; then
+            printf 'ok      %5d tests  %4d s\n' "$passed" $((SECONDS - started))
+        else
+            [ "$failed" -gt 0 ] || total_failed=$((total_failed + 1))
+            broken+=("$name")
+            printf 'FAILED  %5d tests  %4d s, the end of %s:\n' "$passed" $((SECONDS - started)) "$log"
+            tail -n 60 "$log" | sed 's/^/    /'
+        fi
+    done
+    [ ${#broken[@]} = 0 ] || echo "Failed stages: ${broken[*]}"
+    echo "$total_passed passed, $total_failed failed"
+    [ ${#broken[@]} = 0 ]
+}
