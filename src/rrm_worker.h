@@ -105,6 +105,9 @@ class rrm_worker : public abstract_worker {
     // --- rrm_worker_config.cpp: configuration from the service ---
     void apply_config(const json_reader& config);
     void apply_radio_config(const json_reader& config, const json_reader& element);
+    void apply_channel(const char* ifname, const json_reader& element);
+    // Whether the driver has a radio of this number, and a name for it stands in radio_ifnames.
+    [[nodiscard]] bool is_radio(int id) const;
     void apply_802dot11k(const json_reader& config, int flag);
     void process_rrm_info(const json_reader& message);
     void process_fbt_info(const json_reader& message);
@@ -115,8 +118,12 @@ class rrm_worker : public abstract_worker {
     void process_rrm_update(const json_reader& message);
     void process_rrm_request_mode(const json_reader& message);
     void fill_scan_channels(const char* text);
+    void start_scan(bool generic);
     void scan_delay_expired();
     void scan_finished();
+    void finish_generic_pass(ap_table& table);
+    void finish_vexor_rrm_scan(ap_table& table);
+    void report_rf_environment();
     void post_rrm_response();
     void post_rrm_response_timeout();
     void post_mode_response();
@@ -129,11 +136,21 @@ class rrm_worker : public abstract_worker {
     void post_client_80211v_roam(const json_reader& event);
     void post_sta_80211v_roam(const driver_event_desc& desc);
     void process_rrm_sta_overloaded(const json_reader& message);
-    void sta_overloaded_assoc_list_cb(const rrm_sta_s& sta, std::list<rrm_sta_s>& candidates);
+    void roam_weakest(const char* ifname, const char* ap_mac, int roam_count);
+    static void sta_overloaded_assoc_list_cb(const rrm_sta_s& sta,
+                                             std::list<rrm_sta_s>& candidates);
     void clear_802dot11v_custom_list();
+    // Aging of the tables; the callbacks say whether the entry is to be erased.
     void rrm_probe_response_timeout();
+    bool if_remove_probe_response_timeout_cb(int radio, const libhubd::MacAddr& mac,
+                                             sta_prob_info& probe, bool& report_due);
     void post_rrm_probe_response();
+    bool if_remove_post_rrm_probe_response_cb(int radio, const libhubd::MacAddr& mac,
+                                              const sta_prob_info& probe,
+                                              const json_writer& probes, bool& reported) const;
     void rrm_blacklist_timeout();
+    bool if_remove_rrm_blacklist_timeout_cb(const char* ifname, const libhubd::MacAddr& mac,
+                                            int& seconds);
 
     driver_interface& wl;
     timer_processor tp;
@@ -174,6 +191,9 @@ class rrm_worker : public abstract_worker {
     const std::function<void(const buffer_info_ptr&)> internal_pending_dequeue_cb_binded;
     const driver_interface::driver_event_callback process_driver_event_binded;
 };
+
+// The protocol version that this access point speaks.
+inline constexpr const char* protocol_version = "2.4";
 
 // Names of the radios' interfaces by radio number; no more radios than these are reported.
 inline constexpr std::array<const char*, 3> radio_ifnames = {"wlan0", "wlan1", "wlan2"};
