@@ -1,0 +1,181 @@
+// RrmWorkerTest: an RRM worker on the test's own thread, driven pass by pass, between a service, a
+// message bus and an access point that the test plays.
+#ifndef TESTS_RRM_WORKER_FIXTURE_H
+#define TESTS_RRM_WORKER_FIXTURE_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kernel.h"
+#include "log_capture.h"
+#include "mock_driver.h"
+#include "rrm_worker.h"
+#include "safe_queue.h"
+#include "test_bus.h"
+#include "test_clock.h"
+
+// State of a worker that no message shows.
+class rrm_worker_peer {
+  public:
+    explicit rrm_worker_peer(rrm_worker& worker) : w(worker) {}
+
+    [[nodiscard]] bool subscribed() const { return w.subscribed; }
+    [[nodiscard]] bool subscribing() const { return w.subscribing; }
+    [[nodiscard]] const std::string& ap_location() const { return w.ap_location; }
+    [[nodiscard]] int subscribe_timeout() const { return w.subscribe_timeout; }
+    [[nodiscard]] int rrm_response_timeout() const { return w.rrm_response_timeout; }
+    [[nodiscard]] bool disable_vexor_rrm_scanning() const { return w.disable_vexor_rrm_scanning; }
+    [[nodiscard]] bool send_assoc_prohibited() const { return w.send_assoc_prohibited; }
+    [[nodiscard]] unsigned scan_count() const { return w.scan_count; }
+    [[nodiscard]] const std::set<unsigned>& scan_channels_2() const { return w.scan_channels_2; }
+    [[nodiscard]] const std::set<unsigned>& scan_channels_5() const { return w.scan_channels_5; }
+    [[nodiscard]] environment_t& environment() const { return w.environment; }
+    [[nodiscard]] sta_environment_t& sta_environment() const { return w.sta_environment; }
+    [[nodiscard]] sta_block_t& sta_block() const { return w.sta_block; }
+    [[nodiscard]] bool& blacklist_enabled() const { return w.blacklist_enabled; }
+    [[nodiscard]] bool& no_balance_enterprise() const { return w.no_balance_enterprise; }
+    [[nodiscard]] bool& orvanta_use_80211v() const { return w.orvanta_use_80211v; }
+    [[nodiscard]] bool& orvanta_use_80211r() const { return w.orvanta_use_80211r; }
+    [[nodiscard]] int fbt_reassoc_deadline() const { return w.fbt_reassoc_deadline; }
+    [[nodiscard]] bool fbt_over_ds() const { return w.fbt_over_ds; }
+
+    void fill_scan_channels(const char* text) { w.fill_scan_channels(text); }
+    void rrm_probe_response_timeout() { w.rrm_probe_response_timeout(); }
+    void rrm_blacklist_timeout() { w.rrm_blacklist_timeout(); }
+    void post_disassoc_all() { w.post_disassoc_all(); }
+
+  private:
+    rrm_worker& w;
+};
+
+class RrmWorkerTest : public testing::Test {
+  protected:
+    // hostapd is up, the configuration store answers, and the link to the service is down.
+    RrmWorkerTest() {
+        for (const char* folder : {"/tmp", "/var/run"})
+            std::filesystem::create_directories(root + folder);
+        lab::set_root(root);
+        touch(hostapd_pid);
+        start_worker();
+    }
+    ~RrmWorkerTest() override {
+        worker.reset();
+        lab::set_root("");
+        std::filesystem::remove_all(root);
+    }
+
+    static constexpr const char* hostapd_pid = "/var/run/hostapd.pid";
+    static constexpr const char* guardd_pid = "/var/run/guardd.pid";
+    static constexpr const char* notify = "/tmp/.orvanta_notify";
+    static constexpr const char* notify_hostapd_started = "/tmp/.orvanta_notify_hostapd_started";
+    static constexpr const char* notify_guardd_started = "/tmp/.orvanta_notify_guardd_started";
+    static constexpr const char* notify_config_updated = "/tmp/.orvanta_notify_config_updated";
+    static constexpr const char* notify_timezone = "/tmp/.orvanta_notify_timezone_changed";
+    static constexpr const char* connected_flag = "/tmp/.orvanta-connected";
+
+    // A new worker in place of the present one.
+    void start_worker(const std::string& location = "site-1") {
+        worker.reset();
+        worker = std::make_unique<rrm_worker>(driver, from_websocket, to_websocket, from_ipc,
+                                              to_ipc, run_flag, location);
+    }
+    rrm_worker_peer peer() { return rrm_worker_peer{*worker}; }
+
+    // One turn of the worker's loop; what its condition said.
+    bool pass() {
+        if (!worker->condition(run_flag))
+            return false;
+        worker->execute();
+        return true;
+    }
+    // Moves the monotonic clock and lets due timers fire.
+    void advance(int seconds) {
+        clock.advance(seconds);
+        worker->execute();
+    }
+
+    // Put a message into the worker's queue and let it run one pass.
+    void service_sends(const std::string& text) { deliver(from_websocket, text); }
+    void bus_sends(const std::string& text) { deliver(from_ipc, text); }
+    // A service message in its envelope; `fields` as in R"("code":503,"status":"error")".
+    void service_commands(const std::string& cmd, const std::string& fields = "") {
+        service_sends(R"({"version":"2.4","service":"rrm","cmd":")" + cmd + '"' +
+                      (fields.empty() ? "" : "," + fields) + "}");
+    }
+    void link(const std::string& state) {
+        service_sends(R"({"version":"2.4","service":"internal-ipc","cmd":")" + state + R"("})");
+    }
+    // The link comes up and the service accepts the access point; earlier reports are forgotten.
+    void subscribe(const std::string& config = "") {
+        link("connected");
+        service_commands(
+            "subscribe-response",
+            R"("status":"success")" + (config.empty() ? std::string{} : R"(,"config":)" + config));
+        forget_reports();
+    }
+
+    // All messages for the websocket worker since the last forget_reports(), as texts.
+    const std::vector<std::string>& reports() {
+        while (
+            to_websocket.dequeue([this](const buffer_info_ptr& b) { sent.push_back(b->text()); }))
+            ;
+        return sent;
+    }
+    // Empty when there is none.
+    std::string last_report() { return reports().empty() ? std::string{} : sent.back(); }
+    // Those with that "cmd".
+    std::vector<std::string> reports_of(const std::string& cmd) {
+        std::vector<std::string> result;
+        for (const std::string& text : reports()) {
+            if (test_bus::member(text, "cmd") == cmd)
+                result.push_back(text);
+        }
+        return result;
+    }
+    void forget_reports() {
+        reports();
+        sent.clear();
+    }
+
+    // Files as the worker sees them.
+    void touch(const std::string& path) { std::ofstream{root + path}; }
+    bool exists(const std::string& path) { return std::filesystem::exists(root + path); }
+    void remove(const std::string& path) { std::filesystem::remove(root + path); }
+
+    TestBus bus;
+    FakeVaultd vaultd{bus};
+    TestClock clock;
+    LogCapture log;
+    const std::string root = make_root();
+    testing::NiceMock<MockDriver> driver;
+    safe_queue from_websocket;
+    safe_queue to_websocket;
+    safe_queue from_ipc;
+    safe_queue to_ipc;
+    volatile bool run_flag = true;
+    std::unique_ptr<rrm_worker> worker;
+
+  private:
+    static std::string make_root() {
+        char name[] = "/tmp/lumd-root-XXXXXX";
+        return mkdtemp(name);
+    }
+
+    void deliver(safe_queue& queue, const std::string& text) {
+        const auto buffer = std::make_shared<buffer_info_t>();
+        buffer->append(text.data(), static_cast<unsigned>(text.size()));
+        queue.enqueue(buffer);
+        worker->execute();
+    }
+
+    std::vector<std::string> sent;
+};
+
+#endif
