@@ -26,7 +26,9 @@ class json_writer {
     [[nodiscard]] json_writer make_subobject(const char* key) const;
     [[nodiscard]] json_writer make_array(const char* key) const;
 
-    // Adds a member; in an array appends and ignores the key. The last value of a key stands.
+    // Adds a member; the last value of a key stands. In an array puts the value behind those that
+    // this writer inserted before and ignores the key: an array holds either inserted values or
+    // nested writers' objects, not both. A null text adds nothing.
     void insert_string(const char* key, const char* value);
     void insert_string(const char* key, const std::string& value);
     void insert_int(const char* key, int value);
@@ -38,10 +40,13 @@ class json_writer {
     [[nodiscard]] bool fail() const { return obj == nullptr; }
 
   private:
+    // Takes over `value`.
+    void insert(const char* key, json_object* value);
+
     json_object* obj;
     bool is_array;
     const json_writer* parent;
-    int idx = 0;
+    int idx = 0;  // next index of an array
 };
 
 #endif
