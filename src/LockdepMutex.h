@@ -10,6 +10,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,13 +46,18 @@ class LockdepStorage {
     // Records that `lock` is about to be released; ends the process when it is not held.
     void del_lock(const LockdepMutexBase* lock);
 
-    // Ends the process when a lock has been held for 121 seconds or more.
+    // Ends the process when a lock has been held for 121 seconds or more, now or at the monotonic
+    // time `now`.
     void check_expired();
+    void check_expired(std::time_t now);
 
     // Number of locks held now.
     [[nodiscard]] std::size_t size() const;
 
   private:
+    // The unit tests look at the records.
+    friend class LockdepStorage_peer;
+
     // Logs every held lock at debug level; the caller holds `m`.
     void dump() const;
 
@@ -59,7 +65,7 @@ class LockdepStorage {
     mutable std::mutex m;
 };
 
-// A mutex known to the checker; a standard Lockable.
+// A mutex known to the checker; a standard BasicLockable, as its recursive sibling is.
 class LockdepMutex : public LockdepMutexBase {
   public:
     using LockdepMutexBase::LockdepMutexBase;
@@ -100,6 +106,11 @@ class LockdepRecursiveMutex : public LockdepMutexBase {
   private:
     std::recursive_mutex m;
 };
+
+// One line of backtrace_symbols(3), "module(mangled+offset) [address]", as a record keeps it: with
+// the demangled name before the mangled one, unchanged when there is nothing to demangle, nothing
+// for a line of another form.
+std::optional<std::string> lockdep_backtrace_entry(const std::string& symbol);
 
 // Checks once a second for ever; runs on a detached thread of its own.
 void vexor_lockdep_thread_func();
