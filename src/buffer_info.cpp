@@ -1,1 +1,21 @@
 #include "buffer_info.h"
+
+#include "cfgtree.h"
+#include "lum_trace.h"
+
+const std::string& buffer_info_t::append(const char* data, unsigned len) {
+    if (data != nullptr && len != 0)
+        message.append(data, len);
+    return message;
+}
+
+void buffer_info_t::dump() const {
+    if (!trace.is_debug_enabled())
+        return;
+    const std::unique_ptr<cfgtree_node, decltype(&cfgtree_release)> tree(
+        cfgtree_parse_buffer(message.data(), message.size()), &cfgtree_release);
+    if (tree)
+        trace.debug("Buffer info dump:\n%s", cfgtree_serialize(tree.get()));
+    else
+        trace.debug("Buffer info dump: %s\n", message.c_str());
+}

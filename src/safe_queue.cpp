@@ -1,1 +1,12 @@
 #include "safe_queue.h"
+
+#include <cstring>
+
+#include "json_writer.h"
+
+void safe_queue::enqueue_json(json_writer& w) {
+    const char* text = w.serialize();
+    const auto buffer = std::make_shared<buffer_info_t>();
+    buffer->append(text, static_cast<unsigned>(std::strlen(text)));
+    enqueue(buffer);
+}
