@@ -32,7 +32,8 @@ class abstract_worker {
     // Whether to go on executing.
     virtual bool condition(const volatile bool& flag) = 0;
 
-    // Joins the thread.
+    // Joins the thread. The destructor of a class whose operations the thread may still be calling
+    // joins first itself, before its own members go.
     virtual ~abstract_worker();
 
     // The run loop; returns when the run flag is clear.
@@ -60,6 +61,10 @@ class abstract_worker {
     bool can_run = false;  // the current connection is usable
 
   private:
+    // One execute() and the wait that it asked for.
+    void run_pass();
+    bool guarded_execute();
+
     std::thread th;
     const volatile bool& run_flag;
     const std::string name;
