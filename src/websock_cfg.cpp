@@ -1,1 +1,206 @@
 #include "websock_cfg.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "logsink.h"
+#include "lum_trace.h"
+
+namespace {
+
+constexpr int everything = 65535;      // log level until the file says otherwise
+constexpr int line_buffer_size = 255;  // longer lines are read in pieces
+constexpr const char* default_ap_location = "default-rrm-domain";
+
+struct file_closer {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// Copies as much of `from` as fits behind the first `at` characters of `to`.
+template <std::size_t size>
+void copy_text(char (&to)[size], const char* from, std::size_t at = 0) {
+    const std::size_t length = strnlen(from, size - 1 - at);
+    std::memcpy(to + at, from, length);
+    to[at + length] = '\0';
+}
+
+// As atoi(3), which leaves numbers beyond int undefined; here they give the nearest int.
+int to_int(const char* text) {
+    return static_cast<int>(std::clamp<long>(std::strtol(text, nullptr, 10), INT_MIN, INT_MAX));
+}
+
+// Cuts `text` at the first `separator`; returns what follows it, null when there is none.
+char* split(char* text, const char* separator) {
+    char* const found = std::strstr(text, separator);
+    if (found == nullptr)
+        return nullptr;
+    *found = '\0';
+    return found + std::strlen(separator);
+}
+
+// One key of the configuration file. A handler gets the whole line, with its line end, and the
+// value's offset in it; false ends the parse.
+struct config_key {
+    const char* prefix;
+    bool (*apply)(websock_cfg_t& cfg, char* line, int value_at);
+};
+
+template <ws_instance_id id>
+bool apply_service_url(websock_cfg_t& cfg, char* line, int value_at) {
+    return cfg.setup_service_config(id, line, value_at);
+}
+
+template <std::size_t config_instance_t::*delay>
+bool apply_delay(websock_cfg_t& cfg, char* line, int value_at) {
+    for (config_instance_t& service : cfg.instance)
+        service.*delay = std::strtoul(line + value_at, nullptr, 10);
+    return true;
+}
+
+bool apply_ap_location(websock_cfg_t& cfg, char* line, int value_at) {
+    for (config_instance_t& service : cfg.instance) {
+        copy_text(service.ap_location, line + value_at);
+        fixup_config_string(service.ap_location);
+    }
+    return true;
+}
+
+bool apply_log_level(websock_cfg_t& cfg, char* line, int value_at) {
+    const char* const value = line + value_at;
+    const bool hexadecimal = strncasecmp(value, "0x", 2) == 0;
+    const unsigned long level =
+        hexadecimal ? std::strtoul(value + 2, nullptr, 16) : std::strtoul(value, nullptr, 10);
+    // Bits above those of an int are cut off.
+    cfg.log_level = global_log_level = static_cast<int>(level);
+    trace.set_log_level(cfg.log_level);
+    return true;
+}
+
+bool apply_log_file(websock_cfg_t&, char* line, int value_at) {
+    char* const value = line + value_at;
+    global_log_out = true;
+    fixup_config_string(value);
+    global_log_file = value;
+    logsink_set_file(value);
+    return true;
+}
+
+bool apply_mac_list_id(websock_cfg_t& cfg, char* line, int value_at) {
+    char* const value = line + value_at;
+    fixup_config_string(value);
+    cfg.wids_mac_list_id = value;
+    return true;
+}
+
+constexpr config_key config_keys[] = {
+    {"roam_service_url=", apply_service_url<WS_INSTANCE_PORTAL>},
+    {"orvanta_service_url=", apply_service_url<WS_INSTANCE_RRM>},
+    {"mac-list-service-url=", apply_service_url<WS_INSTANCE_WIDS>},
+    {"initial_connection_delay=", apply_delay<&config_instance_t::initial_connection_delay>},
+    {"max_connection_delay=", apply_delay<&config_instance_t::max_connection_delay>},
+    {"ap_location=", apply_ap_location},
+    {"log_level=", apply_log_level},
+    {"log_file=", apply_log_file},
+    {"mac-list-id=", apply_mac_list_id},
+};
+
+bool apply_line(websock_cfg_t& cfg, char* line) {
+    for (const config_key& key : config_keys) {
+        const std::size_t length = std::strlen(key.prefix);
+        if (strncasecmp(line, key.prefix, length) == 0)
+            return key.apply(cfg, line, static_cast<int>(length));
+    }
+    return true;  // comments, blank lines, unknown keys
+}
+
+}  // namespace
+
+websock_cfg_t::websock_cfg_t(int argc, const char** argv) {
+    trace.set_log_level(everything);
+    const char* const path = parse_options(argc, argv);
+    if (path != nullptr && !parse_file(path))
+        error = 1;
+}
+
+const char* websock_cfg_t::parse_options(int argc, const char** argv) {
+    const char* path = nullptr;
+    optind = 0;  // a fresh start of getopt(3), its hidden state included
+    for (int option; (option = getopt(argc, const_cast<char**>(argv), "f:d:p:P:")) != -1;) {
+        if (option == 'f') {
+            path = optarg;
+            continue;
+        }
+        for (config_instance_t& service : instance) {
+            switch (option) {
+                case 'd':
+                    copy_text(service.domain, optarg);
+                    break;
+                case 'p':
+                    copy_text(service.path, optarg);
+                    break;
+                case 'P':
+                    service.port = to_int(optarg);
+                    break;
+                default:
+                    std::exit(-1);
+            }
+        }
+    }
+    return path;
+}
+
+bool websock_cfg_t::parse_file(const char* path) {
+    for (config_instance_t& service : instance)
+        copy_text(service.ap_location, default_ap_location);
+    global_log_out = false;
+    global_log_level = 0;
+    logsink_set_file(nullptr);
+
+    const std::unique_ptr<std::FILE, file_closer> file(std::fopen(path, "re"));
+    if (!file)
+        return false;
+    char line[line_buffer_size];
+    while (std::fgets(line, line_buffer_size, file.get()) != nullptr) {
+        if (!apply_line(*this, line))
+            return false;
+    }
+    // A directory, for one, opens well and fails at the first read.
+    return std::ferror(file.get()) == 0;
+}
+
+bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int prefix_len) {
+    char* const url = line + prefix_len;
+    char* const after_scheme = split(url, "://");
+    char* const host = after_scheme != nullptr ? after_scheme : url;
+    char* const port = split(host, ":");
+    char* const path = split(port != nullptr ? port : host, "/");
+
+    if (after_scheme != nullptr && std::strcmp(url, "ws") != 0) {
+        trace.debug("Proto %s is invalid\n", url);
+        return false;
+    }
+    config_instance_t& service = instance[id];
+    if (port != nullptr && path != nullptr) {
+        copy_text(service.domain, host);
+        copy_text(service.path, "/");
+        copy_text(service.path, path, 1);
+        service.port = to_int(port);
+        service.run = true;
+    }
+    fixup_config_string(service.domain);
+    fixup_config_string(service.path);
+    return true;
+}
+
+int fixup_config_string(char* s) {
+    const std::size_t length = std::strlen(s);
+    s[std::strcspn(s, "\r\n")] = '\0';
+    return static_cast<int>(length);
+}

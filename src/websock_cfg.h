@@ -19,7 +19,7 @@ struct config_instance_t {
     char domain[256];       // server host name or address
     char path[256];         // request path, with its leading "/"
     int port;
-    volatile bool run;                  // configured, so its mode may run
+    volatile bool run;                     // configured, so its mode may run
     std::size_t initial_connection_delay;  // seconds
     std::size_t max_connection_delay;      // seconds
 };
@@ -39,10 +39,14 @@ class websock_cfg_t {
     bool setup_service_config(ws_instance_id id, char* line, int prefix_len);
 
     std::array<config_instance_t, WS_INSTANCE_MAX> instance{};
-    int log_level = 0;
-    int reconnect_retries = 3;
-    int error = 0;
-    std::string wids_mac_list_id;
+    int log_level = 0;             // from the file
+    int reconnect_retries = 3;     // nothing reads it
+    int error = 0;                 // 1: the file could not be read or held a rejected URL
+    std::string wids_mac_list_id;  // from the file
+
+  private:
+    // Returns the configuration file's path, null without -f.
+    const char* parse_options(int argc, const char** argv);
 };
 
 // Cuts `s` at its first line feed or carriage return; returns the length it had before.
