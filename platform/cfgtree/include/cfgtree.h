@@ -34,11 +34,12 @@ enum cfgtree_type {
 /* A new empty object, or null without memory. */
 cfgtree_node* cfgtree_new(void);
 
-/* The tree of a NUL-terminated JSON text; null when the text is null, malformed or has anything
- * but blanks behind its value. */
+/* The tree of a NUL-terminated JSON text; null when the text is null, malformed (to the strict
+ * json-c tokener, nested deeper than 31 levels) or has anything but white space behind its value.
+ * The text "null" gives a null pointer too. */
 cfgtree_node* cfgtree_parse(const char* text);
 
-/* The same for `len` bytes that need no NUL behind them. */
+/* The same for `len` bytes that need no NUL behind them; NULs at their end are ignored. */
 cfgtree_node* cfgtree_parse_buffer(const char* data, size_t len);
 
 /* Drops the caller's reference; null is allowed. */
@@ -48,7 +49,7 @@ void cfgtree_release(cfgtree_node* node);
 int cfgtree_get_type(const cfgtree_node* node);
 
 /* Sets the string member `name` of an object, replacing what stood there. 0, or -1 when `node` is
- * not an object or memory is short. */
+ * not an object, `name` or `value` is null, or memory is short. */
 int cfgtree_set_param(cfgtree_node* node, const char* name, const char* value);
 
 /* Text of the scalar member `name`; null when it is missing or no scalar. */
@@ -68,13 +69,19 @@ cfgtree_node* cfgtree_add_subtree(cfgtree_node* node, const char* name);
 int cfgtree_add_string(cfgtree_node* node, const char* name, const char* value);
 
 /* Puts `child` under `name`; the tree takes a reference of its own, so the caller still releases
- * `child`. 0, or -1 when `node` is not an object. */
+ * `child`. A tree must not be put below itself. 0, or -1 when `node` is not an object. */
 int cfgtree_insert(cfgtree_node* node, const char* name, cfgtree_node* child);
+
+/* Number of elements of an array; 0 for any other node. */
+size_t cfgtree_array_length(const cfgtree_node* node);
+
+/* Element of an array, borrowed; null outside it and for any other node. */
+cfgtree_node* cfgtree_array_at(const cfgtree_node* node, size_t index);
 
 /* Text form: of a string its bare text, of every other value indented JSON. */
 const char* cfgtree_serialize(const cfgtree_node* node);
 
-/* JSON on one line without blanks, members in the order of their insertion. */
+/* JSON on one line without blanks, members in the order of their insertion; "/" is not escaped. */
 const char* cfgtree_serialize_compact(const cfgtree_node* node);
 
 /* An object's compact JSON; the empty text for any other node. */
