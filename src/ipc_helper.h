@@ -4,6 +4,8 @@
 #define LUMD_IPC_HELPER_H
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -16,14 +18,24 @@
 // Ordered name/value pairs pushed to hubd.
 using orvanta_params_t = std::vector<std::pair<std::string, std::string>>;
 
+struct cfgtree_deleter {
+    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
+};
+// An owned configuration tree.
+using cfgtree_ptr = std::unique_ptr<cfgtree_node, cfgtree_deleter>;
+
 // Owns a bus context of its own. Holds no lock: used by one thread at a time. A request waits for
 // its answer on the caller's thread, at most `timeout` seconds; an absent daemon is known at once.
 // Failures are logged and answered by -1, false, an empty text or the stated default; none is
 // retried.
 class ipc_helper {
   public:
-    // Joins the bus as `module`; a failure ends the process with status 255.
-    ipc_helper(ipc_module_t module, int timeout_seconds);
+    // Joins the bus as `module`; a failure ends the process with status 255. `process_run_flag`,
+    // when given, is borrowed: once it is false no request is sent that would wait for an answer,
+    // it fails at once instead. A process told to stop thus waits for the answer under way at most,
+    // however many requests were to follow.
+    ipc_helper(ipc_module_t module, int timeout_seconds,
+               const volatile bool* process_run_flag = nullptr);
     ipc_helper(const ipc_helper&) = delete;
     ipc_helper& operator=(const ipc_helper&) = delete;
 
@@ -71,14 +83,33 @@ class ipc_helper {
     ~ipc_helper();
 
     // Sends `request` (borrowed) to `module` and waits for the answer whose "command" is
-    // `response_command`. The answer belongs to the caller; null when none came, and `error_text`
-    // is logged.
-    cfgtree_node* send_ipc_message_wait_answer(cfgtree_node* request, const char* response_command,
-                                               std::uint8_t module, const char* error_text) const;
+    // `response_command`. Null when none came, and `error_text` is logged.
+    cfgtree_ptr send_ipc_message_wait_answer(const cfgtree_node* request,
+                                             const char* response_command, std::uint8_t module,
+                                             const char* error_text) const;
+
+    // Whether an answer's "status" is "ok"; and otherwise the reason it gives.
+    static bool is_consent(const cfgtree_node* answer);
+    static const char* refusal_reason(const cfgtree_node* answer);
+
+    // A configuration path of at most 63 characters; a longer one is cut.
+    [[gnu::format(printf, 1, 2)]] static std::string format_path(const char* format, ...);
+
+    // The value at `path`, logging the path first.
+    std::optional<std::string> read(const std::string& path) const;
 
   private:
+    [[nodiscard]] bool is_stopping() const { return running != nullptr && !*running; }
+
+    // The value below a VAP's configuration, logged in the name of the operation `func`.
+    std::optional<std::string> read_vap(const std::string& ifname, const char* suffix,
+                                        const char* func, int line) const;
+
+    int send_scan_notice(const char* command, const char* ifname) const;
+
     msgbus_context* ctx;
     const std::int32_t timeout;  // seconds
+    const volatile bool* const running;
 };
 
 #endif

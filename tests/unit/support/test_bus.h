@@ -155,8 +155,8 @@ class TestBus {
     TestBus() : folder_(make_folder()), socket_(folder_ + "/bus"), broker_(socket_) {
         if (!broker_.open())
             throw std::runtime_error("no broker at " + socket_);
-        runner_ = std::thread([this] { broker_.run(); });
         setenv("MSGBUS_SOCKET", socket_.c_str(), 1);
+        runner_ = std::thread([this] { broker_.run(); });
     }
     ~TestBus() {
         daemons_.clear();
@@ -173,15 +173,20 @@ class TestBus {
 
     // Makes a daemon of that module id, in place of an earlier one; it is on the bus on return.
     void serve(ipc_module_t module, Handler handler) {
-        daemons_.erase(module);
-        daemons_.emplace(module, std::make_unique<Daemon>(attach(module), std::move(handler),
-                                                          [this, module](const std::string& text) {
-                                                              note(module, text);
-                                                          }));
+        drop(module);
+        auto daemon = std::make_unique<Daemon>(
+            attach(module), std::move(handler),
+            [this, module](const std::string& text) { note(module, text); });
+        const std::lock_guard lock{daemons_mutex_};
+        daemons_.emplace(module, std::move(daemon));
     }
 
     // Ends the daemon.
-    void drop(ipc_module_t module) { daemons_.erase(module); }
+    void drop(ipc_module_t module) {
+        std::unique_lock lock{daemons_mutex_};
+        const auto ended = daemons_.extract(module);
+        lock.unlock();  // the daemon's handler may still be in send()
+    }
 
     // The same, and on return the broker knows that the module is gone.
     void stop_serving(ipc_module_t module) {
@@ -198,9 +203,11 @@ class TestBus {
         throw std::runtime_error("the broker keeps module " + std::to_string(module));
     }
 
-    // Sends a message in the daemon's name that nobody asked for.
+    // Sends a message in the daemon's name that nobody asked for. Handlers may call it.
     void send(ipc_module_t from, ipc_module_t to, const std::string& text) {
-        daemons_.at(from)->connection().send(to, text, ++unsolicited_);
+        const std::lock_guard lock{daemons_mutex_};
+        if (const auto daemon = daemons_.find(from); daemon != daemons_.end())
+            daemon->second->connection().send(to, text, ++unsolicited_);
     }
 
     // All texts that have reached the module so far.
@@ -294,7 +301,8 @@ class TestBus {
     mutable std::mutex mutex_;
     mutable std::condition_variable arrived_;
     std::map<ipc_module_t, std::vector<std::string>> requests_;
-    std::uint32_t unsolicited_ = 0;
+    std::mutex daemons_mutex_;
+    std::uint32_t unsolicited_ = 1'000'000;  // message numbers that no request bears
     std::map<ipc_module_t, std::unique_ptr<Daemon>> daemons_;
 };
 
