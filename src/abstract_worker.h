@@ -57,6 +57,7 @@ class abstract_worker {
     int process_eventfd(int timeout_ms) const;
 
     [[nodiscard]] const std::string& worker_label() const { return name; }
+    [[nodiscard]] bool is_running() const { return run_flag; }
 
     bool can_run = false;  // the current connection is usable
 

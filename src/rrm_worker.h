@@ -30,9 +30,8 @@ class rrm_worker : public abstract_worker {
     // Everything is borrowed and outlives the worker. `location` is the service "domain" until a
     // subscribe response names another.
     rrm_worker(driver_interface& driver, safe_queue& from_websocket_queue,
-               safe_queue& to_websocket_queue, safe_queue& from_ipc_queue,
-               safe_queue& to_ipc_queue, const volatile bool& worker_run_flag,
-               const std::string& location);
+               safe_queue& to_websocket_queue, safe_queue& from_ipc_queue, safe_queue& to_ipc_queue,
+               const volatile bool& worker_run_flag, const std::string& location);
     ~rrm_worker() override;
 
     // True when hostapd or guardd lives (its pid file exists).
@@ -58,6 +57,16 @@ class rrm_worker : public abstract_worker {
         TIMER_BLACKLIST = 6
     };
 
+    static constexpr int first_subscribe_timeout = 30;  // seconds
+
+    // A command of the service: its handler, or the line that says why it has none.
+    struct service_command {
+        const char* cmd;
+        void (rrm_worker::*handler)(const json_reader&);
+        const char* refusal;
+    };
+    static const std::array<service_command, 10> service_commands;
+
     // --- rrm_worker.cpp: dispatch and subscription ---
     void from_ipc_dequeue_cb(const buffer_info_ptr& buffer);
     void internal_pending_dequeue_cb(const buffer_info_ptr& buffer);
@@ -72,19 +81,29 @@ class rrm_worker : public abstract_worker {
     void process_connected();
     void process_disconnected();
     void process_subscribe_response(const json_reader& message);
+    void process_subscribed(const json_reader& message);
+    void retry_subscribing();
+    // Sends the first request of a series.
+    void begin_subscribing();
+    // A message to the service that holds its header.
+    [[nodiscard]] json_writer make_message(const char* cmd) const;
     void post_subscribe_request();
     void post_unsubscribe_request();
     void post_disassoc_all();
     void post_ipc_disconnect();
     void subscribe_request_timeout();
     void increment_subscribe_timeout();
+    // Stops all seven, and with them the survey that they drive.
     void stop_timers();
+    void abandon_survey();
     void rearm_timer(timer_id id, const timer_callback_type& callback, int seconds);
     void clear_environments();
     void clear_802dot11k();
 
     // --- rrm_worker_presence.cpp: hostapd, guardd and notify files ---
+    void remove_stale_files();
     [[nodiscard]] bool process_notifications();
+    [[nodiscard]] bool is_restart_awaited() const;
     void process_notify_files();
     void process_hostapd_stopped();
     void process_hostapd_started();
@@ -93,6 +112,8 @@ class rrm_worker : public abstract_worker {
 
     // --- rrm_worker_report.cpp: what the radios look like ---
     void insert_interface_to_json(json_writer& radios, const char* ifname, int radio);
+    // What only a radio in use has: channels to choose from, VAPs, clients.
+    void insert_live_lists(json_writer& object, const char* ifname, int radio);
     // Appends "radios", one object per radio.
     void insert_radios(json_writer& message);
     void insert_json_factory(json_writer& message);
@@ -146,8 +167,8 @@ class rrm_worker : public abstract_worker {
                                              sta_prob_info& probe, bool& report_due);
     void post_rrm_probe_response();
     bool if_remove_post_rrm_probe_response_cb(int radio, const libhubd::MacAddr& mac,
-                                              const sta_prob_info& probe,
-                                              const json_writer& probes, bool& reported) const;
+                                              const sta_prob_info& probe, const json_writer& probes,
+                                              bool& reported) const;
     void rrm_blacklist_timeout();
     bool if_remove_rrm_blacklist_timeout_cb(const char* ifname, const libhubd::MacAddr& mac,
                                             int& seconds);
