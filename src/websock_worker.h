@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <ctime>
 #include <functional>
@@ -71,8 +72,8 @@ class websock_worker : public abstract_worker {
 
     // Waits out the back-off, then issues the connect; the handshake completes later.
     bool __connect() override;
-    // One service pass, which does the waiting: the socket, a message of the partner and a tick of
-    // 100 ms end it.
+    // One service pass, which does the waiting: the socket, a message of the partner and, at the
+    // latest, 100 ms end it.
     bool execute() override;
     void __disconnect() override;
     bool condition(const volatile bool& flag) override;
@@ -84,8 +85,10 @@ class websock_worker : public abstract_worker {
     static constexpr int ping_timer = 0;  // id in tp
 
     // libwebsockets calls back with the address of `sul`, its first member.
-    struct service_tick {
+    struct service_bound {
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
         lws_sorted_usec_list_t sul;
+#endif
         websock_worker* worker;
     };
 
@@ -95,11 +98,15 @@ class websock_worker : public abstract_worker {
 
     // --- websock_worker.cpp: connection, back-off, sending ---
     [[nodiscard]] bool _connect();
-    void prepare_context();
-    [[nodiscard]] bool issue_connect();
-    void start_tick();
-    void stop_tick();
-    static void tick_expired(lws_sorted_usec_list_t* sul);
+    void fill_creation_info();
+    void fill_connect_info();
+    void close_context();
+    void bound_service();
+    void unbound_service();
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
+    static void bound_reached(lws_sorted_usec_list_t* sul);
+#endif
+    void ask_writeable_when_due();
     void drop_received();
     [[nodiscard]] int get_connect_delay();
     void delay_loop();
@@ -110,8 +117,12 @@ class websock_worker : public abstract_worker {
     void rearm_ping_timer();
     int lws_send(lws* wsi, const void* data, std::size_t len, lws_write_protocol protocol);
     void notify(const char* cmd);
-    void notify_connected() { notify("connected"); }
-    void notify_disconnected() { notify("disconnected"); }
+    void notify_connected() {
+        notify("connected");
+    }
+    void notify_disconnected() {
+        notify("disconnected");
+    }
     // True: the message was for this worker and is not sent.
     [[nodiscard]] bool process_internal_message(const buffer_info_t& buffer);
     void process_internal_unlink();
@@ -125,7 +136,8 @@ class websock_worker : public abstract_worker {
     int process_client_established(lws* wsi);
     int process_closed();
     int process_client_receive(lws* wsi, const void* in, std::size_t len);
-    int receive_piece(const void* in, std::size_t len, std::size_t remaining, bool final);
+    int queue_received();
+    [[nodiscard]] bool append_received(const void* in, std::size_t len);
     int process_client_receive_pong();
     int process_client_writeable(lws* wsi);
     void process_client_writeable_dequeue_cb(lws* wsi, const buffer_info_ptr& buffer);
@@ -162,9 +174,10 @@ class websock_worker : public abstract_worker {
     const std::function<void(const buffer_info_ptr&)> delay_loop_dequeue_cb_binded;
     const std::function<bool()> delay_with_periodic_cb_binded;
     const volatile bool& running;
-    service_tick tick{};
-    lws* link = nullptr;                 // the established connection
-    std::atomic<bool> send_due = false;  // the partner has enqueued since the last pass
+    service_bound bound{};
+    std::chrono::steady_clock::time_point next_ask;  // for WRITEABLE while there is nothing to send
+    lws* link = nullptr;                             // the established connection
+    std::atomic<bool> send_due = false;              // the partner has enqueued since the last pass
 };
 
 #endif
