@@ -1,1 +1,98 @@
 #include "ipc_worker.h"
+
+#include <array>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+constexpr int idle_delay_us = 100000;
+constexpr int reconnect_pause_us = 1000000;
+constexpr std::array<std::uint8_t, 2> bus_options = {0xFE, 0x00};  // opaque to this side
+
+struct frame_deleter {
+    void operator()(message_s* frame) const { std::free(frame); }
+};
+
+}  // namespace
+
+ipc_worker::ipc_worker(safe_queue& to_daemon_queue, safe_queue& from_daemon_queue,
+                       ipc_module_t module, const volatile bool& running)
+    : abstract_worker(running, "ipc", idle_delay_us, reconnect_pause_us),
+      to_daemon(to_daemon_queue),
+      from_daemon(from_daemon_queue),
+      module_id(module),
+      from_daemon_dequeue_cb_binded(
+          [this](const buffer_info_ptr& buffer) { from_daemon_dequeue_cb(buffer); }) {}
+
+ipc_worker::~ipc_worker() {
+    join();
+}
+
+bool ipc_worker::__connect() {
+    ctx = msgbus_init(module_id, bus_options.data(), bus_options.size());
+    if (ctx == nullptr)
+        return false;
+    msgbus_set_module_loop(ctx, 0);
+    if (msgbus_get_module_loop(ctx) == 0) {
+        msgbus_peer_start(ctx);
+        from_daemon.set_user_notifier([this] { put_event(); });
+        return true;
+    }
+    release();
+    return false;
+}
+
+bool ipc_worker::execute() {
+    if (ctx == nullptr)
+        return false;
+    const std::unique_ptr<message_s, frame_deleter> frame(msgbus_poll_no_wait(ctx));
+    if (frame) {
+        process_ipc_message(*frame);
+        return false;
+    }
+    return !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
+}
+
+void ipc_worker::__disconnect() {
+    from_daemon.unset_user_notifier();
+    release();
+}
+
+bool ipc_worker::condition(const volatile bool& running) {
+    return running && ctx != nullptr && msgbus_get_module_loop(ctx) != 0;
+}
+
+void ipc_worker::release() {
+    if (ctx == nullptr)
+        return;
+    msgbus_release(ctx);
+    ctx = nullptr;
+}
+
+// The bus is trusted for the length: it delivers whole frames. The payload of an empty frame has
+// no first byte to look at.
+void ipc_worker::process_ipc_message(const message_s& frame) {
+    const std::uint32_t len = frame.header.len;
+    if (len == 0 || frame.payload[0] == 0)
+        return;
+    const auto buffer = std::make_shared<buffer_info_t>();
+    buffer->append(reinterpret_cast<const char*>(frame.payload), len);
+    to_daemon.enqueue(buffer);
+}
+
+// One fixed peer, whatever the message says.
+ipc_module_t ipc_worker::route_message(const buffer_info_t& /*buffer*/) const {
+    return PORTALMOD;
+}
+
+void ipc_worker::send_ipc_message(const buffer_info_t& buffer) {
+    if (buffer.text().empty())
+        return;
+    msgbus_send(ctx, buffer.text().data(), static_cast<std::uint8_t>(route_message(buffer)),
+                buffer.text().size());
+}
+
+void ipc_worker::from_daemon_dequeue_cb(const buffer_info_ptr& buffer) {
+    send_ipc_message(*buffer);
+}

@@ -25,6 +25,10 @@ class ipc_worker : public abstract_worker {
     bool condition(const volatile bool& running) override;
 
   private:
+    // The unit tests look at steps that the bus does not show.
+    friend class ipc_worker_peer;
+
+    void release();
     void process_ipc_message(const message_s& frame);
     [[nodiscard]] ipc_module_t route_message(const buffer_info_t& buffer) const;
     void send_ipc_message(const buffer_info_t& buffer);
