@@ -1,0 +1,113 @@
+"""The conversation around one lumd: every message, command and file event in order.
+
+An event is a dictionary: "n" its number from 1, "t" the time (seconds of the wall clock), "from"
+and "to" who spoke to whom, "what" the kind, "data" the content.
+"""
+import asyncio
+import json
+import sys
+import time
+
+WIDTH = 150
+COLOURS = {"service": "\x1b[36m", "hubd": "\x1b[33m", "driver": "\x1b[35m", "hostapd": "\x1b[32m",
+           "vaultd": "\x1b[90m"}
+RESET = "\x1b[0m"
+
+
+class Journal:
+    """Keeps events, shows them to listeners, and lets others wait for one."""
+
+    def __init__(self):
+        self.events = []
+        self._listeners = []
+        self._arrival = asyncio.Event()
+
+    def listen(self, listener):
+        """`listener(event)` is called for every new event."""
+        self._listeners.append(listener)
+
+    def add(self, source, target, what, data=None):
+        event = {"n": len(self.events) + 1, "t": time.time(), "from": source, "to": target,
+                 "what": what, "data": data}
+        self.events.append(event)
+        for listener in self._listeners:
+            listener(event)
+        arrival, self._arrival = self._arrival, asyncio.Event()
+        arrival.set()
+        return event
+
+    def since(self, number, **match):
+        """Events after event `number` whose members equal those of `match`."""
+        match = {key.rstrip("_"): value for key, value in match.items()}
+        return [event for event in self.events[max(number, 0):] if matches(event, match)]
+
+    async def wait(self, number=0, timeout=10.0, predicate=None, **match):
+        """The first event after `number` that matches; None when none came in time."""
+        deadline = time.monotonic() + timeout
+        while True:
+            arrival = self._arrival
+            for event in self.since(number, **match):
+                if predicate is None or predicate(event):
+                    return event
+                number = event["n"]
+            try:
+                await asyncio.wait_for(arrival.wait(), max(deadline - time.monotonic(), 0.001))
+            except asyncio.TimeoutError:
+                if time.monotonic() >= deadline:
+                    return None
+
+
+def matches(event, match):
+    """Whether each member that `match` names is equal in the event; objects member by member."""
+    for key, wanted in match.items():
+        value = event.get(key) if isinstance(event, dict) else None
+        if isinstance(wanted, dict):
+            if not isinstance(value, dict) or not matches(value, wanted):
+                return False
+        elif value != wanted:
+            return False
+    return True
+
+
+def summary(data, width=WIDTH):
+    """The content on one line, cut at `width`."""
+    if data is None:
+        return ""
+    if isinstance(data, dict):
+        text = " ".join(f"{key}={_value(value)}" for key, value in data.items())
+    else:
+        text = _value(data)
+    return text if len(text) <= width else text[:width - 1] + "…"
+
+
+def _value(value):
+    if isinstance(value, str):
+        return value if value and " " not in value else json.dumps(value, ensure_ascii=False)
+    return json.dumps(value, separators=(",", ":"), ensure_ascii=False)
+
+
+def line(event, colour=False, width=WIDTH):
+    """One event as a person reads it."""
+    clock = time.strftime("%H:%M:%S", time.localtime(event["t"]))
+    head = f"{event['from']:>8} → {event['to']:<8}"
+    if colour:
+        tint = next((COLOURS[name] for name in (event["from"], event["to"]) if name in COLOURS), "")
+        head = tint + head + RESET
+    return f"{clock}.{int(event['t'] % 1 * 1000):03d} {head} {event['what']:<26} " \
+           f"{summary(event['data'], width)}".rstrip()
+
+
+def printer(machine=False, stream=sys.stdout, hide=()):
+    """A listener that prints each event, as a line of text or of JSON."""
+    colour = not machine and stream.isatty()
+
+    def show(event):
+        if event["what"] in hide:
+            return
+        text = json.dumps(event, ensure_ascii=False) if machine else line(event, colour)
+        try:
+            print(text, file=stream, flush=True)
+        except (BrokenPipeError, ValueError):
+            pass
+
+    return show
