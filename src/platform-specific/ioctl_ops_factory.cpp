@@ -1,1 +1,15 @@
-#include "ioctl_ops.h"
+#include "ioctl_ops_factory.h"
+
+#include "realtek_ioctl_ops_g6.h"
+#include "realtek_ioctl_ops_rtl8192cd.h"
+
+std::unique_ptr<ioctl_ops> ioctl_ops_factory::get(ioctl_ops_type type, const driver_realtek& drv,
+                                                  const std::string& ifname) {
+    switch (type) {
+        case RTL8192CD:
+            return std::make_unique<rtl8192cd_ioctl_ops>(drv, ifname);
+        case G6:
+            return std::make_unique<g6_ioctl_ops>(drv, ifname);
+    }
+    return nullptr;
+}
