@@ -300,7 +300,7 @@ int ipc_helper::set_wisd_bw_list(const std::string& json) const {
     }
     if (trace.is_debug_enabled())
         trace.debug("Try to send update-wids-mac-lists to hubd:\n%s\n",
-                    cfgtree_serialize(request.get()));
+                    cfgtree_serialize_compact(request.get()));
     const cfgtree_ptr answer =
         send_ipc_message_wait_answer(request.get(), "update-wids-mac-lists-response", HUBDMOD,
                                      "Error: can't update wids b/w params\n");

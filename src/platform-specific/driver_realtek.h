@@ -28,6 +28,11 @@ struct vap_context {
 
 // One radio as last read. Power and EIRP in dBm, antenna figures in dB.
 struct interface_context {
+    static constexpr std::int32_t default_tx_power_max = 16;
+    static constexpr std::int32_t default_tx_power_min = 11;
+    static constexpr std::int32_t default_eirp_max = 100;
+    static constexpr std::int32_t default_eirp_min = 0;
+
     std::array<vap_context, realtek_max_vaps> vap;
     std::string ifname;
     bool status = false;  // the root interface is up
@@ -38,10 +43,10 @@ struct interface_context {
     bool coex_status = false;
     bool auto_channel = false;
     std::string country;
-    std::int32_t tx_power_max = 16;
-    std::int32_t tx_power_min = 11;
-    std::int32_t eirp_max = 100;
-    std::int32_t eirp_min = 0;
+    std::int32_t tx_power_max = default_tx_power_max;
+    std::int32_t tx_power_min = default_tx_power_min;
+    std::int32_t eirp_max = default_eirp_max;
+    std::int32_t eirp_min = default_eirp_min;
     antenna_config_t antenna_config{0, 0};
     std::uint32_t config_spec = 0;  // configured chanspec bits
     rrm_band_t band = BAND_NONE;
@@ -68,6 +73,9 @@ class driver_realtek : public driver_interface {
     void init() override;
     // Family of the chip behind an interface, by the part of its name before the first "-".
     ioctl_ops_type get_ioctl_type(const char* ifname) const;
+
+    // As atoi(3); a number beyond int's range reads as the nearest one.
+    static int to_int(const char* text);
 
     // --- driver_realtek_context.cpp: radios and VAPs as last read ---
     void set_vapcontext() override;
@@ -193,15 +201,43 @@ class driver_realtek : public driver_interface {
     // The back-end for an interface; null only for an unknown chip family.
     [[nodiscard]] std::unique_ptr<ioctl_ops> make_ops(const char* ifname) const;
 
+    static std::string vap_name(int radio, int vap);
+
+    void name_interfaces();
     void set_radio_context(int radio, int wids_radio);
+    void read_radio_settings(interface_context& context) const;
+    void read_radio_limits(interface_context& context) const;
     void set_vap_context(int radio, int vap);
 
-    template <typename T, typename Converter>
+    // The radio when the driver is live and the number is good.
+    [[nodiscard]] const interface_context* live_radio(int radio) const;
+    // The VAP of an enabled radio; null, with an error line, for a bad number.
+    [[nodiscard]] const vap_context* vap_of_enabled(unsigned vap, int radio) const;
+    static bool has_number(int radio) { return radio >= 0 && radio < realtek_max_radios; }
+
+    // Turn a configuration value's text into what it means; the radio is null when the interface
+    // belongs to none.
+    template <typename T>
+    using radio_converter = std::optional<T> (*)(const interface_context* radio,
+                                                 const std::string& value);
+    template <typename T>
+    using vap_converter = std::optional<T> (*)(const interface_context* radio,
+                                               const std::string& ifname, const std::string& value);
+    static std::optional<std::string> empty_callback_radio(const interface_context* radio,
+                                                           const std::string& value);
+    static std::optional<std::set<unsigned>> get_config_limit_channels_cb(
+        const interface_context* radio, const std::string& value);
+
+    // A configuration value below a radio's or a VAP's branch; empty, with an error line, when
+    // there is none.
+    template <typename T>
     std::optional<T> getconf_radio(const std::string& ifname, const std::string& key,
-                                   Converter converter) const;
-    template <typename T, typename Converter>
+                                   radio_converter<T> converter) const;
+    template <typename T>
     std::optional<T> getconf_vap(const std::string& ifname, const std::string& suffix,
-                                 Converter converter) const;
+                                 vap_converter<T> converter) const;
+    // Whether a VAP's value is the text "true"; false unless live.
+    bool is_vap_switched_on(const std::string& ifname, const char* suffix) const;
     std::string get_radio_config_path(const std::string& ifname, const std::string& key) const;
     std::string get_vap_config_path(const std::string& ifname, const std::string& suffix) const;
 
@@ -210,8 +246,7 @@ class driver_realtek : public driver_interface {
     int start_active_scan(const char* ifname, const std::set<unsigned>& channels,
                           int& duration) const;
     int stop_active_scan(const char* ifname) const;
-    int start_rrm_scan(const char* ifname, const std::set<unsigned>& channels,
-                       int& duration) const;
+    int start_rrm_scan(const char* ifname, const std::set<unsigned>& channels, int& duration) const;
     int stop_rrm_scan(const char* ifname) const;
     int _fill_ap_table(const char* ifname, ap_table& table) const;
     int _fill_ap_table_vexor_rrm(const char* ifname, ap_table& table) const;
@@ -223,8 +258,8 @@ class driver_realtek : public driver_interface {
     bool in_progress = false;     // a scan was started and not stopped
     bool hostapd_status = false;  // hostapd is up
     std::array<interface_context, realtek_max_radios> interfaces;
-    cfgtree_node* realtek_fbt_msg = nullptr;  // fast-transition parameters being staged; owned
-    bool guardd_sentry_status = false;        // guardd scans on all radios
+    cfgtree_ptr realtek_fbt_msg;        // fast-transition parameters being staged; null when none
+    bool guardd_sentry_status = false;  // guardd scans on all radios
 };
 
 #endif
