@@ -28,10 +28,21 @@ enum {
     MSGBUS_MAX_WAITING = 8 * 1024 * 1024   /* bytes the broker keeps for one slow receiver */
 };
 
+/* Module ids are 0 to 254. */
+enum {
+    /* As dst of an attach frame: to monitor the bus instead of joining it as a module. Allowed to
+     * root and to the broker's own user; answered by an attach frame with the same dst. From then
+     * on the connection receives a copy of each data and undeliverable frame, an attach frame for
+     * each module that joins (src and dst are its id) and a detach frame for each that leaves. It
+     * must not send. The broker ends a monitor that falls MSGBUS_MAX_WAITING bytes behind. */
+    MSGBUS_MONITOR = 255
+};
+
 enum msgbus_frame_type {
     MSGBUS_DATA = 0,
-    MSGBUS_ATTACH = 1,
-    MSGBUS_UNDELIVERABLE = 2 /* src = the missing module, seq = the lost frame's */
+    MSGBUS_ATTACH = 1,        /* first frame of a client: src = its module; answer: dst = it */
+    MSGBUS_UNDELIVERABLE = 2, /* src = the missing module, seq = the lost frame's */
+    MSGBUS_DETACH = 3         /* to monitors alone: module src has left */
 };
 
 struct message_header_s {
@@ -45,7 +56,8 @@ struct message_header_s {
     uint8_t type;     /* enum msgbus_frame_type */
 } __attribute__((packed));
 
-/* One frame as msgbus_poll_no_wait() returns it; free(3) it. The payload is not NUL-terminated. */
+/* One frame as msgbus_poll_no_wait() returns it; free(3) it. A NUL that `len` does not count stands
+ * behind the payload. */
 struct message_s {
     struct message_header_s header;
     __extension__ uint8_t payload[];
@@ -55,7 +67,8 @@ typedef struct msgbus_context msgbus_context;
 
 /* Joins the bus as `module`. `options` (opaque, `options_len` bytes) are stored, not sent.
  * Null when the broker cannot be reached, refuses the module id because a living connection
- * holds it, or does not answer within 1 second; the reason is logged. */
+ * holds it, or does not answer within 1 second; the reason is logged, over repeated calls once
+ * until it changes. */
 msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_len);
 
 /* Leaves the bus and frees the context; null is allowed. */
@@ -65,11 +78,12 @@ void msgbus_release(msgbus_context* ctx);
  * connected. */
 void msgbus_set_module_loop(msgbus_context* ctx, int run);
 
-/* Non-zero while started (msgbus_peer_start) and connected. */
+/* Non-zero while started (msgbus_peer_start) and connected. A lost connection counts as connected
+ * until the frames that arrived on it are taken. */
 int msgbus_get_module_loop(msgbus_context* ctx);
 
-/* Discards what arrived before, attaches again when the connection was lost, and makes the module
- * loop run. */
+/* Discards what arrived before, attaches again when the connection was lost (at most 1 second), and
+ * makes the module loop run. */
 void msgbus_peer_start(msgbus_context* ctx);
 
 /* Ends the module loop. */
@@ -78,8 +92,9 @@ void msgbus_peer_stop(msgbus_context* ctx);
 /* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. */
 struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
 
-/* Sends `len` bytes to module `dst` under a new message number. Fire and forget: on a lost
- * connection the message is lost. */
+/* Sends `len` bytes, at most MSGBUS_MAX_PAYLOAD, to module `dst` under a new message number. Fire
+ * and forget: on a lost connection the message is lost. Waits while the broker takes the bytes,
+ * and gives the connection up when it takes none for 10 seconds. Never raises SIGPIPE. */
 void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len);
 
 /* The same as an answer to `request`: to its sender and under its message number. */
@@ -88,9 +103,10 @@ void msgbus_send_answer(msgbus_context* ctx, const struct message_s* request, co
 
 /* Waits up to `timeout` seconds for the data frame whose JSON member "command" equals `command`
  * and whose seq is that of the last send on this context; other frames that arrive meanwhile are
- * discarded. Returns the parsed payload, owned by the caller (cfgtree_release). Null on time-out,
- * on a lost connection and, at once, when the broker reports that send as undeliverable; then
- * `error_text` is logged at error level. */
+ * discarded. Returns the parsed payload, owned by the caller (cfgtree_release). Null on time-out
+ * and, at once, on a lost connection, when the broker reports that send as undeliverable and when
+ * nothing was sent on this connection; then `error_text`, unless null, is logged at error
+ * level. A signal does not end the wait. */
 cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
                                  int timeout);
 

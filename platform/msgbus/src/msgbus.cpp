@@ -1,1 +1,172 @@
 #include "msgbus.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "connection.h"
+#include "logsink.h"
+
+using msgbus::Connection;
+using msgbus::Message;
+
+struct msgbus_context {
+    std::uint8_t module = 0;
+    std::vector<std::uint8_t> options;
+    Connection connection;
+    bool run = false;
+    std::uint32_t seq = 0;      // of the last send
+    std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
+};
+
+namespace {
+
+struct ReleaseTree {
+    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
+};
+using Tree = std::unique_ptr<cfgtree_node, ReleaseTree>;
+
+// A module that is refused tries again and again: each reason is logged once until it changes.
+void report_attach(int module, int error) {
+    static std::array<std::atomic<int>, MSGBUS_MONITOR> reported{};
+    if (reported[static_cast<std::size_t>(module)].exchange(error) == error || error == 0)
+        return;
+    const std::string path = msgbus::default_socket_path();
+    const char* reason = error == EADDRINUSE  ? "the broker refused it"
+                         : error == ETIMEDOUT ? "the broker does not answer"
+                         : error == EPROTO    ? "the broker sent a malformed answer"
+                                              : std::strerror(error);
+    logsink_message(SINK_ERROR, "msgbus: module %d cannot join the bus at %s: %s", module,
+                    path.c_str(), reason);
+}
+
+bool attach(msgbus_context& ctx) {
+    const int error = ctx.connection.attach(msgbus::default_socket_path(), ctx.module, 0);
+    report_attach(ctx.module, error);
+    return error == 0;
+}
+
+// Not from 1: an answer that was meant for this module's previous life must not match.
+std::uint32_t first_seq() {
+    std::uint32_t seq = 0;
+    if (getrandom(&seq, sizeof seq, GRND_NONBLOCK) != sizeof seq)
+        seq = static_cast<std::uint32_t>(std::time(nullptr)) ^
+              (static_cast<std::uint32_t>(getpid()) << 16);
+    return seq;
+}
+
+// Whether the payload went out whole.
+bool send(msgbus_context& ctx, std::uint8_t dst, std::uint32_t seq, const void* data,
+          std::size_t len) {
+    if (len > MSGBUS_MAX_PAYLOAD) {
+        logsink_message(SINK_ERROR, "msgbus: message of %zu bytes to module %d is too long", len,
+                        dst);
+        return false;
+    }
+    const message_header_s header = msgbus::make_header(MSGBUS_DATA, ctx.module, dst, seq);
+    return ctx.connection.send(header, {static_cast<const std::uint8_t*>(data), len});
+}
+
+// The parsed payload when its "command" is that one, or null.
+Tree parse_answer(const message_s& frame, std::string_view command) {
+    Tree answer{
+        cfgtree_parse_buffer(reinterpret_cast<const char*>(frame.payload), frame.header.len)};
+    const char* given = cfgtree_get_param(answer.get(), "command");
+    return given && command == given ? std::move(answer) : nullptr;
+}
+
+Tree await_answer(msgbus_context& ctx, std::string_view command,
+                  Connection::Clock::time_point deadline) {
+    while (ctx.awaited != 0 && ctx.connection.wait(deadline)) {
+        const Message frame = ctx.connection.take();
+        if (frame->header.seq != ctx.awaited)
+            continue;
+        if (frame->header.type == MSGBUS_UNDELIVERABLE)
+            break;
+        if (frame->header.type != MSGBUS_DATA)
+            continue;
+        if (Tree answer = parse_answer(*frame, command))
+            return answer;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_len) {
+    if (module < 0 || module >= MSGBUS_MONITOR) {
+        logsink_message(SINK_ERROR, "msgbus: there is no module %d", module);
+        return nullptr;
+    }
+    auto ctx = std::make_unique<msgbus_context>();
+    ctx->module = static_cast<std::uint8_t>(module);
+    if (options)
+        ctx->options.assign(options, options + options_len);
+    ctx->seq = first_seq();
+    return attach(*ctx) ? ctx.release() : nullptr;
+}
+
+void msgbus_release(msgbus_context* ctx) {
+    const std::unique_ptr<msgbus_context> ended{ctx};
+}
+
+void msgbus_set_module_loop(msgbus_context* ctx, int run) {
+    ctx->run = run != 0;
+}
+
+int msgbus_get_module_loop(msgbus_context* ctx) {
+    if (ctx->run && !ctx->connection.has_frames())
+        ctx->connection.fill();
+    return ctx->run && (ctx->connection.connected() || ctx->connection.has_frames()) ? 1 : 0;
+}
+
+void msgbus_peer_start(msgbus_context* ctx) {
+    ctx->connection.discard();
+    if (!ctx->connection.connected()) {
+        ctx->awaited = 0;
+        attach(*ctx);
+    }
+    ctx->run = true;
+}
+
+void msgbus_peer_stop(msgbus_context* ctx) {
+    ctx->run = false;
+}
+
+message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
+    Message frame;
+    do {
+        if (!ctx->connection.has_frames())
+            ctx->connection.fill();
+        frame = ctx->connection.take();
+    } while (frame && frame->header.type != MSGBUS_DATA);
+    return frame.release();
+}
+
+void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len) {
+    if (++ctx->seq == 0)
+        ctx->seq = 1;
+    ctx->awaited = send(*ctx, dst, ctx->seq, data, len) ? ctx->seq : 0;
+}
+
+void msgbus_send_answer(msgbus_context* ctx, const message_s* request, const void* data,
+                        size_t len) {
+    send(*ctx, request->header.src, request->header.seq, data, len);
+}
+
+cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
+                                 int timeout) {
+    const auto deadline = Connection::Clock::now() + std::chrono::seconds{timeout};
+    Tree answer = command ? await_answer(*ctx, command, deadline) : nullptr;
+    if (!answer && error_text)
+        logsink_message(SINK_ERROR, "%s", error_text);
+    return answer.release();
+}

@@ -1,0 +1,194 @@
+#include "connection.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "logsink.h"
+
+namespace msgbus {
+
+namespace {
+
+using std::chrono::ceil;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kAttachLimit{1};
+constexpr milliseconds kBacklogRetry{10};
+// A broker that takes not one byte of a frame for so long is as good as dead.
+constexpr seconds kSendStallLimit{10};
+// What may arrive while one frame waits to be sent: far more than a broker has for us by then.
+constexpr std::size_t kMaxQueuedWhileSending = std::size_t{64} * 1024 * 1024;
+
+// poll(2) for one descriptor until the deadline, signals ignored; the events, or 0.
+short await(int fd, short events, Connection::Clock::time_point deadline) {
+    for (;;) {
+        const auto left = ceil<milliseconds>(deadline - Connection::Clock::now()).count();
+        pollfd entry{fd, events, 0};
+        const int timeout = static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+        const int count = poll(&entry, 1, timeout);
+        if (count > 0)
+            return entry.revents;
+        if (count == 0 && timeout < INT_MAX)
+            return 0;
+    }
+}
+
+// Drops what was sent from the front of `parts`; true while anything is left.
+bool drop_sent(std::span<iovec> parts, std::size_t sent) {
+    bool left = false;
+    for (iovec& part : parts) {
+        const std::size_t count = std::min(sent, part.iov_len);
+        part.iov_base = static_cast<std::uint8_t*>(part.iov_base) + count;
+        part.iov_len -= count;
+        sent -= count;
+        left = left || part.iov_len > 0;
+    }
+    return left;
+}
+
+}  // namespace
+
+int Connection::attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst) {
+    const Clock::time_point deadline = Clock::now() + kAttachLimit;
+    *this = Connection{};
+    module_ = module;
+    if (const int error = connect_to(socket_path, deadline))
+        return error;
+    if (!send(make_header(MSGBUS_ATTACH, module, dst), {}))
+        return EADDRINUSE;
+    if (!wait(deadline)) {
+        const int error = connected() ? ETIMEDOUT : parser_.error().empty() ? EADDRINUSE : EPROTO;
+        fd_.reset();
+        return error;
+    }
+    const Message answer = take();
+    const std::uint8_t expected = dst == MSGBUS_MONITOR ? dst : module;
+    if (answer->header.type != MSGBUS_ATTACH || answer->header.dst != expected) {
+        fd_.reset();
+        return EPROTO;
+    }
+    attached_ = true;
+    return 0;
+}
+
+int Connection::connect_to(const std::string& socket_path, Clock::time_point deadline) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socket_path.size() >= sizeof address.sun_path)
+        return ENAMETOOLONG;
+    socket_path.copy(address.sun_path, socket_path.size());
+    UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    if (!fd)
+        return errno;
+    while (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        // EAGAIN: the broker has not yet accepted those who came before.
+        if (errno != EINTR && errno != EAGAIN)
+            return errno;
+        if (Clock::now() >= deadline)
+            return ETIMEDOUT;
+        poll(nullptr, 0, static_cast<int>(kBacklogRetry.count()));
+    }
+    fd_ = std::move(fd);
+    return 0;
+}
+
+Message Connection::take() {
+    if (frames_.empty())
+        return nullptr;
+    Message frame = std::move(frames_.front());
+    frames_.pop_front();
+    queued_bytes_ -= frame_size(*frame);
+    return frame;
+}
+
+void Connection::discard() {
+    // Twice: a full queue may have kept more in the socket. Not until the socket is empty, which
+    // may never be.
+    for (int round = 0; round < 2; round++) {
+        fill();
+        frames_.clear();
+        queued_bytes_ = 0;
+    }
+}
+
+void Connection::fill() {
+    fill(MSGBUS_MAX_WAITING);
+}
+
+void Connection::fill(std::size_t limit) {
+    Received received = Received::SOMETHING;
+    while (fd_ && received == Received::SOMETHING && queued_bytes_ < limit)
+        received = receive_frames(fd_.get(), parser_, [this](Message frame) {
+            queued_bytes_ += frame_size(*frame);
+            frames_.push_back(std::move(frame));
+        });
+    if (received == Received::END)
+        lose("closed by the broker");
+    else if (received == Received::MALFORMED)
+        lose("malformed frame, " + parser_.error());
+}
+
+bool Connection::wait(Clock::time_point deadline) {
+    fill();
+    while (frames_.empty() && fd_) {
+        if (await(fd_.get(), POLLIN, deadline) == 0)
+            return false;
+        fill();
+    }
+    return !frames_.empty();
+}
+
+bool Connection::send(message_header_s header, std::span<const std::uint8_t> payload) {
+    header.len = static_cast<std::uint32_t>(payload.size());
+    // sendmsg(2) takes its parts writable and does not write them.
+    std::array<iovec, 2> parts{
+        {{&header, sizeof header}, {const_cast<std::uint8_t*>(payload.data()), payload.size()}}};
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    Clock::time_point deadline = Clock::now() + kSendStallLimit;
+    while (fd_) {
+        const ssize_t sent = sendmsg(fd_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            if (!drop_sent(parts, static_cast<std::size_t>(sent)))
+                return true;
+            deadline = Clock::now() + kSendStallLimit;
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (!await_room(deadline))
+                return false;
+        } else if (errno != EINTR) {
+            const std::string why = std::strerror(errno);
+            fill(kMaxQueuedWhileSending);
+            lose(why);
+        }
+    }
+    return false;
+}
+
+bool Connection::await_room(Clock::time_point deadline) {
+    const short events = await(fd_.get(), POLLIN | POLLOUT, deadline);
+    if (events == 0)
+        lose("the broker takes nothing");
+    else if (events & ~POLLOUT)
+        fill(kMaxQueuedWhileSending);
+    if (queued_bytes_ >= kMaxQueuedWhileSending)
+        lose("flooded by the broker");
+    return connected();
+}
+
+void Connection::lose(const std::string& why) {
+    if (fd_ && attached_)
+        logsink_message(SINK_WARNING, "msgbus: module %d lost its connection: %s", module_,
+                        why.c_str());
+    fd_.reset();
+}
+
+}  // namespace msgbus

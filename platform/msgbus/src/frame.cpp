@@ -1,0 +1,99 @@
+#include "frame.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace msgbus {
+
+namespace {
+// Small enough for the stack of a thread on an embedded C library.
+constexpr std::size_t kChunkBytes = 16 * 1024;
+}  // namespace
+
+message_header_s make_header(msgbus_frame_type type, std::uint8_t src, std::uint8_t dst,
+                             std::uint32_t seq) {
+    message_header_s header{};
+    header.magic = MSGBUS_MAGIC;
+    header.ver = MSGBUS_VERSION;
+    header.src = src;
+    header.dst = dst;
+    header.seq = seq;
+    header.type = static_cast<std::uint8_t>(type);
+    return header;
+}
+
+Message make_message(const message_header_s& header) {
+    const std::size_t payload = header.len;
+    Message message{static_cast<message_s*>(std::malloc(sizeof header + payload + 1))};
+    if (message) {
+        message->header = header;
+        message->payload[payload] = 0;
+    }
+    return message;
+}
+
+bool FrameParser::feed(std::span<const std::uint8_t> bytes, const Sink& sink) {
+    while (!bytes.empty() && error_.empty()) {
+        bytes = bytes.subspan(frame_ ? take_payload(bytes) : take_header(bytes));
+        if (frame_ && payload_received_ == frame_->header.len) {
+            header_received_ = payload_received_ = 0;
+            sink(std::move(frame_));
+        }
+    }
+    return error_.empty();
+}
+
+std::size_t FrameParser::take_header(std::span<const std::uint8_t> bytes) {
+    const std::size_t count = std::min(bytes.size(), sizeof header_ - header_received_);
+    std::memcpy(reinterpret_cast<std::uint8_t*>(&header_) + header_received_, bytes.data(), count);
+    header_received_ += count;
+    if (header_received_ == sizeof header_) {
+        check_header();
+        if (error_.empty() && !(frame_ = make_message(header_)))
+            error_ = "no memory for its payload";
+    }
+    return count;
+}
+
+std::size_t FrameParser::take_payload(std::span<const std::uint8_t> bytes) {
+    const std::size_t count = std::min(bytes.size(), frame_->header.len - payload_received_);
+    std::memcpy(frame_->payload + payload_received_, bytes.data(), count);
+    payload_received_ += count;
+    return count;
+}
+
+void FrameParser::check_header() {
+    if (header_.magic != MSGBUS_MAGIC)
+        error_ = "its magic is " + std::to_string(header_.magic);
+    else if (header_.ver != MSGBUS_VERSION)
+        error_ = "its version is " + std::to_string(header_.ver);
+    else if (header_.len > MSGBUS_MAX_PAYLOAD)
+        error_ = "its length is " + std::to_string(header_.len);
+    else if (header_.type > MSGBUS_DETACH)
+        error_ = "its type is " + std::to_string(header_.type);
+}
+
+Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink) {
+    std::array<std::uint8_t, kChunkBytes> chunk;
+    ssize_t count = 0;
+    do
+        count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
+    while (count < 0 && errno == EINTR);
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return Received::NOTHING_YET;
+    if (count <= 0)
+        return Received::END;
+    const std::span received{chunk.data(), static_cast<std::size_t>(count)};
+    return parser.feed(received, sink) ? Received::SOMETHING : Received::MALFORMED;
+}
+
+std::string default_socket_path() {
+    const char* path = std::getenv("MSGBUS_SOCKET");
+    return path && *path ? path : MSGBUS_DEFAULT_SOCKET;
+}
+
+}  // namespace msgbus

@@ -1,0 +1,101 @@
+// What the bus client, the broker and msgbusctl share: frames, and how they come out of a stream.
+#ifndef PLATFORM_MSGBUS_FRAME_H
+#define PLATFORM_MSGBUS_FRAME_H
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+
+#include "msgbus.h"
+
+static_assert(sizeof(message_header_s) == 17);
+static_assert(offsetof(message_header_s, len) == 4);
+static_assert(offsetof(message_header_s, seq) == 8);
+static_assert(offsetof(message_header_s, src_uid) == 12);
+static_assert(offsetof(message_header_s, type) == 16);
+static_assert(offsetof(message_s, payload) == sizeof(message_header_s));
+
+namespace msgbus {
+
+// Owns a descriptor; -1 is none.
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    ~UniqueFd() { reset(); }
+
+    void reset(int fd = -1) {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+    [[nodiscard]] int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+};
+
+struct FreeMessage {
+    void operator()(message_s* message) const { std::free(message); }
+};
+// malloc(3)ed, as msgbus_poll_no_wait() hands it out.
+using Message = std::unique_ptr<message_s, FreeMessage>;
+
+[[nodiscard]] message_header_s make_header(msgbus_frame_type type, std::uint8_t src,
+                                           std::uint8_t dst, std::uint32_t seq = 1);
+
+// A frame with that header and room for its payload, a NUL behind it; null without memory.
+[[nodiscard]] Message make_message(const message_header_s& header);
+
+// Bytes of the whole frame on the wire.
+[[nodiscard]] inline std::size_t frame_size(const message_s& message) {
+    return sizeof message.header + message.header.len;
+}
+
+// FrameParser cuts a byte stream into frames, wherever its pieces begin and end.
+class FrameParser {
+  public:
+    using Sink = std::function<void(Message)>;
+
+    // Hands each frame that `bytes` completes to `sink`. False at a malformed frame: nothing
+    // behind it can be understood, and error() tells what was wrong.
+    [[nodiscard]] bool feed(std::span<const std::uint8_t> bytes, const Sink& sink);
+
+    [[nodiscard]] const std::string& error() const { return error_; }
+
+  private:
+    std::size_t take_header(std::span<const std::uint8_t> bytes);
+    std::size_t take_payload(std::span<const std::uint8_t> bytes);
+    void check_header();
+
+    message_header_s header_{};
+    std::size_t header_received_ = 0;
+    Message frame_;  // null while the header is incomplete
+    std::size_t payload_received_ = 0;
+    std::string error_;
+};
+
+enum class Received { SOMETHING, NOTHING_YET, END, MALFORMED };
+
+// Receives once from the non-blocking socket into the parser.
+[[nodiscard]] Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink);
+
+// $MSGBUS_SOCKET or the default.
+[[nodiscard]] std::string default_socket_path();
+
+}  // namespace msgbus
+
+#endif
