@@ -1,0 +1,1 @@
+"""The radio-management service as access points see it: three websocket subprotocols."""

@@ -1,0 +1,207 @@
+"""The websocket server: accepts access points, answers, remembers, and sends commands."""
+import asyncio
+import http
+import json
+import logging
+
+import websockets
+from websockets.legacy.server import WebSocketServerProtocol
+
+from labap.control import ControlServer
+from labap.journal import Journal
+
+from . import checker
+from .model import ApModel
+
+SUBPROTOCOLS = ("websock-rrm", "websock-roaming", "websock-wids")
+SUCCESS = {"status": "success", "code": 200}
+WIDS_SERVICE = "wids-mac-service"
+
+
+class ServiceError(Exception):
+    """A command that cannot be sent."""
+
+
+class Link(WebSocketServerProtocol):
+    """One access point's connection; counts its pings and can leave them unanswered."""
+
+    service = None
+    pings = 0
+
+    async def pong(self, data=b""):
+        self.pings += 1
+        answered = self.service.answer_pings
+        self.service.journal.add("lumd", "service", "ping",
+                                 None if answered else {"answered": False})
+        if answered:
+            await super().pong(data)
+
+
+class Service:
+    """The service on one port. Runs on one asyncio loop.
+
+    `subscribe_answers`: what successive subscribe requests are answered with (status, code,
+    domain, config); None answers nothing; the last one is used again and again.
+    """
+
+    def __init__(self, host="127.0.0.1", port=0, journal=None):
+        self.host, self.port = host, port
+        self.journal = journal or Journal()
+        self.subscribe_answers = [dict(SUCCESS)]
+        self.answer_pings = True
+        self.accepting = True
+        self.aps = {}         # by MAC
+        self.links = []       # open connections, oldest first
+        self.complaints = []  # (message, complaint)
+        self.connections = 0
+        self._server = self._control = None
+
+    async def start(self, control_path=None):
+        logging.getLogger("websockets").setLevel(logging.CRITICAL)  # the journal tells
+        await self.listen()
+        if control_path is not None:
+            self._control = ControlServer(self.commands())
+            await self._control.start(str(control_path))
+
+    async def listen(self):
+        def link(*args, **kwargs):
+            made = Link(*args, **kwargs)
+            made.service = self
+            return made
+
+        self._server = await websockets.serve(
+            self._serve, self.host, self.port, create_protocol=link, subprotocols=SUBPROTOCOLS,
+            ping_interval=None, max_size=None, close_timeout=1, process_request=self._admit,
+            compression=None)
+        self.port = self._server.sockets[0].getsockname()[1]
+
+    async def silence(self):
+        """Closes the port and every connection, as a service that is gone."""
+        if self._server is not None:
+            self._server.close()
+            await self._server.wait_closed()
+            self._server = None
+
+    async def stop(self):
+        if self._control is not None:
+            await self._control.stop()
+        await self.silence()
+
+    async def _admit(self, path, _headers):
+        if self.accepting:
+            return None
+        self.journal.add("service", "lumd", "refused", {"path": path})
+        return http.HTTPStatus.SERVICE_UNAVAILABLE, [], b"refused by the lab\n"
+
+    async def _serve(self, link, path=None):
+        self.connections += 1
+        self.links.append(link)
+        self.journal.add("lumd", "service", "connected", {"path": link.path,
+                                                          "subprotocol": link.subprotocol})
+        try:
+            async for text in link:
+                await self._receive(link, text)
+        except websockets.ConnectionClosed:
+            pass
+        finally:
+            self.links.remove(link)
+            for ap in self.aps.values():
+                ap.subscribed = False
+            self.journal.add("lumd", "service", "disconnected",
+                             {"code": link.close_code} if link.close_code else None)
+
+    async def _receive(self, link, text):
+        try:
+            message = json.loads(text)
+        except ValueError:
+            message = None
+        what = message.get("cmd", "message") if isinstance(message, dict) else "message"
+        self.journal.add("lumd", "service", what, message if message is not None else str(text))
+        for complaint in checker.check(message, link.subprotocol):
+            self.complaints.append({"cmd": what, "complaint": complaint})
+            self.journal.add("service", "service", "COMPLAINT", f"{what}: {complaint}")
+        if link.subprotocol == "websock-rrm" and isinstance(message, dict):
+            await self._rrm(link, message)
+
+    async def _rrm(self, link, message):
+        mac = message.get("ap-mac", "")
+        ap = self.aps.setdefault(mac, ApModel(mac))
+        ap.learn(message)
+        if message.get("cmd") == "unsubscribe-request":
+            ap.subscribed = False
+        if message.get("cmd") == "subscribe-request":
+            answers = self.subscribe_answers
+            answer = answers.pop(0) if len(answers) > 1 else answers[0] if answers else None
+            if answer is not None:
+                ap.subscribed = answer.get("status", "").lower() == "success"
+                await self.send({"cmd": "subscribe-response", "ap-mac": mac, **answer}, link)
+
+    def ap(self):
+        """The access point, when there is one only."""
+        if len(self.aps) != 1:
+            raise ServiceError(f"{len(self.aps)} access points are known")
+        return next(iter(self.aps.values()))
+
+    async def send(self, message, link=None, pieces=1):
+        """Sends a text as it is, or an object with the header filled in where it has none."""
+        link = link or (self.links[-1] if self.links else None)
+        if link is None:
+            raise ServiceError("no access point is connected")
+        if isinstance(message, dict):
+            service = WIDS_SERVICE if link.subprotocol == "websock-wids" else "rrm"
+            message = {"version": "2.4", "service": service, **message}
+        text = message if isinstance(message, str) else json.dumps(message, ensure_ascii=False)
+        what = message.get("cmd", "message") if isinstance(message, dict) else "message"
+        self.journal.add("service", "lumd", what, message)
+        size = -(-len(text) // max(pieces, 1)) or 1
+        parts = [text[at:at + size] for at in range(0, len(text), size)] or [""]
+        await link.send(parts if len(parts) > 1 else parts[0])
+
+    async def drop(self, hard=False):
+        """Closes every connection; `hard` without a Close frame."""
+        for link in list(self.links):
+            self.journal.add("service", "lumd", "dropped", {"hard": hard})
+            if hard:
+                link.transport.abort()
+            else:
+                await link.close()
+
+    # Commands of the control socket
+
+    def commands(self):
+        return {
+            "status": self.status, "send": self._command_send, "drop": self.drop,
+            "events": self._events, "wait-event": self._wait_event,
+            "complaints": lambda: self.complaints, "settings": self.settings,
+            "silence": self.silence, "listen": self.listen,
+        }
+
+    def status(self):
+        return {"port": self.port, "connections": self.connections, "links": len(self.links),
+                "aps": [ap.as_json() for ap in self.aps.values()],
+                "complaints": len(self.complaints)}
+
+    def settings(self, subscribe_answers=None, answer_pings=None, accepting=None):
+        for name, value in (("subscribe_answers", subscribe_answers),
+                            ("answer_pings", answer_pings), ("accepting", accepting)):
+            if value is not None:
+                setattr(self, name, value)
+
+    async def _command_send(self, message, pieces=1):
+        await self.send(message, pieces=pieces)
+
+    def _events(self, since=0, **match):
+        return self.journal.since(since, **match)
+
+    async def _wait_event(self, since=0, timeout=10.0, **match):
+        return await self.journal.wait(since, timeout, **match)
+
+
+async def until(predicate, timeout=10.0):
+    """Waits until `predicate()` is true; False when it did not become so."""
+    deadline = asyncio.get_running_loop().time() + timeout
+    while not predicate():
+        if asyncio.get_running_loop().time() > deadline:
+            return False
+        await asyncio.sleep(0.02)
+    return True
