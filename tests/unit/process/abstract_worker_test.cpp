@@ -1,0 +1,398 @@
+#include "abstract_worker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <latch>
+#include <semaphore>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+using testing::IsEmpty;
+using testing::KilledBySignal;
+
+namespace {
+
+constexpr auto patience = std::chrono::seconds(30);
+constexpr int half_an_hour = 1800 * 1000000;  // microseconds
+constexpr int a_moment = 1000;                // microseconds
+
+// A worker that does what the test says and notes what it was asked. Its run flag is cleared by
+// its own operations unless a test says otherwise.
+class script_worker : public abstract_worker {
+  public:
+    script_worker(const volatile bool& flag, int wait, int pause = 0,
+                  const char* worker_name = "script")
+        : abstract_worker(flag, worker_name, wait, pause) {}
+    ~script_worker() override { join(); }
+
+    bool __connect() override {
+        calls.push_back("connect");
+        return on_connect();
+    }
+    bool execute() override {
+        calls.push_back("execute");
+        return on_execute();
+    }
+    void __disconnect() override { calls.push_back("disconnect"); }
+    bool condition(const volatile bool& flag) override { return on_condition() && flag; }
+
+    using abstract_worker::can_run;
+    using abstract_worker::disconnect;
+    using abstract_worker::process_eventfd;
+
+    std::function<bool()> on_connect = [] { return true; };
+    std::function<bool()> on_execute = [] { return true; };
+    std::function<bool()> on_condition = [] { return true; };
+    std::vector<std::string> calls;
+};
+
+class AbstractWorker : public testing::Test {
+  protected:
+    // An execute() that clears the run flag in its `count`th call and answers `result`.
+    std::function<bool()> stop_after(int count, bool result = true) {
+        return [this, count, result, done = 0]() mutable {
+            if (++done == count)
+                run = false;
+            return result;
+        };
+    }
+
+    volatile bool run = true;
+};
+
+using AbstractWorkerDeathTest = AbstractWorker;
+
+TEST_F(AbstractWorker, ConnectsExecutesAndDisconnects) {
+    script_worker worker(run, 0);
+    worker.on_execute = stop_after(2);
+    worker.start_on_current_thread();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "execute", "disconnect"));
+    EXPECT_FALSE(worker.can_run);
+}
+
+TEST_F(AbstractWorker, DoesNothingWhenTheRunFlagIsClearFromTheStart) {
+    run = false;
+    script_worker worker(run, 0);
+    worker.func();
+    EXPECT_THAT(worker.calls, IsEmpty());
+}
+
+TEST_F(AbstractWorker, RetriesAFailedConnectWithoutDisconnecting) {
+    script_worker worker(run, 0);
+    int attempts = 0;
+    worker.on_connect = [&] { return ++attempts == 3; };
+    worker.on_execute = stop_after(1);
+    worker.func();
+    EXPECT_THAT(worker.calls,
+                ElementsAre("connect", "connect", "connect", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, ReconnectsWhenTheConditionFails) {
+    script_worker worker(run, 0);
+    int asked = 0;
+    worker.on_condition = [&] { return ++asked != 2; };
+    worker.on_execute = stop_after(2);
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect", "connect", "execute",
+                                          "disconnect"));
+}
+
+TEST_F(AbstractWorker, ReconnectsWhenTheConnectionIsNoLongerUsable) {
+    script_worker worker(run, 0);
+    worker.on_execute = [&, passes = 0]() mutable {
+        worker.can_run = false;
+        run = ++passes < 2;
+        return true;
+    };
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect", "connect", "execute",
+                                          "disconnect"));
+}
+
+TEST_F(AbstractWorker, AskedBeforeTheFirstPassTheConditionMayPreventIt) {
+    script_worker worker(run, 0);
+    worker.on_condition = [&] {
+        run = false;
+        return false;
+    };
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "disconnect"));
+}
+
+TEST_F(AbstractWorker, DisconnectsOncePerSuccessfulConnect) {
+    script_worker worker(run, 0);
+    worker.on_execute = [&] {
+        worker.disconnect();
+        worker.disconnect();
+        run = false;
+        return true;
+    };
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, DisconnectWithoutAConnectionDoesNothing) {
+    script_worker worker(run, 0);
+    worker.disconnect();
+    EXPECT_THAT(worker.calls, IsEmpty());
+}
+
+TEST_F(AbstractWorker, DoesNotPauseOnItsWayOut) {
+    script_worker worker(run, 0, half_an_hour);
+    worker.on_execute = stop_after(1);
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, SeveralEventsBetweenTwoWaitsWakeItOnce) {
+    const script_worker worker(run, 0);
+    for (int i = 0; i < 3; ++i)
+        worker.put_event();
+    EXPECT_EQ(worker.process_eventfd(0), 8);
+    EXPECT_EQ(worker.process_eventfd(0), 0);
+}
+
+TEST_F(AbstractWorker, WaitingWithoutAnEventTimesOut) {
+    const script_worker worker(run, 0);
+    EXPECT_EQ(worker.process_eventfd(1), 0);
+}
+
+TEST_F(AbstractWorker, APassThatReturnedTrueWaitsForAnEvent) {
+    script_worker worker(run, half_an_hour);
+    worker.on_execute = stop_after(1, true);
+    worker.put_event();
+    worker.func();
+    EXPECT_EQ(worker.process_eventfd(0), 0) << "the wait did not take the event";
+}
+
+TEST_F(AbstractWorker, APassThatReturnedFalseNeverWaits) {
+    script_worker worker(run, half_an_hour);
+    worker.on_execute = stop_after(3, false);
+    worker.put_event();
+    worker.func();
+    EXPECT_EQ(worker.process_eventfd(0), 8) << "a wait took the event";
+}
+
+TEST_F(AbstractWorker, AWorkerWithoutExecuteDelayNeverWaits) {
+    script_worker worker(run, 0);
+    worker.on_execute = stop_after(3, true);
+    worker.put_event();
+    worker.func();
+    EXPECT_EQ(worker.process_eventfd(0), 8) << "a wait took the event";
+}
+
+TEST_F(AbstractWorker, AnEventFromAnotherThreadEndsTheWait) {
+    script_worker worker(run, half_an_hour);
+    std::binary_semaphore first_pass{0};
+    worker.on_execute = [&, passes = 0]() mutable {
+        if (++passes == 1)
+            first_pass.release();
+        else
+            run = false;
+        return passes == 1;
+    };
+    worker.start_on_dedicated_thread();
+    ASSERT_TRUE(first_pass.try_acquire_for(patience));
+    worker.put_event();
+    worker.join();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, ClearingTheRunFlagWhileItWaitsEndsItAfterTheExecuteDelay) {
+    script_worker worker(run, a_moment, half_an_hour);
+    std::binary_semaphore executed{0};
+    worker.on_execute = [&, first = true]() mutable {
+        if (std::exchange(first, false))
+            executed.release();
+        return true;
+    };
+    worker.start_on_dedicated_thread();
+    ASSERT_TRUE(executed.try_acquire_for(patience));
+    run = false;
+    worker.join();
+    EXPECT_EQ(worker.calls.back(), "disconnect");
+}
+
+TEST_F(AbstractWorker, ClearingTheRunFlagBetweenConnectionsEndsItAfterThePause) {
+    script_worker worker(run, 0, a_moment);
+    std::binary_semaphore attempted{0};
+    worker.on_connect = [&, first = true]() mutable {
+        if (std::exchange(first, false))
+            attempted.release();
+        return false;
+    };
+    worker.start_on_dedicated_thread();
+    ASSERT_TRUE(attempted.try_acquire_for(patience));
+    run = false;
+    worker.join();
+    EXPECT_EQ(worker.calls.back(), "connect");
+}
+
+TEST_F(AbstractWorker, NamesItsThreadAsFarAsTheKernelKeepsIt) {
+    for (const auto& [name, thread_name] :
+         {std::pair{"rrm", "lumd:rrm"}, std::pair{"websock-rrm", "lumd:websock-rr"}}) {
+        run = true;
+        std::array<char, 16> seen{};
+        script_worker worker(run, 0, 0, name);
+        worker.on_execute = [&] {
+            prctl(PR_GET_NAME, seen.data());
+            run = false;
+            return true;
+        };
+        worker.start_on_dedicated_thread();
+        worker.join();
+        EXPECT_STREQ(seen.data(), thread_name);
+    }
+}
+
+TEST_F(AbstractWorker, JoinAfterARunOnTheCurrentThreadDoesNothing) {
+    script_worker worker(run, 0);
+    worker.on_execute = stop_after(1);
+    worker.start_on_current_thread();
+    worker.join();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, JoinTwiceAndJoinOfAWorkerNeverStartedDoNothing) {
+    script_worker idle(run, 0);
+    idle.join();
+    script_worker worker(run, 0);
+    worker.on_execute = stop_after(1);
+    worker.start_on_dedicated_thread();
+    worker.join();
+    worker.join();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorker, DestructionJoinsTheThread) {
+    bool finished = false;
+    {
+        script_worker worker(run, 0);
+        worker.on_execute = [&, passes = 0]() mutable {
+            finished = ++passes == 1000;
+            run = !finished;
+            return true;
+        };
+        worker.start_on_dedicated_thread();
+    }
+    EXPECT_TRUE(finished);
+}
+
+TEST_F(AbstractWorker, KeepsNoDescriptorBehind) {
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = descriptors();
+    {
+        const script_worker worker(run, 0);
+        EXPECT_EQ(descriptors(), before + 1);
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(AbstractWorker, WithoutADescriptorItNeitherWaitsNorFails) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    rlimit none = limit;
+    none.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &none);
+    script_worker worker(run, half_an_hour);
+    setrlimit(RLIMIT_NOFILE, &limit);
+
+    worker.put_event();
+    EXPECT_EQ(worker.process_eventfd(half_an_hour), -1);
+    worker.on_execute = stop_after(2);
+    worker.func();
+    EXPECT_THAT(worker.calls, ElementsAre("connect", "execute", "execute", "disconnect"));
+}
+
+TEST_F(AbstractWorkerDeathTest, AnExceptionFromExecuteEndsTheProcessWithStatus255) {
+    script_worker worker(run, 0);
+    const auto run_with = [&](const std::function<bool()>& execute) {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        worker.on_execute = execute;
+        worker.func();
+    };
+    const char* const last_words = "Unhandled exception at worker 'script'\n";
+    EXPECT_EXIT(run_with([]() -> bool { throw std::runtime_error("lost"); }), ExitedWithCode(255),
+                last_words);
+    EXPECT_EXIT(run_with([]() -> bool { throw 1; }), ExitedWithCode(255), last_words);
+}
+
+TEST_F(AbstractWorkerDeathTest, AnExceptionOnADedicatedThreadEndsTheProcessToo) {
+    EXPECT_EXIT(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            script_worker worker(run, 0);
+            worker.on_execute = []() -> bool { throw std::runtime_error("lost"); };
+            worker.start_on_dedicated_thread();
+            worker.join();
+        },
+        ExitedWithCode(255), "Unhandled exception at worker 'script'\n");
+}
+
+TEST_F(AbstractWorker, ExceptionsFromTheOtherOperationsAreNotCaught) {
+    script_worker connecting(run, 0);
+    connecting.on_connect = []() -> bool { throw std::runtime_error("connect"); };
+    EXPECT_THROW(connecting.func(), std::runtime_error);
+
+    script_worker asking(run, 0);
+    asking.on_condition = []() -> bool { throw std::runtime_error("condition"); };
+    EXPECT_THROW(asking.func(), std::runtime_error);
+}
+
+TEST_F(AbstractWorkerDeathTest, StartingTwiceEndsTheProcess) {
+    EXPECT_EXIT(
+        {
+            script_worker worker(run, half_an_hour);
+            worker.start_on_dedicated_thread();
+            worker.start_on_dedicated_thread();
+        },
+        KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(AbstractWorker, TakesEventsOfManyThreadsWhileItRuns) {
+    constexpr int threads = 4;
+    constexpr int events_each = 200;
+    script_worker worker(run, half_an_hour);
+    std::latch producers_done{threads};
+    std::atomic<int> events = 0;
+    int seen = 0;
+    worker.on_execute = [&] {
+        seen = events;
+        if (seen == threads * events_each)
+            run = false;
+        return run;
+    };
+    worker.start_on_dedicated_thread();
+    std::vector<std::jthread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back([&] {
+            for (int i = 0; i < events_each; ++i) {
+                ++events;
+                worker.put_event();
+            }
+            producers_done.count_down();
+        });
+    producers_done.wait();
+    worker.join();
+    EXPECT_EQ(seen, threads * events_each);
+}
+
+}  // namespace
