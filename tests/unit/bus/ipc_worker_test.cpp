@@ -1,0 +1,228 @@
+#include "ipc_worker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_bus.h"
+
+class ipc_worker_peer {
+  public:
+    static void process(ipc_worker& worker, const message_s& frame) {
+        worker.process_ipc_message(frame);
+    }
+    static ipc_module_t route(const ipc_worker& worker, const buffer_info_t& buffer) {
+        return worker.route_message(buffer);
+    }
+};
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+buffer_info_ptr message(const std::string& text) {
+    auto result = std::make_shared<buffer_info_t>();
+    result->append(text.data(), static_cast<unsigned>(text.size()));
+    return result;
+}
+
+std::vector<std::string> drain(safe_queue& queue) {
+    std::vector<std::string> texts;
+    while (queue.dequeue([&](const buffer_info_ptr& item) { texts.push_back(item->text()); })) {
+    }
+    return texts;
+}
+
+// A worker that is stepped by hand and no bus.
+class IpcWorkerAlone : public testing::Test {
+  protected:
+    // As the signal handler does it, which ThreadSanitizer takes for a race with the loop.
+    __attribute__((no_sanitize("thread"))) void stop() { run = false; }
+
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    ipc_worker worker{to_daemon, from_daemon, LUMDMOD, run};
+};
+
+struct free_frame {
+    void operator()(message_s* frame) const { std::free(frame); }
+};
+
+std::unique_ptr<message_s, free_frame> frame_of(const std::string& payload) {
+    std::unique_ptr<message_s, free_frame> frame(
+        static_cast<message_s*>(std::calloc(1, sizeof(message_header_s) + payload.size())));
+    frame->header.len = static_cast<std::uint32_t>(payload.size());
+    std::memcpy(reinterpret_cast<char*>(frame.get()) + sizeof(message_header_s), payload.data(),
+                payload.size());
+    return frame;
+}
+
+TEST_F(IpcWorkerAlone, NeitherExecutesNorHoldsItsConditionWithoutAContext) {
+    from_daemon.enqueue(message("stays"));
+    EXPECT_FALSE(worker.condition(run));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_THAT(drain(from_daemon), ElementsAre("stays"));
+}
+
+TEST_F(IpcWorkerAlone, DropsAFrameWhosePayloadStartsWithAZeroByte) {
+    ipc_worker_peer::process(worker, *frame_of(std::string("\0{}", 3)));
+    EXPECT_THAT(drain(to_daemon), IsEmpty());
+}
+
+TEST_F(IpcWorkerAlone, DropsAFrameWithoutPayload) {
+    ipc_worker_peer::process(worker, *frame_of(""));
+    EXPECT_THAT(drain(to_daemon), IsEmpty());
+}
+
+TEST_F(IpcWorkerAlone, TakesThePayloadByItsLengthAlone) {
+    const std::string text("{\0}", 3);
+    ipc_worker_peer::process(worker, *frame_of(text));
+    EXPECT_THAT(drain(to_daemon), ElementsAre(text));
+}
+
+TEST_F(IpcWorkerAlone, RoutesEveryMessageToThePortal) {
+    for (const char* text : {"", "no json", R"({"dst":"hubd"})"})
+        EXPECT_EQ(ipc_worker_peer::route(worker, *message(text)), PORTALMOD);
+}
+
+TEST_F(IpcWorkerAlone, CannotConnectWithoutABroker) {
+    setenv("MSGBUS_SOCKET", "/nonexistent/bus", 1);
+    EXPECT_FALSE(worker.__connect());
+    EXPECT_FALSE(worker.condition(run));
+    worker.__disconnect();
+    unsetenv("MSGBUS_SOCKET");
+}
+
+// The same on a bus with a silent portal.
+class IpcWorker : public testing::Test {
+  protected:
+    void SetUp() override {
+        bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+        ASSERT_TRUE(worker.__connect());
+    }
+    void TearDown() override { worker.__disconnect(); }
+
+    // Passes until `count` messages have come; what came in the end.
+    std::vector<std::string> receive(std::size_t count) {
+        std::vector<std::string> texts;
+        const auto deadline = std::chrono::steady_clock::now() + test_bus::patience;
+        while (texts.size() < count && std::chrono::steady_clock::now() < deadline) {
+            worker.execute();
+            for (std::string& text : drain(to_daemon))
+                texts.push_back(std::move(text));
+        }
+        return texts;
+    }
+
+    TestBus bus;
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    ipc_worker worker{to_daemon, from_daemon, LUMDMOD, run};
+};
+
+TEST_F(IpcWorker, RunsWhileTheFlagAndTheModuleLoopDo) {
+    EXPECT_TRUE(worker.condition(run));
+    run = false;
+    EXPECT_FALSE(worker.condition(run));
+}
+
+TEST_F(IpcWorker, PutsWhatArrivesOnItsQueueUnchanged) {
+    bus.send(PORTALMOD, LUMDMOD, R"({ "any" : "text" })");
+    bus.send(PORTALMOD, LUMDMOD, "not even json");
+    EXPECT_THAT(receive(2), ElementsAre(R"({ "any" : "text" })", "not even json"));
+}
+
+TEST_F(IpcWorker, SendsWhatItIsGivenToThePortalUnchanged) {
+    from_daemon.enqueue(message(R"({ "dst" : "hubd" })"));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_TRUE(worker.execute());
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre(R"({ "dst" : "hubd" })"));
+}
+
+TEST_F(IpcWorker, ConsumesAnEmptyMessageAndSendsNothing) {
+    from_daemon.enqueue(message(""));
+    from_daemon.enqueue(message("after it"));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_FALSE(worker.execute());
+    EXPECT_TRUE(worker.execute());
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("after it"));
+}
+
+TEST_F(IpcWorker, SendsOneMessageAPass) {
+    for (const char* text : {"1", "2", "3"})
+        from_daemon.enqueue(message(text));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_THAT(drain(from_daemon), ElementsAre("2", "3"));
+}
+
+TEST_F(IpcWorker, ReceivesBeforeItSends) {
+    constexpr std::size_t count = 50;
+    for (std::size_t i = 0; i < count; ++i)
+        bus.send(PORTALMOD, LUMDMOD, std::to_string(i));
+    // The broker keeps the order: when the portal's message to itself is back, all are there.
+    bus.send(PORTALMOD, PORTALMOD, "marker");
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    from_daemon.enqueue(message("waits"));
+    for (std::size_t i = 0; i < count; ++i)
+        ASSERT_FALSE(worker.execute());
+    EXPECT_THAT(drain(to_daemon), testing::SizeIs(count));
+    EXPECT_THAT(drain(from_daemon), ElementsAre("waits"));
+}
+
+TEST_F(IpcWorker, KeepsWhatItCannotSendWhileDisconnected) {
+    worker.__disconnect();
+    EXPECT_FALSE(worker.condition(run));
+    from_daemon.enqueue(message("later"));
+    EXPECT_FALSE(worker.execute());
+    ASSERT_TRUE(worker.__connect());
+    EXPECT_FALSE(worker.execute());
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("later"));
+}
+
+TEST_F(IpcWorker, CannotJoinUnderAModuleIdThatAnotherHolds) {
+    ipc_worker second{to_daemon, from_daemon, LUMDMOD, run};
+    EXPECT_FALSE(second.__connect());
+    EXPECT_FALSE(second.condition(run));
+    EXPECT_TRUE(worker.condition(run));
+}
+
+TEST_F(IpcWorkerAlone, EndsItsConditionWhenTheBusIsLost) {
+    auto bus = std::make_unique<TestBus>();
+    ASSERT_TRUE(worker.__connect());
+    ASSERT_TRUE(worker.condition(run));
+    bus.reset();
+    const auto deadline = std::chrono::steady_clock::now() + test_bus::patience;
+    while (worker.condition(run) && std::chrono::steady_clock::now() < deadline)
+        worker.execute();
+    EXPECT_FALSE(worker.condition(run));
+    worker.__disconnect();
+}
+
+// The wake-up shows in the time only, so the message is what the test waits for.
+TEST_F(IpcWorkerAlone, CarriesMessagesBothWaysOnItsOwnThread) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string& text) { return "re: " + text; });
+    worker.start_on_dedicated_thread();
+    from_daemon.enqueue(message("hello"));
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("hello"));
+    std::vector<std::string> texts;
+    const auto deadline = std::chrono::steady_clock::now() + test_bus::patience;
+    while (texts.empty() && std::chrono::steady_clock::now() < deadline) {
+        texts = drain(to_daemon);
+        std::this_thread::yield();
+    }
+    EXPECT_THAT(texts, ElementsAre("re: hello"));
+    stop();
+    worker.join();
+}
+
+}  // namespace
