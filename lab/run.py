@@ -1,0 +1,565 @@
+#!/usr/bin/python3
+"""Shows lumd at work: builds it, starts it in a virtual access point beside a service, and takes
+commands. Started by ./run; see docs/lab.md."""
+import argparse
+import asyncio
+import json
+import os
+import pathlib
+import shlex
+import signal
+import subprocess
+import sys
+import threading
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+
+from labap import journal, scenario as scenarios  # noqa: E402
+from labap.control import ControlError  # noqa: E402
+from labap.harness import TREE, Build, Lab, LabError, find_build  # noqa: E402
+from labap.msgbus import BusError  # noqa: E402
+from labap.quiet import NOISE  # noqa: E402
+from labservice import tables  # noqa: E402
+from labservice.server import ServiceError  # noqa: E402
+
+PRESET = "release"
+QUIET = 0.7           # seconds without an event that end a command's output
+SCAN_CHANNELS = "1 6 11 36 40 44 48"
+PASSES = 5            # of the generic scan
+RRM_SCAN_SECONDS = 6
+TICK = 0.25
+KEY_HOLDER_KEY = "00112233445566778899aabbccddeeff"
+
+
+class Refused(Exception):
+    """A command line that cannot be carried out."""
+
+
+def build():
+    """Configures and builds the release preset; its output is shown only when it fails."""
+    for command in (["cmake", "--preset", PRESET], ["cmake", "--build", "--preset", PRESET]):
+        result = subprocess.run(command, cwd=TREE, stdin=subprocess.DEVNULL, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+        if result.returncode != 0:
+            print(result.stdout[-6000:])
+            raise LabError(f"{' '.join(command)} failed with status {result.returncode}")
+
+
+class Show:
+    """What a person sees: headings, tables, and the conversation as it happens."""
+
+    def __init__(self, machine=False):
+        self.colour = sys.stdout.isatty() and not machine
+        self.machine = machine
+
+    def heading(self, text):
+        if not self.machine:
+            print(f"\n\x1b[1m{text}\x1b[0m" if self.colour else f"\n== {text}", flush=True)
+
+    def text(self, text):
+        if not self.machine:
+            print(text, flush=True)
+
+    def progress(self, text):
+        if self.colour:
+            print(f"\r\x1b[K{text}", end="", flush=True)
+
+    def end_progress(self):
+        if self.colour:
+            print("\r\x1b[K", end="", flush=True)
+
+
+class Console:
+    """The commands of a lab in RRM mode. Each sends, shows what follows, and checks it."""
+
+    def __init__(self, lab, show):
+        self.lab, self.show = lab, show
+        self.config = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0,
+                       **lab.scenario["service"].get("config", {})}
+
+    @property
+    def known(self):
+        return self.lab.service.ap()
+
+    # Steps: each raises LabError when what must follow does not come
+
+    async def ask(self, message, answer=None, timeout=15.0, **match):
+        """Sends, waits for the answer if one is named, and lets the rest of the talk pass by."""
+        since = self.lab.mark()
+        await self.lab.service.send(message)
+        event = await self.lab.wait(answer, since, timeout, **match) if answer else None
+        await self.lab.settle(QUIET)
+        return event
+
+    async def configure(self, **more):
+        await self.ask({"cmd": "rrm-info", **self.config, **more})
+
+    async def refresh(self):
+        await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response")
+
+    async def status(self):
+        """status: ask lumd for its radios and show what the service knows"""
+        await self.refresh()
+        hostapd = "running" if self.lab.ap.files.hostapd else "stopped"
+        self.show.heading(f"access point {self.known.mac}, domain {self.known.domain}, "
+                          f"{'subscribed' if self.known.subscribed else 'not subscribed'}, "
+                          f"hostapd {hostapd}")
+        self.show.text(tables.overview(self.known))
+
+    async def send(self, *words):
+        """send FILE|JSON: send a message as it stands (a header is filled in where it has none)"""
+        text = " ".join(words)
+        if not text:
+            raise Refused("send what? a file or a JSON object")
+        try:
+            if not text.startswith("{"):
+                text = pathlib.Path(text).read_text(encoding="utf-8")
+            message = json.loads(text)
+        except OSError as error:
+            raise Refused(f"{text}: {error.strerror}") from error
+        except ValueError as error:
+            raise Refused(f"not JSON: {error}") from error
+        await self.ask(message)
+
+    async def hostapd(self, action):
+        """hostapd stop|start: the daemon goes away or comes back"""
+        if action not in ("stop", "start"):
+            raise Refused("hostapd stop or hostapd start")
+        since = self.lab.mark()
+        await self.lab.ap.hostapd_command(action)
+        if self.lab.service.links:
+            await self.lab.wait("rrm-disassoc-all-clients" if action == "stop" else
+                                "rrm-config-changed", since)
+        await self.lab.settle(QUIET)
+
+    async def drop_link(self):
+        """drop-link: close the connection; lumd comes back and subscribes again"""
+        since = self.lab.mark()
+        await self.lab.service.drop()
+        await self.lab.wait("subscribe-request", since, 30)
+        await self.lab.settle(QUIET)
+
+    async def channel(self, radio, channel, bandwidth="20", side=None):
+        """channel RADIO CHANNEL BANDWIDTH [upper|lower]: change a radio's channel"""
+        number = self.radio_number(radio)
+        change = {"id": number, "channel": integer(channel), "bandwidth": integer(bandwidth)}
+        if side is not None:
+            if side not in ("upper", "lower"):
+                raise Refused("the primary channel is upper or lower")
+            change["primary-channel"] = side
+        await self.configure(radios=[change])
+        await self.refresh()
+        reported = self.known.radios[number]
+        self.show.text(tables.radios(self.known))
+        if reported["channel"] != change["channel"]:
+            raise LabError(f"wlan{number} still reports channel {reported['channel']}")
+
+    async def power(self, radio, dbm):
+        """power RADIO DBM: change a radio's transmit power"""
+        number = self.radio_number(radio)
+        await self.configure(radios=[{"id": number, "power": integer(dbm)}])
+        await self.refresh()
+        self.show.text(tables.radios(self.known))
+        if self.known.radios[number]["power"] != integer(dbm):
+            raise LabError(f"wlan{number} still reports {self.known.radios[number]['power']} dBm")
+
+    def same_network(self):
+        """The scenario's neighbours that carry one of our SSIDs, as the service lists them."""
+        ours = {vap.ssid for radio in self.lab.ap.air.radios for vap in radio.vaps}
+        return [{"neighbour-mac": entry["bssid"], "channel": entry["channel"], "priority": 1,
+                 "vaps": [{"ssid": entry["ssid"], "mac": entry["bssid"]}]}
+                for entry in self.lab.ap.air.neighbours if entry["ssid"] in ours]
+
+    async def neighbours(self):
+        """neighbours: load the 802.11k neighbour lists and show where they arrived"""
+        self.config["802dot11k"] = self.same_network()
+        await self.configure()
+        self.show.heading("in the driver (/proc)")
+        for report in self.lab.ap.reports():
+            for line in report["lines"]:
+                self.show.text(f"  {report['ifname']} {report['list']}: {line}")
+        self.show.heading("in hostapd")
+        for ifname, table in self.lab.ap.hostapd.tables.items():
+            for bssid, entry in table.items():
+                self.show.text(f"  {ifname}: {bssid} {entry['ssid']} {entry['nr']}")
+        if self.config["802dot11k"] and not any(report["lines"]
+                                                for report in self.lab.ap.reports()):
+            raise LabError("no neighbour arrived in the driver")
+
+    async def ft(self, state):
+        """ft on|off: push or withdraw 802.11r parameters"""
+        if state not in ("on", "off"):
+            raise Refused("ft on or ft off")
+        self.config["use-80211r"] = int(state == "on")
+        await self.configure()
+        since = self.lab.mark()
+        answer = "update-orvanta-fbt-response" if state == "on" else "reset-orvanta-fbt-response"
+        await self.lab.service.send({"cmd": "fbt-info", "fbt-reassoc-deadline": 1000,
+                                     "fbt-over-ds": 1, "vaps": self.key_holders()})
+        await self.lab.wait(answer, since, data={"status": "ok"})
+        await self.lab.settle(QUIET)
+
+    def key_holders(self):
+        vaps = []
+        for radio in self.lab.ap.air.radios:
+            for vap in radio.vaps:
+                if not ("WPA2" in vap.security or "WPA3" in vap.security):
+                    continue
+                holder = vap.mac.replace(":", "")
+                remote = {"remote-r1-kh-id": "00:11:22:33:50:51", "remote-r0-kh-id": "001122335051",
+                          "remote-r1-kh-key": KEY_HOLDER_KEY}
+                vaps.append({"vap_id": vap.number, "radio_id": radio.number,
+                             "mobility-domain": 4660, "r0-key-holder-id": holder,
+                             "r1-key-holder-id": vap.mac, "fbt-rrb-key": KEY_HOLDER_KEY,
+                             "remotes": [remote]})
+        return vaps
+
+    async def scan(self, *words):
+        """scan [CHANNELS] [--vendor] [--delay S]: survey the air and draw it"""
+        words, vendor, delay = list(words), False, 0
+        if "--vendor" in words:
+            words.remove("--vendor")
+            vendor = True
+        if "--delay" in words:
+            at = words.index("--delay")
+            delay = integer(words[at + 1] if at + 1 < len(words) else "")
+            del words[at:at + 2]
+        channels = [integer(word) for word in words] or \
+            [integer(word) for word in SCAN_CHANNELS.split()]
+        text = " ".join(map(str, channels))
+        since = self.lab.mark()
+        await self.lab.service.send({"cmd": "rrm-update", "rrm-scan-delay": delay,
+                                     "vexor-rrm-scanning": int(vendor),
+                                     "rrm-scan-channels": text})
+        await self.follow_scan(since, scan_seconds(channels, vendor, delay))
+        self.show.heading("the air")
+        self.show.text(tables.picture(self.known))
+        if not self.known.neighbours():
+            raise LabError(self.lab.explain("the survey found no neighbour"))
+
+    async def follow_scan(self, since, seconds):
+        """A progress line until the response is there."""
+        seconds /= self.lab.speed
+        waiting = asyncio.create_task(self.lab.wait("rrm-response", since, seconds + 20))
+        passed = 0.0
+        while not waiting.done():
+            share = min(passed / seconds, 1.0) if seconds else 1.0
+            bar = "█" * round(share * 30)
+            self.show.progress(f"scanning │{bar:<30}│ {passed:4.1f} of about {seconds:.0f} s")
+            await asyncio.wait([waiting], timeout=TICK)
+            passed += TICK
+        self.show.end_progress()
+        waiting.result()
+
+    async def clients(self):
+        """clients: who is associated, as the access point and the service see it"""
+        await self.refresh()
+        here = [[station["mac"], vap["ifname"], vap["ssid"], max(station["rssi"]), station["roam"],
+                 "no" if station["no-balance"] else "yes"]
+                for radio in self.lab.ap.status()["radios"] for vap in radio["vaps"]
+                for station in vap["stations"]]
+        self.show.heading("at the access point")
+        self.show.text(tables.table(["client", "VAP", "SSID", "dBm", "if asked", "802.11v"], here))
+        self.show.heading("known to the service")
+        self.show.text(tables.clients(self.known))
+
+    async def steer(self, radio, count="1"):
+        """steer RADIO COUNT: have the weakest clients of a radio move elsewhere"""
+        number = self.radio_number(radio)
+        since = self.lab.mark()
+        await self.ask({"cmd": "rrm-sta-overload", "ap-mac": self.known.mac,
+                        "radios": [{"id": number, "roam-count": integer(count)}],
+                        "802dot11k": self.same_network()}, "bss-transition")
+        asked = self.lab.journal.since(since, what="bss-transition")
+        moved = self.lab.journal.since(since, what="transition-accepted")
+        await self.refresh()
+        self.show.text(f"{len(asked)} asked to move, {len(moved)} moved")
+        self.show.text(tables.clients(self.known))
+        left = {event["data"]["station"] for event in moved} & set(self.known.clients)
+        if left:
+            raise LabError(f"still reported here: {', '.join(left)}")
+
+    async def client(self, action, *words):
+        """client add VAP MAC [DBM] | move MAC VAP | remove MAC: clients come, move and go"""
+        if action == "add" and len(words) in (2, 3):
+            signal_dbm = integer(words[2]) if len(words) == 3 else -60
+            self.lab.ap.station_add(words[0], mac=words[1], rssi=signal_dbm)
+        elif action == "move" and len(words) == 2:
+            self.lab.ap.clients.move(*words)
+        elif action == "remove" and len(words) == 1:
+            self.lab.ap.clients.remove(*words)
+        else:
+            raise Refused("client add VAP MAC [DBM], client move MAC VAP or client remove MAC")
+        await self.lab.settle(QUIET)
+
+    def radio_number(self, text):
+        """0, wlan0"""
+        number = integer(text.removeprefix("wlan"))
+        if not 0 <= number < len(self.lab.ap.air.radios):
+            raise Refused(f"there is no radio {text}")
+        return number
+
+    def commands(self):
+        return {"status": self.status, "send": self.send, "hostapd": self.hostapd,
+                "drop-link": self.drop_link, "channel": self.channel, "power": self.power,
+                "neighbours": self.neighbours, "ft": self.ft, "scan": self.scan,
+                "clients": self.clients, "steer": self.steer, "client": self.client}
+
+    async def opening(self):
+        """The link, the subscription and what the service knows then."""
+        if not (self.lab.scenario["hostapd"] or self.lab.scenario["guardd"]):
+            await self.lab.wait("started", to="bus", from_="hostapd")
+            self.show.text("hostapd is not running: lumd waits (try: hostapd start)")
+            return
+        await self.lab.wait_subscribed()
+        await self.lab.settle(QUIET)
+        self.show.heading("what the service knows now")
+        self.show.text(tables.overview(self.known))
+
+    async def conversation(self):
+        """One full conversation: every command once, each checked."""
+        if not self.lab.scenario["hostapd"]:
+            return
+        for line in self.script():
+            self.show.heading(line)
+            words = shlex.split(line)
+            await self.commands()[words[0]](*words[1:])
+
+    def script(self):
+        radios = self.lab.ap.air.radios
+        spare = next(channel for channel in radios[0].available if channel != radios[0].channel)
+        lines = [f"channel wlan0 {spare} 20", f"power wlan0 {radios[0].tx_power - 2}",
+                 "neighbours", "ft on", "scan", "clients"]
+        vap = radios[0].vaps[0].ifname
+        return lines + [f"client add {vap} 02:1a:2b:00:00:77 -88", "steer wlan0 1", "ft off",
+                        "drop-link", "status"]
+
+
+class WidsConsole:
+    """The commands of a lab in WIDS mode."""
+
+    def __init__(self, lab, show):
+        self.lab, self.show = lab, show
+
+    async def push(self, name=None):
+        """push [NAME]: push a MAC list, by default the one that this access point waits for"""
+        own = self.lab.scenario["mac-list-id"]
+        name = own if name is None else name
+        expected = "mac-list-received" if name.lower() == own.lower() else "mac-list-rejected"
+        since = self.lab.mark()
+        await self.lab.service.send({"Name": name, "white-list": ["00:11:22:33:44:50"],
+                                     "black-list": ["0a:00:00:00:00:66"]})
+        await self.lab.wait(expected, since)
+        if expected == "mac-list-received":
+            await self.lab.wait("update-wids-mac-lists-response", since)
+        await self.lab.settle(QUIET)
+
+    def commands(self):
+        return {"push": self.push}
+
+    async def opening(self):
+        await self.lab.wait("connected")
+
+    async def conversation(self):
+        for line in ("push", "push somebody-else"):
+            self.show.heading(line)
+            await self.push(*shlex.split(line)[1:])
+
+
+class PortalConsole:
+    """The commands of a lab in portal mode: both ends of the relay."""
+
+    def __init__(self, lab, show):
+        self.lab, self.show = lab, show
+
+    async def down(self, *words):
+        """down TEXT: the service sends, the portal module must get it"""
+        message = {"command": "portal-message", "text": " ".join(words)}
+        since = self.lab.mark()
+        await self.lab.service.send(json.dumps(message))
+        await self.lab.wait("portal-message", since, to="portal", data=message)
+
+    async def up(self, *words):
+        """up TEXT: the portal module sends, the service must get it"""
+        message = {"command": "portal-message", "text": " ".join(words)}
+        since = self.lab.mark()
+        self.lab.ap.portal_send(message)
+        await self.lab.wait("message", since, to="service", data=message)
+
+    def commands(self):
+        return {"down": self.down, "up": self.up}
+
+    async def opening(self):
+        await self.lab.wait("connected")
+        await self.lab.settle(QUIET)
+
+    async def conversation(self):
+        for line in ("down hello portal", "up hello service"):
+            self.show.heading(line)
+            words = shlex.split(line)
+            await self.commands()[words[0]](*words[1:])
+
+
+CONSOLES = {"rrm": Console, "wids": WidsConsole, "portal": PortalConsole}
+
+
+def integer(text):
+    try:
+        return int(text)
+    except ValueError:
+        raise Refused(f"{text!r} is not a number") from None
+
+
+def scan_seconds(channels, vendor, delay):
+    """How long the survey takes: the longer of the two radios', in seconds."""
+    if vendor:
+        return 2 * delay + RRM_SCAN_SECONDS
+    counts = (sum(1 for channel in channels if channel < 36),
+              sum(1 for channel in channels if channel >= 36))
+    return delay + PASSES * max(count * 7 // 10 + 1 for count in counts)
+
+
+def read_lines(loop, queue):
+    """Standard input, line by line, from a thread that nobody has to wait for."""
+    pending = b""
+    while True:
+        try:
+            piece = os.read(0, 65536)
+        except OSError:
+            piece = b""
+        pending += piece
+        *lines, pending = pending.split(b"\n")
+        if not piece and pending:
+            lines.append(pending)
+        try:
+            for line in lines:
+                loop.call_soon_threadsafe(queue.put_nowait, line.decode(errors="replace"))
+            if not piece:
+                loop.call_soon_threadsafe(queue.put_nowait, None)
+                return
+        except RuntimeError:
+            return  # the loop is gone
+
+
+async def interact(lab, console, show):
+    """Commands from standard input until quit, its end, or the end of lumd."""
+    queue = asyncio.Queue()
+    threading.Thread(target=read_lines, args=(asyncio.get_running_loop(), queue),
+                     daemon=True).start()
+    show.text("\nhelp lists the commands, quit ends")
+    while True:
+        if show.colour and sys.stdin.isatty():
+            print("lab> ", end="", flush=True)
+        line = await queue.get()
+        if line is None:
+            return
+        if not lab.lumd.running:
+            raise LabError(lab.explain("lumd has ended"))
+        try:
+            words = shlex.split(line) if not line.lstrip().startswith("send") else line.split()
+        except ValueError as error:
+            show.text(f"{error}")
+            continue
+        if not words:
+            continue
+        if words[0] in ("quit", "exit"):
+            return
+        await execute(console, show, words)
+
+
+async def execute(console, show, words):
+    commands = console.commands()
+    if words[0] not in commands:
+        if words[0] != "help":
+            show.text(f"unknown command {words[0]!r}")
+        for command in commands.values():
+            show.text("  " + command.__doc__)
+        show.text("  quit: end everything")
+        return
+    try:
+        await commands[words[0]](*words[1:])
+    except TypeError:
+        show.text(commands[words[0]].__doc__)
+    except (Refused, ServiceError, ControlError, scenarios.ScenarioError, BusError,
+            ValueError) as error:
+        show.text(f"{words[0]}: {error}")
+    except LabError as error:
+        show.text(f"{words[0]} failed: {error}")
+
+
+async def session(options, show):
+    """The whole show; the exit status."""
+    mode_scenario = {"wids": "wids-sentry", "portal": "minimal"}.get(options.mode, "office")
+    binaries = find_build(PRESET)
+    if options.bin:
+        binaries = Build(pathlib.Path(options.bin), pathlib.Path(options.bin).parent / "lib")
+    lab = Lab(options.scenario or mode_scenario, options.mode, binaries, options.speed)
+    hidden = frozenset() if options.verbose else NOISE
+    lab.journal.listen(journal.printer(options.json, hide=hidden))
+    show.heading(f"{lab.mode} mode, scenario {lab.scenario['name']}: "
+                 f"{lab.scenario['description']}")
+    try:
+        await lab.start()
+        console = CONSOLES[lab.mode](lab, show)
+        await console.opening()
+        if options.once:
+            await console.conversation()
+            if lab.service.complaints:
+                raise LabError(f"the service complains: {lab.service.complaints[0]}")
+        else:
+            await interact(lab, console, show)
+    finally:
+        status = await asyncio.shield(lab.stop())
+    if status != 0:
+        raise LabError(f"lumd ended with status {status}")
+    show.heading("done" if options.once else "bye")
+    return 0
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ")[0])
+    parser.add_argument("--once", action="store_true",
+                        help="one full conversation; status 0 when all of it was as it should be")
+    parser.add_argument("--mode", choices=tuple(CONSOLES), help="service mode (default: rrm)")
+    parser.add_argument("--scenario", help="name or file (default: office)")
+    parser.add_argument("--speed", type=float, default=1.0, help="times faster than real time")
+    parser.add_argument("--bin", help="folder of other programs, which are then not built")
+    parser.add_argument("--json", action="store_true", help="one JSON object an event")
+    parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
+    return parser.parse_args()
+
+
+async def supervised(options, show):
+    """The session, ended early by SIGINT, SIGTERM or SIGHUP."""
+    task = asyncio.ensure_future(session(options, show))
+    loop, caught = asyncio.get_running_loop(), []
+
+    def stop(number):
+        caught.append(number)
+        task.cancel()
+
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        loop.add_signal_handler(number, stop, number)
+    try:
+        return await task
+    except asyncio.CancelledError:
+        return 128 + caught[0] if caught else 1
+
+
+def main():
+    options = arguments()
+    show = Show(options.json)
+    try:
+        if not options.bin:
+            show.heading("building")
+            build()
+        return asyncio.run(supervised(options, show))
+    except (LabError, scenarios.ScenarioError, BusError, ServiceError, Refused, OSError) as error:
+        print(f"run: {error}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
+
+
+if __name__ == "__main__":
+    sys.exit(main())
