@@ -23,9 +23,10 @@ struct antcfg_record {
     int cable_loss;               /* tenths of a dB */
 };
 
-/* Fills `record` for the interface from `tree` (borrowed, may be null) and returns 0. A name that
- * is not known, or a malformed antennas.json, logs one error line, leaves zeroed figures and
- * returns -1. Any thread. */
+/* Fills `record` for the interface from `tree` (borrowed, may be null) and returns 0; a figure that
+ * is not given is 0. A name that is not known, a figure that is no integer, or a missing or
+ * malformed antennas.json where it is needed logs one error line, leaves zeroed figures and returns
+ * -1. Any thread. */
 int antcfg_get(const char* ifname, const cfgtree_node* tree, struct antcfg_record* record);
 
 #ifdef __cplusplus

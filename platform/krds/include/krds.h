@@ -6,6 +6,8 @@
  *                  "antenna-gain": {"type": "fixed", "value": 3} | {"type": "configurable"}
  *                                | {"type": "none"}}]}
  * The order in the file is the registry's order. The file is read once, at the first question.
+ * An entry without a name or a known driver, a second one of the same name and an unknown band are
+ * skipped, each with an error line; so is the whole of a missing or malformed file.
  */
 #ifndef PLATFORM_KRDS_H
 #define PLATFORM_KRDS_H
