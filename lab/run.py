@@ -126,10 +126,12 @@ class Console:
         if action not in ("stop", "start"):
             raise Refused("hostapd stop or hostapd start")
         since = self.lab.mark()
+        subscribed = any(ap.subscribed for ap in self.lab.service.aps.values())
         await self.lab.ap.hostapd_command(action)
-        if self.lab.service.links:
-            await self.lab.wait("rrm-disassoc-all-clients" if action == "stop" else
-                                "rrm-config-changed", since)
+        if action == "start":
+            await self.lab.wait("rrm-config-changed" if subscribed else "subscribe-request", since)
+        elif subscribed:
+            await self.lab.wait("rrm-disassoc-all-clients", since)
         await self.lab.settle(QUIET)
 
     async def drop_link(self):
@@ -308,8 +310,9 @@ class Console:
     async def opening(self):
         """The link, the subscription and what the service knows then."""
         if not (self.lab.scenario["hostapd"] or self.lab.scenario["guardd"]):
-            await self.lab.wait("started", to="bus", from_="hostapd")
-            self.show.text("hostapd is not running: lumd waits (try: hostapd start)")
+            await self.lab.wait("connected")
+            self.show.text("hostapd is not running: lumd waits with its subscription "
+                           "(try: hostapd start)")
             return
         await self.lab.wait_subscribed()
         await self.lab.settle(QUIET)
@@ -318,14 +321,14 @@ class Console:
 
     async def conversation(self):
         """One full conversation: every command once, each checked."""
-        if not self.lab.scenario["hostapd"]:
-            return
         for line in self.script():
             self.show.heading(line)
             words = shlex.split(line)
             await self.commands()[words[0]](*words[1:])
 
     def script(self):
+        if not self.lab.scenario["hostapd"]:
+            return ["status"] if self.lab.scenario["guardd"] else ["hostapd start", "status"]
         radios = self.lab.ap.air.radios
         spare = next(channel for channel in radios[0].available if channel != radios[0].channel)
         lines = [f"channel wlan0 {spare} 20", f"power wlan0 {radios[0].tx_power - 2}",
@@ -508,7 +511,10 @@ async def session(options, show):
                 raise LabError(f"the service complains: {lab.service.complaints[0]}")
         else:
             await interact(lab, console, show)
+    except ServiceError as error:
+        raise LabError(lab.explain(str(error))) from error
     finally:
+        lab.journal.listeners.clear()  # the end of the lab itself is of no interest
         status = await asyncio.shield(lab.stop())
     if status != 0:
         raise LabError(f"lumd ended with status {status}")

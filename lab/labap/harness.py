@@ -29,6 +29,8 @@ PR_SET_PDEATHSIG = 1
 EVERY_LOG_LEVEL = 65535
 STOP_PATIENCE = 10.0  # real seconds until SIGKILL
 SHOWN_EVENTS, SHOWN_LOG_LINES = 12, 15
+LIBRARY_NOISE = "->libwebsocket-debug>"
+LAST_WORDS = 0.5      # real seconds in which the end of a dead lumd's talk still arrives
 
 Build = collections.namedtuple("Build", "bin lib")
 
@@ -204,7 +206,18 @@ class Lab:
 
     async def wait(self, what, since=0, timeout=15.0, predicate=None, **match):
         """The first event of that kind after `since`; LabError tells what came instead."""
-        event = await self.journal.wait(since, timeout, predicate, what=what, **match)
+        waiting = asyncio.create_task(
+            self.journal.wait(since, timeout, predicate, what=what, **match))
+        try:
+            was_running = self.lumd.running
+            while not waiting.done():
+                await asyncio.wait([waiting], timeout=LAST_WORDS)
+                if was_running and not self.lumd.running:
+                    await asyncio.wait([waiting], timeout=LAST_WORDS)
+                    break
+        finally:
+            waiting.cancel()
+        event = waiting.result() if waiting.done() and not waiting.cancelled() else None
         if event is None:
             raise LabError(self.explain(f"no {what!r} {match or ''} within {timeout:g} s"))
         return event
@@ -232,13 +245,14 @@ class Lab:
                            for event in self.journal.events[-SHOWN_EVENTS:])
         state = "running" if self.lumd is not None and self.lumd.running else \
             f"ended with status {self.lumd.status}" if self.lumd is not None else "not started"
-        log = "\n".join("  " + text for text in self.log_lines()[-SHOWN_LOG_LINES:])
+        told = [text for text in self.log_lines() if LIBRARY_NOISE not in text]
+        log = "\n".join("  " + text for text in told[-SHOWN_LOG_LINES:])
         return f"{problem}\nlumd is {state}; the last events:\n{events}\nlumd's log ends:\n{log}"
 
     def log_lines(self):
-        """lumd's log file, then what it wrote to its standard error."""
+        """What lumd and the tools it runs wrote to standard output and error, then its log."""
         lines = []
-        for path in (self.lumd_log, self.lumd.output if self.lumd is not None else None):
+        for path in (self.lumd.output if self.lumd is not None else None, self.lumd_log):
             if path is not None and path.exists():
                 lines += path.read_text(errors="replace").splitlines()
         return lines

@@ -19,18 +19,18 @@ class Journal:
 
     def __init__(self):
         self.events = []
-        self._listeners = []
+        self.listeners = []
         self._arrival = asyncio.Event()
 
     def listen(self, listener):
         """`listener(event)` is called for every new event."""
-        self._listeners.append(listener)
+        self.listeners.append(listener)
 
     def add(self, source, target, what, data=None):
         event = {"n": len(self.events) + 1, "t": time.time(), "from": source, "to": target,
                  "what": what, "data": data}
         self.events.append(event)
-        for listener in self._listeners:
+        for listener in self.listeners:
             listener(event)
         arrival, self._arrival = self._arrival, asyncio.Event()
         arrival.set()

@@ -26,10 +26,10 @@ class Link(WebSocketServerProtocol):
     """One access point's connection; counts its pings and can leave them unanswered."""
 
     service = None
-    pings = 0
+    pings_seen = 0  # the base class keeps its own pings in `pings`
 
     async def pong(self, data=b""):
-        self.pings += 1
+        self.pings_seen += 1
         answered = self.service.answer_pings
         self.service.journal.add("lumd", "service", "ping",
                                  None if answered else {"answered": False})
