@@ -47,6 +47,7 @@ class rrm_worker_peer {
     [[nodiscard]] bool fbt_over_ds() const { return w.fbt_over_ds; }
 
     void fill_scan_channels(const char* text) { w.fill_scan_channels(text); }
+    void post_mode_response() { w.post_mode_response(); }
     void rrm_probe_response_timeout() { w.rrm_probe_response_timeout(); }
     void rrm_blacklist_timeout() { w.rrm_blacklist_timeout(); }
     void post_disassoc_all() { w.post_disassoc_all(); }
@@ -154,12 +155,12 @@ class RrmWorkerTest : public testing::Test {
     TestClock clock;
     LogCapture log;
     const std::string root = make_root();
-    testing::NiceMock<MockDriver> driver;
+    volatile bool run_flag = true;
+    testing::NiceMock<MockDriver> driver{&run_flag};
     safe_queue from_websocket;
     safe_queue to_websocket;
     safe_queue from_ipc;
     safe_queue to_ipc;
-    volatile bool run_flag = true;
     std::unique_ptr<rrm_worker> worker;
 
   private:

@@ -79,7 +79,8 @@ FakeVap* up_vap_of(FakeRadio* radio, unsigned vap) {
 
 }  // namespace
 
-MockDriver::MockDriver() : driver_interface(ORVANTAMOD, 20) {
+MockDriver::MockDriver(const volatile bool* process_run_flag)
+    : driver_interface(ORVANTAMOD, 20, process_run_flag) {
     set_up_radios();
     default_to_context_queries();
     default_to_vap_queries();

@@ -87,7 +87,8 @@ class MockDriver : public driver_interface {
   public:
     // Two radios are up: "wlan0" on channel 6 (20 MHz) and "wlan1" on channel 36 (80 MHz), each
     // with VAPs 0 and 1 ("home", with 802.11k, and "guest"), no client and no neighbour.
-    MockDriver();
+    // `process_run_flag` is the request side's (ipc_helper).
+    explicit MockDriver(const volatile bool* process_run_flag = nullptr);
     virtual ~MockDriver();
 
     // --- state, to set and to look at ---
