@@ -33,8 +33,9 @@ enum {
     /* As dst of an attach frame: to monitor the bus instead of joining it as a module. Allowed to
      * root and to the broker's own user; answered by an attach frame with the same dst. From then
      * on the connection receives a copy of each data and undeliverable frame, an attach frame for
-     * each module that joins (src and dst are its id) and a detach frame for each that leaves. It
-     * must not send. The broker ends a monitor that falls MSGBUS_MAX_WAITING bytes behind. */
+     * each module that is there or joins (src and dst are its id) and a detach frame for each that
+     * leaves. It must not send. The broker ends a monitor that falls MSGBUS_MAX_WAITING bytes
+     * behind. */
     MSGBUS_MONITOR = 255
 };
 

@@ -56,6 +56,19 @@ bool drop_sent(std::span<iovec> parts, std::size_t sent) {
 
 }  // namespace
 
+std::string describe_attach_error(int error) {
+    switch (error) {
+        case EADDRINUSE:
+            return "the broker refused it";
+        case ETIMEDOUT:
+            return "the broker does not answer";
+        case EPROTO:
+            return "the broker sent a malformed answer";
+        default:
+            return std::strerror(error);
+    }
+}
+
 int Connection::attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst) {
     const Clock::time_point deadline = Clock::now() + kAttachLimit;
     *this = Connection{};

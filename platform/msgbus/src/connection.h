@@ -14,6 +14,9 @@
 
 namespace msgbus {
 
+// What Connection::attach() means by its result.
+[[nodiscard]] std::string describe_attach_error(int error);
+
 class Connection {
   public:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC

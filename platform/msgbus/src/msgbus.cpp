@@ -40,12 +40,9 @@ void report_attach(int module, int error) {
     if (reported[static_cast<std::size_t>(module)].exchange(error) == error || error == 0)
         return;
     const std::string path = msgbus::default_socket_path();
-    const char* reason = error == EADDRINUSE  ? "the broker refused it"
-                         : error == ETIMEDOUT ? "the broker does not answer"
-                         : error == EPROTO    ? "the broker sent a malformed answer"
-                                              : std::strerror(error);
+    const std::string reason = msgbus::describe_attach_error(error);
     logsink_message(SINK_ERROR, "msgbus: module %d cannot join the bus at %s: %s", module,
-                    path.c_str(), reason);
+                    path.c_str(), reason.c_str());
 }
 
 bool attach(msgbus_context& ctx) {

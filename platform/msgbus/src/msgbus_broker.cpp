@@ -358,6 +358,9 @@ void MsgbusBroker::Impl::attach_monitor(Client& client) {
     }
     control(client, MSGBUS_ATTACH, MSGBUS_MONITOR, MSGBUS_MONITOR, 1);
     client.role = Role::MONITOR;
+    for (const Client* holder : holders_)
+        if (holder)
+            control(client, MSGBUS_ATTACH, holder->module, holder->module, 1);
 }
 
 void MsgbusBroker::Impl::attach_module(Client& client, std::uint8_t module) {

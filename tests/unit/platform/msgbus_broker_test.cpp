@@ -369,7 +369,8 @@ TEST_F(BrokerData, OfAnEarlierConnectionIsNotGivenBackToTheNext) {
     RawPeer second = module(1);
     RawPeer watcher = monitor();
     receiver.hang_up();
-    EXPECT_EQ(watcher.read()->header.type, MSGBUS_DETACH);
+    while (watcher.read()->header.type != MSGBUS_DETACH)
+        continue;
     ASSERT_TRUE(second.send(1, 3, "only this"));
     EXPECT_EQ(second.read()->payload, "only this");
 }
@@ -505,6 +506,18 @@ TEST_F(BrokerMonitor, HoldsNoModuleAndMayBeOneOfSeveral) {
     for (RawPeer* watcher : {&first, &second}) {
         EXPECT_EQ(watcher->read()->header.type, MSGBUS_ATTACH);
         EXPECT_EQ(watcher->read()->payload, "x");
+    }
+}
+
+TEST_F(BrokerMonitor, LearnsFirstWhoIsThere) {
+    const RawPeer one = module(1);
+    const RawPeer two = module(2);
+    RawPeer watcher = monitor();
+    for (const int id : {1, 2}) {
+        const std::optional<Frame> seen = watcher.read();
+        ASSERT_TRUE(seen);
+        EXPECT_EQ(seen->header.type, MSGBUS_ATTACH);
+        EXPECT_EQ(seen->header.src, id);
     }
 }
 
