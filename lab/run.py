@@ -25,6 +25,7 @@ from labservice.server import ServiceError  # noqa: E402
 PRESET = "release"
 QUIET = 0.7           # seconds without an event that end a command's output
 SCAN_CHANNELS = "1 6 11 36 40 44 48"
+SHOWN_BUILD_OUTPUT = 6000  # bytes
 PASSES = 5            # of the generic scan
 RRM_SCAN_SECONDS = 6
 TICK = 0.25
@@ -38,11 +39,28 @@ class Refused(Exception):
 def build():
     """Configures and builds the release preset; its output is shown only when it fails."""
     for command in (["cmake", "--preset", PRESET], ["cmake", "--build", "--preset", PRESET]):
-        result = subprocess.run(command, cwd=TREE, stdin=subprocess.DEVNULL, text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
-        if result.returncode != 0:
-            print(result.stdout[-6000:])
-            raise LabError(f"{' '.join(command)} failed with status {result.returncode}")
+        status, output = run_whole(command)
+        if status != 0:
+            print(output[-SHOWN_BUILD_OUTPUT:])
+            raise LabError(f"{' '.join(command)} failed with status {status}")
+
+
+def run_whole(command):
+    """(status, output) of a command in the tree; whatever ends us ends all of it."""
+    with subprocess.Popen(command, cwd=TREE, stdin=subprocess.DEVNULL, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          start_new_session=True) as child:
+        try:
+            output, _ = child.communicate()
+        except BaseException:
+            os.killpg(child.pid, signal.SIGTERM)
+            raise
+    return child.returncode, output
+
+
+def end_at_signal(number, _frame):
+    """Turns a signal into the orderly end of whatever is under way."""
+    sys.exit(128 + number)
 
 
 class Show:
@@ -95,6 +113,10 @@ class Console:
         await self.ask({"cmd": "rrm-info", **self.config, **more})
 
     async def refresh(self):
+        """Asks for the radios; without hostapd lumd does not answer that."""
+        if not self.lab.ap.files.hostapd:
+            self.show.text("hostapd is not running: this is what was known before")
+            return
         await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response")
 
     async def status(self):
@@ -450,14 +472,17 @@ async def interact(lab, console, show):
     threading.Thread(target=read_lines, args=(asyncio.get_running_loop(), queue),
                      daemon=True).start()
     show.text("\nhelp lists the commands, quit ends")
+    ended = asyncio.ensure_future(lab.lumd.wait(timeout=None))
     while True:
         if show.colour and sys.stdin.isatty():
             print("lab> ", end="", flush=True)
-        line = await queue.get()
+        typed = asyncio.ensure_future(queue.get())
+        await asyncio.wait([typed, ended], return_when=asyncio.FIRST_COMPLETED)
+        if ended.done():
+            raise LabError(lab.explain("lumd has ended"))
+        line = typed.result()
         if line is None:
             return
-        if not lab.lumd.running:
-            raise LabError(lab.explain("lumd has ended"))
         try:
             words = shlex.split(line) if not line.lstrip().startswith("send") else line.split()
         except ValueError as error:
@@ -467,6 +492,8 @@ async def interact(lab, console, show):
             continue
         if words[0] in ("quit", "exit"):
             return
+        if not sys.stdin.isatty():
+            show.heading(line.strip())
         await execute(console, show, words)
 
 
@@ -555,6 +582,8 @@ async def supervised(options, show):
 def main():
     options = arguments()
     show = Show(options.json)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, end_at_signal)
     try:
         if not options.bin:
             show.heading("building")
@@ -565,6 +594,9 @@ def main():
         return 1
     except KeyboardInterrupt:
         return 128 + signal.SIGINT
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # nobody reads; nothing to flush at exit
+        return 1
 
 
 if __name__ == "__main__":

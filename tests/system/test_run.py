@@ -1,0 +1,164 @@
+"""./run as a newcomer uses it: what it shows, what it leaves behind, and how it fails."""
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+import pytest
+
+TREE = pathlib.Path(__file__).resolve().parent.parent.parent
+PATIENCE = 120  # seconds
+BIN = os.environ.get("LUMD_BIN_DIR", str(TREE / "build" / "release" / "bin"))
+
+
+@pytest.fixture(name="folder")
+def temporary_folder():
+    """A short path: the socket names below it are limited to 107 bytes."""
+    path = pathlib.Path(tempfile.mkdtemp(prefix="run"))
+    yield path
+    shutil.rmtree(path, ignore_errors=True)
+
+
+def command(*options):
+    return ["/usr/bin/python3", str(TREE / "lab" / "run.py"), "--bin", BIN, *options]
+
+
+def once(folder, *options):
+    return subprocess.run(command("--once", "--speed", "5", *options), stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=PATIENCE, check=False,
+                          env={**os.environ, "TMPDIR": str(folder)})
+
+
+class Session:
+    """A running ./run with a pipe for its commands."""
+
+    def __init__(self, folder, *options):
+        self.folder = folder
+        self.process = subprocess.Popen(
+            command(*options), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True, bufsize=1,
+            env={**os.environ, "TMPDIR": str(folder)})
+        self.output = ""
+        self.read_until("help lists the commands")
+
+    def read_until(self, text):
+        deadline = time.monotonic() + PATIENCE
+        while text not in self.output:
+            assert time.monotonic() < deadline, f"no {text!r} in:\n{self.output}"
+            line = self.process.stdout.readline()
+            assert line, f"ended without {text!r}:\n{self.output}"
+            self.output += line
+
+    def children(self):
+        listing = subprocess.run(["ps", "-o", "pid=,args=", "--ppid", str(self.process.pid)],
+                                 capture_output=True, text=True, check=False).stdout
+        return {int(line.split()[0]): line.split(None, 1)[1] for line in listing.splitlines()
+                if "ps -o" not in line}
+
+    def type(self, line):
+        self.process.stdin.write(line + "\n")
+
+    def end(self):
+        self.output += self.process.communicate(timeout=PATIENCE)[0]
+        return self.process.returncode
+
+
+@pytest.fixture(name="session")
+def running_session(folder):
+    session = Session(folder, "--scenario", "minimal")
+    yield session
+    session.process.kill()
+    session.process.communicate()
+
+
+def alive(pid):
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    return True
+
+
+def assert_nothing_left(folder, pids):
+    assert [pid for pid in pids if alive(pid)] == []
+    assert list(folder.iterdir()) == []
+
+
+def test_once_shows_the_radios_the_clients_and_the_air_and_ends_with_0(folder):
+    result = once(folder)
+    assert result.returncode == 0, result.stdout[-3000:] + result.stderr
+    for text in ("subscribe-request", "subscribe-response", "update-orvanta", "SET_NEIGHBOR",
+                 "update-orvanta-fbt", "bss-transition", "02:1a:2b:00:00:0c  wlan1  staff",
+                 "neighbours in 5 passes"):
+        assert text in result.stdout
+    assert re.search(r"wlan0 +up +2\.4 GHz +1 +20", result.stdout)
+    assert_nothing_left(folder, [])
+
+
+@pytest.mark.parametrize("mode, shown", [
+    ("wids", ["mac-list-received", "update-wids-mac-lists", "mac-list-rejected"]),
+    ("portal", ["hello portal", "hello service"]),
+])
+def test_once_shows_the_other_modes(folder, mode, shown):
+    result = once(folder, "--mode", mode)
+    assert result.returncode == 0, result.stdout[-3000:] + result.stderr
+    for text in shown:
+        assert text in result.stdout
+
+
+def test_once_shows_hostapd_coming_late(folder):
+    result = once(folder, "--scenario", "hostapd-down")
+    assert result.returncode == 0, result.stdout[-3000:] + result.stderr
+    assert result.stdout.index("hostapd is not running") < \
+        result.stdout.index("subscribe-request")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_a_signal_ends_everything_that_was_started(folder, session, number):
+    children = session.children()
+    assert len(children) == 2
+    session.process.send_signal(number)
+    assert session.end() == 128 + number
+    assert_nothing_left(folder, children)
+
+
+def test_the_end_of_standard_input_ends_everything(folder, session):
+    children = session.children()
+    assert session.end() == 0
+    assert_nothing_left(folder, children)
+
+
+def test_a_command_shows_what_arrives_and_what_is_reported_then(session):
+    session.type("channel wlan1 44 40 upper")
+    session.read_until("rrm-mode-response")
+    session.type("quit")
+    assert session.end() == 0
+    assert re.search(r"lumd → hubd +update-orvanta .*\"control-sideband\":\"upper\"",
+                     session.output)
+    assert re.search(r"wlan1 +up +5 GHz +44 +40 upper", session.output)
+
+
+def test_a_command_that_makes_no_sense_is_explained_and_the_session_goes_on(session):
+    session.type("channel wlan0")
+    session.read_until("channel RADIO CHANNEL BANDWIDTH")
+    session.type("power wlan5 10")
+    session.read_until("there is no radio wlan5")
+    session.type("quit")
+    assert session.end() == 0
+
+
+def test_the_death_of_lumd_is_told_with_its_last_words(session):
+    lumd, = [pid for pid, text in session.children().items() if "lumd.conf" in text]
+    os.kill(lumd, signal.SIGKILL)
+    session.read_until("lumd has ended")
+    assert session.end() == 1
+
+
+def test_an_unknown_scenario_is_refused_with_the_known_ones(folder):
+    result = once(folder, "--scenario", "nowhere")
+    assert result.returncode == 1
+    assert "office" in result.stderr
