@@ -1,0 +1,93 @@
+"""Fixtures of the system tests: a broker, a service and an agent, all private to the test."""
+import pathlib
+import shutil
+import tempfile
+
+import pytest
+
+from lumdtest.agent import Agent
+from lumdtest.msgbus import Broker
+from lumdtest.programs import Programs
+from lumdtest.service import Service
+
+
+def pytest_configure(config):
+    config.addinivalue_line(
+        "markers", "threads: exercises several threads of the agent; also run under "
+                   "ThreadSanitizer")
+
+
+@pytest.fixture(scope="session")
+def programs():
+    return Programs()
+
+
+@pytest.fixture
+def folder():
+    """A short path: a socket's may have 107 characters."""
+    path = pathlib.Path(tempfile.mkdtemp(prefix="lumd-", dir="/tmp"))
+    yield path
+    shutil.rmtree(path)
+
+
+@pytest.fixture
+def broker(programs, folder):
+    broker = Broker(programs.binary("msgbusd"), folder / "bus")
+    broker.start()
+    yield broker
+    broker.stop()
+
+
+@pytest.fixture
+def service():
+    service = Service()
+    service.start()
+    yield service
+    service.stop()
+
+
+@pytest.fixture
+def make_agent(programs, folder):
+    """Starts agents; each must end with status 0, which it does only without any finding of the
+    sanitizer it was built with, leaks included."""
+    agents = []
+
+    def make(port, **options):
+        place = folder / f"agent{len(agents)}"
+        place.mkdir()
+        agents.append(Agent(programs, place, folder / "bus", port, **options))
+        return agents[-1].start()
+
+    yield make
+    for agent in agents:
+        agent.stop()
+
+
+@pytest.fixture
+def portal(broker):
+    """The module on the bus that the agent relays to."""
+    with broker.client(module=3) as client:
+        yield client
+
+
+@pytest.fixture
+def linked(broker, portal, service, make_agent):
+    """An agent in portal mode with its link up and its place on the bus taken: (agent, link)."""
+    agent = make_agent(service.port, log_level=1)
+    link = service.accept()
+    probe(portal, link)
+    return agent, link
+
+
+def probe(portal, link):
+    """Returns once messages pass from the bus to the service."""
+    from lumdtest.msgbus import LUMD, frame
+    from lumdtest.waiting import wait_until
+
+    def passes():
+        portal.send_raw(frame(LUMD, b"probe"))
+        return link.poll(0.2) == "probe"
+
+    wait_until(passes, "the agent relays from the bus")
+    while link.poll(0.3) is not None:  # probes that were late
+        pass
