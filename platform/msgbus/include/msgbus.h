@@ -59,10 +59,17 @@ struct message_header_s {
 
 /* One frame as msgbus_poll_no_wait() returns it; free(3) it. A NUL that `len` does not count stands
  * behind the payload. */
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wc99-extensions" /* C++ lacks arrays without a size */
+#endif
 struct message_s {
     struct message_header_s header;
     __extension__ uint8_t payload[];
 } __attribute__((packed));
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
 
 typedef struct msgbus_context msgbus_context;
 
