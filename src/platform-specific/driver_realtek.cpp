@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "factorydata.h"
-#include "ioctl_ops_factory.h"
 #include "krds.h"
 
 namespace {
@@ -76,17 +75,6 @@ void driver_realtek::init() {
     });
     stop(true);
     stop(false);
-}
-
-ioctl_ops_type driver_realtek::get_ioctl_type(const char* ifname) const {
-    const std::string name = ifname != nullptr ? ifname : "";
-    const std::optional<KRDS::RadioDescription> radio =
-        KRDS::find_radio(name.substr(0, name.find('-')));
-    return radio && radio->driver == KRDS::Driver::G6 ? G6 : RTL8192CD;
-}
-
-std::unique_ptr<ioctl_ops> driver_realtek::make_ops(const char* ifname) const {
-    return ioctl_ops_factory::get(get_ioctl_type(ifname), *this, ifname != nullptr ? ifname : "");
 }
 
 int driver_realtek::to_int(const char* text) {

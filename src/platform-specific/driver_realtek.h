@@ -71,8 +71,6 @@ class driver_realtek : public driver_interface {
     int get_max_radios() const override;
     int get_max_vap() const override;
     void init() override;
-    // Family of the chip behind an interface, by the part of its name before the first "-".
-    ioctl_ops_type get_ioctl_type(const char* ifname) const;
 
     // As atoi(3); a number beyond int's range reads as the nearest one.
     static int to_int(const char* text);
@@ -160,7 +158,9 @@ class driver_realtek : public driver_interface {
     int fill_ap_table(ap_table& table) const override;
     int fill_ap_table_vexor_rrm(ap_table& table) const override;
 
-    // --- driver_realtek_station.cpp: stations and interface state ---
+    // --- driver_realtek_station.cpp: chip families, stations and interface state ---
+    // Family of the chip behind an interface, by the part of its name before the first "-".
+    ioctl_ops_type get_ioctl_type(const char* ifname) const;
     int get_obss_coex(const char* ifname) const override;
     bool get_status(const char* ifname) const override;
     bool interface_is_up(const std::string& ifname) const;
