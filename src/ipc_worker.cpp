@@ -8,6 +8,8 @@ namespace {
 
 constexpr int idle_delay_us = 100000;
 constexpr int reconnect_pause_us = 1000000;
+constexpr int linger_wait_ms = 1;
+constexpr std::chrono::milliseconds linger_time{100};              // after the last message
 constexpr std::array<std::uint8_t, 2> bus_options = {0xFE, 0x00};  // opaque to this side
 
 struct frame_deleter {
@@ -47,11 +49,24 @@ bool ipc_worker::execute() {
     if (ctx == nullptr)
         return false;
     const std::unique_ptr<message_s, frame_deleter> frame(msgbus_poll_no_wait(ctx));
-    if (frame) {
+    const bool idle = !frame && !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
+    if (frame)
         process_ipc_message(*frame);
-        return false;
-    }
-    return !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
+    if (idle)
+        linger();
+    else
+        last_traffic = std::chrono::steady_clock::now();
+    return idle;
+}
+
+// Nothing wakes this worker when a frame arrives, and a socket holds no more than a few hundred
+// KiB: while there is traffic the full wait would throttle it. A short wait takes its place, and
+// the worker's own event ends the full one at once.
+void ipc_worker::linger() {
+    if (std::chrono::steady_clock::now() - last_traffic >= linger_time)
+        return;
+    process_eventfd(linger_wait_ms);
+    put_event();
 }
 
 void ipc_worker::__disconnect() {

@@ -5,6 +5,8 @@ import threading
 import pytest
 
 from lumdtest.msgbus import LUMD
+from lumdtest.service import unused_port
+from lumdtest.waiting import wait_until
 
 MEBIBYTE = 1 << 20
 
@@ -155,23 +157,27 @@ def test_the_portal_learns_the_state_of_the_link(broker, portal, service, make_a
     assert link.poll(0.3) is None, "an internal message is not for the service"
 
 
-def test_a_status_request_is_answered_while_the_link_is_down(broker, portal, service, make_agent):
-    port = service.port
-    service.stop()
-    agent = make_agent(port, settings=["initial_connection_delay=20", "max_connection_delay=20"])
-    agent.wait_log("Delay before connection")
+def answers_status_while_down(portal):
+    """Whether the agent is on the bus and answers that its link is down."""
     drain_notifications(portal)
     portal.send(LUMD, internal("status"))
-    assert portal.recv().decode() == state("disconnected")
+    return (portal.poll(0.5) or b"").decode() == state("disconnected")
 
 
-def test_a_message_sent_while_the_link_is_down_is_dropped(programs, broker, portal, make_agent,
-                                                           service):
-    agent = make_agent(service.port, settings=["initial_connection_delay=4",
-                                               "max_connection_delay=4"])
+def test_a_status_request_is_answered_while_the_link_is_down(broker, portal, make_agent):
+    agent = make_agent(unused_port(), settings=["initial_connection_delay=1000",
+                                                "max_connection_delay=1000"])
     agent.wait_log("Delay before connection")
+    wait_until(lambda: answers_status_while_down(portal), "an answer")
+
+
+def test_a_message_sent_while_the_link_is_down_is_dropped(broker, portal, service, make_agent):
+    agent = make_agent(service.port, settings=["initial_connection_delay=8",
+                                               "max_connection_delay=8"])
+    wait_until(lambda: answers_status_while_down(portal), "the agent is on the bus")
+    handled = agent.log().count("websock-roaming->From queue")
     portal.send(LUMD, "too early")
-    agent.wait_log("websock-roaming->From queue")
+    agent.wait_log("websock-roaming->From queue", handled + 1)
     link = service.accept()
     portal.send(LUMD, "in time")
     assert link.recv() == "in time"
