@@ -35,8 +35,8 @@ std::size_t radio_count(const driver_interface& driver) {
     return static_cast<std::size_t>(std::max(driver.get_max_radios(), 0));
 }
 
-// Reads a number as the conversion %d of scanf(3) does and moves `text` behind it; what does not
-// fit is the nearest int.
+// Reads a number as the conversion %d of scanf(3) does and moves `text` behind it. What does not
+// fit is the nearest int; scanf(3) leaves that case undefined.
 std::optional<int> scan_int(const char*& text) {
     char* end = nullptr;
     const long number = std::strtol(text, &end, 10);
@@ -222,6 +222,7 @@ void rrm_worker::process_driver_event(const driver_event_desc& desc) {
     }
 }
 
+// Reads "%d.%d"; what follows the second number does not count.
 bool rrm_worker::validate_version(const json_reader& message) {
     const char* text = message.get_string("version");
     if (text == nullptr)
@@ -382,11 +383,5 @@ void rrm_worker::clear_environments() {
 }
 
 void rrm_worker::clear_802dot11k() {
-    for (int radio = 0; radio < wl.get_max_radios(); ++radio) {
-        for (int vap = 0; vap < wl.get_max_vap(); ++vap) {
-            const char* ifname = wl.VapIdToVap(static_cast<unsigned>(vap), radio);
-            if (ifname != nullptr && wl.is_802dot11k(radio, vap))
-                wl.clear_rrm_nbr_ap_list(ifname);
-        }
-    }
+    clear_neighbours(&driver_interface::clear_rrm_nbr_ap_list);
 }

@@ -114,8 +114,8 @@ class rrm_worker : public abstract_worker {
     void insert_interface_to_json(json_writer& radios, const char* ifname, int radio);
     // What only a radio in use has: channels to choose from, VAPs, clients.
     void insert_live_lists(json_writer& object, const char* ifname, int radio);
-    // Appends "radios", one object per radio.
-    void insert_radios(json_writer& message);
+    // Appends "radios", one object per radio; false when there was no memory for the array.
+    bool insert_radios(json_writer& message);
     void insert_json_factory(json_writer& message);
     void post_config_changed();
     void rrm_acsd_config_changed_timeout();
@@ -161,6 +161,8 @@ class rrm_worker : public abstract_worker {
     static void sta_overloaded_assoc_list_cb(const rrm_sta_s& sta,
                                              std::list<rrm_sta_s>& candidates);
     void clear_802dot11v_custom_list();
+    // Empties one of the two neighbour lists of every VAP that has IEEE 802.11k on.
+    void clear_neighbours(int (driver_interface::*clear)(const char*) const) const;
     // Aging of the tables; the callbacks say whether the entry is to be erased.
     void rrm_probe_response_timeout();
     bool if_remove_probe_response_timeout_cb(int radio, const libhubd::MacAddr& mac,

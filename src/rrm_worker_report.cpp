@@ -137,12 +137,13 @@ void rrm_worker::get_assoclist_cb(json_writer& assoclist, const rrm_sta_s& sta) 
     object.insert_int("rssi", sta.max_rssi == no_measurement ? 0 : sta.max_rssi);
 }
 
-void rrm_worker::insert_radios(json_writer& message) {
+bool rrm_worker::insert_radios(json_writer& message) {
     json_writer radios = message.make_array("radios");
     const int named = static_cast<int>(radio_ifnames.size());
     const int count = std::min(wl.get_max_radios(), named);
     for (int radio = 0; radio < count; ++radio)
         insert_interface_to_json(radios, radio_ifnames[static_cast<std::size_t>(radio)], radio);
+    return !radios.fail();
 }
 
 void rrm_worker::insert_json_factory(json_writer& message) {

@@ -154,11 +154,11 @@ void rrm_worker::post_rrm_response() {
         trace.info("Not sending rrm-response because hostapd is not running\n");
         return;
     }
-    json_writer message{"rrm", "rrm-response", wl.get_mac(), protocol_version};
-    if (message.fail())
-        return;
+    json_writer message = make_message("rrm-response");
     message.insert_string("domain", ap_location);
-    insert_radios(message);
+    // Also false when the message itself could not be made.
+    if (!insert_radios(message))
+        return;
     insert_environment(message, wl, environment);
     to_websocket.enqueue_json(message);
 }
@@ -176,7 +176,7 @@ void rrm_worker::post_mode_response() {
         trace.info("Not sending rrm-mode-response because hostapd is not running\n");
         return;
     }
-    json_writer message{"rrm", "rrm-mode-response", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-mode-response");
     message.insert_string("domain", ap_location);
     insert_radios(message);
     to_websocket.enqueue_json(message);

@@ -84,7 +84,7 @@ void rrm_worker::process_trap_event(const json_reader& message) {
 }
 
 void rrm_worker::post_client_assoc(const json_reader& event) {
-    json_writer message{"rrm", "rrm-client-assoc", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-client-assoc");
     message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
@@ -95,7 +95,7 @@ void rrm_worker::post_client_assoc(const json_reader& event) {
 }
 
 void rrm_worker::post_client_disassoc(const json_reader& event) {
-    json_writer message{"rrm", "rrm-client-disassoc", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-client-disassoc");
     message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
@@ -104,7 +104,7 @@ void rrm_worker::post_client_disassoc(const json_reader& event) {
 }
 
 void rrm_worker::post_client_80211v_roam(const json_reader& event) {
-    json_writer message{"rrm", "rrm-sta-roam", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-sta-roam");
     message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
@@ -114,7 +114,7 @@ void rrm_worker::post_client_80211v_roam(const json_reader& event) {
 }
 
 void rrm_worker::post_sta_80211v_roam(const driver_event_desc& desc) {
-    json_writer message{"rrm", "rrm-sta-roam", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-sta-roam");
     message.insert_string("domain", ap_location);
     message.insert_int("radio", desc.radio);
     message.insert_string("sta-mac", desc.sta.mac);
@@ -165,11 +165,15 @@ void rrm_worker::sta_overloaded_assoc_list_cb(const rrm_sta_s& sta,
 }
 
 void rrm_worker::clear_802dot11v_custom_list() {
+    clear_neighbours(&driver_interface::clear_vexor_nbr_ap_list);
+}
+
+void rrm_worker::clear_neighbours(int (driver_interface::*clear)(const char*) const) const {
     for (int radio = 0; radio < wl.get_max_radios(); ++radio) {
         for (int vap = 0; vap < wl.get_max_vap(); ++vap) {
             const char* ifname = wl.VapIdToVap(static_cast<unsigned>(vap), radio);
             if (ifname != nullptr && wl.is_802dot11k(radio, vap))
-                wl.clear_vexor_nbr_ap_list(ifname);
+                (wl.*clear)(ifname);
         }
     }
 }
@@ -210,7 +214,7 @@ bool rrm_worker::if_remove_probe_response_timeout_cb(int radio, const libhubd::M
 }
 
 void rrm_worker::post_rrm_probe_response() {
-    json_writer message{"rrm", "rrm-probe-response", wl.get_mac(), protocol_version};
+    json_writer message = make_message("rrm-probe-response");
     message.insert_string("domain", ap_location);
     const json_writer radios = message.make_array("radios");
     bool reported = false;
