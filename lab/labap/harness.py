@@ -27,6 +27,7 @@ URL_KEYS = {"rrm": "orvanta_service_url", "portal": "roam_service_url",
             "wids": "mac-list-service-url"}
 PR_SET_PDEATHSIG = 1
 EVERY_LOG_LEVEL = 65535
+WAIT = 30.0           # real seconds; generous, since a build may be running beside the tests
 STOP_PATIENCE = 10.0  # real seconds until SIGKILL
 SHOWN_EVENTS, SHOWN_LOG_LINES = 12, 15
 LIBRARY_NOISE = "->libwebsocket-debug>"
@@ -151,11 +152,20 @@ class Lab:
 
     async def _bus_is_there(self, timeout=10.0):
         deadline = asyncio.get_running_loop().time() + timeout
-        while not self.bus_path.exists():
+        while not await self._bus_listens():
             if not self.broker.running or asyncio.get_running_loop().time() > deadline:
                 text = self.broker.output.read_text(errors="replace").strip()
                 raise LabError(f"msgbusd does not listen (status {self.broker.status}): {text}")
             await asyncio.sleep(0.02)
+
+    async def _bus_listens(self):
+        """A socket file exists a moment before anybody listens on it."""
+        try:
+            _, writer = await asyncio.open_unix_connection(str(self.bus_path))
+        except OSError:
+            return False
+        writer.close()
+        return True
 
     def write_config(self):
         lines = [f"{URL_KEYS[self.mode]}=ws://127.0.0.1:{self.service.port}/agent",
@@ -204,7 +214,7 @@ class Lab:
         """A place in the conversation to wait from."""
         return len(self.journal.events)
 
-    async def wait(self, what, since=0, timeout=15.0, predicate=None, **match):
+    async def wait(self, what, since=0, timeout=WAIT, predicate=None, **match):
         """The first event of that kind after `since`; LabError tells what came instead."""
         waiting = asyncio.create_task(
             self.journal.wait(since, timeout, predicate, what=what, **match))
@@ -304,7 +314,7 @@ class LabHandle:
     def mark(self):
         return self.do(self.lab.mark)
 
-    def wait(self, what, since=0, timeout=15.0, predicate=None, **match):
+    def wait(self, what, since=0, timeout=WAIT, predicate=None, **match):
         return self.run(self.lab.wait(what, since, timeout, predicate, **match))
 
     def wait_subscribed(self, timeout=30.0):
