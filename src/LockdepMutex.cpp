@@ -19,6 +19,7 @@ constexpr int max_frames = 64;
 constexpr std::time_t expiry_time = 121;  // seconds; no lock is rightly held for that long
 
 struct free_deleter {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
     void operator()(void* memory) const { std::free(memory); }
 };
 

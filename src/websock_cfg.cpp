@@ -20,6 +20,7 @@ constexpr int line_buffer_size = 255;  // longer lines are read in pieces
 constexpr const char* default_ap_location = "default-rrm-domain";
 
 struct file_closer {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
@@ -132,7 +133,8 @@ websock_cfg_t::websock_cfg_t(int argc, const char** argv) {
 const char* websock_cfg_t::parse_options(int argc, const char** argv) {
     const char* path = nullptr;
     optind = 0;  // a fresh start of getopt(3), its hidden state included
-    for (int option; (option = getopt(argc, const_cast<char**>(argv), "f:d:p:P:")) != -1;) {
+    int option = 0;
+    while ((option = getopt(argc, const_cast<char**>(argv), "f:d:p:P:")) != -1) {
         if (option == 'f') {
             path = optarg;
             continue;
