@@ -1,5 +1,6 @@
 #include "driver_realtek.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -78,8 +79,7 @@ void driver_realtek::init() {
 }
 
 int driver_realtek::to_int(const char* text) {
-    const long number = std::strtol(text, nullptr, 10);
-    constexpr long least = std::numeric_limits<int>::min();
-    constexpr long most = std::numeric_limits<int>::max();
-    return static_cast<int>(number < least ? least : number > most ? most : number);
+    constexpr long long least = std::numeric_limits<int>::min();
+    constexpr long long most = std::numeric_limits<int>::max();
+    return static_cast<int>(std::clamp(std::strtoll(text, nullptr, 10), least, most));
 }

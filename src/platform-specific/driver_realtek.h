@@ -56,7 +56,7 @@ struct interface_context {
     const vap_context* get_vap(int number) const;
 };
 
-class driver_realtek : public driver_interface {
+class driver_realtek final : public driver_interface {
   public:
     // `process_run_flag` is borrowed for the process's life.
     explicit driver_realtek(volatile bool& process_run_flag);

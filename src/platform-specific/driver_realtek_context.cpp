@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -32,9 +31,8 @@ bool take_word(const char*& text, const char* word) {
 // Takes a number as scanf(3) "%d" does; one beyond int's range does not match.
 bool take_number(const char*& text, int& number) {
     char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    if (end == text || value < std::numeric_limits<int>::min() ||
-        value > std::numeric_limits<int>::max())
+    const long long value = std::strtoll(text, &end, 10);
+    if (end == text || !std::in_range<int>(value))
         return false;
     text = end;
     number = static_cast<int>(value);
