@@ -591,6 +591,38 @@ TEST_P(AbortingCommandTest, StopsTheScanEmptiesTheTablesAndCancelsItsTimers) {
 INSTANTIATE_TEST_SUITE_P(Commands, AbortingCommandTest,
                          testing::Values("rrm-update", "RRM-Request-Mode"));
 
+TEST_F(RrmWorkerCoreTest, AbortedScanTakesADueReportOfAnEarlierOneWithIt) {
+    subscribe();
+    service_commands("rrm-update", R"("rrm-scan-delay":5,"vexor-rrm-scanning":1)");
+    advance(5);
+    advance(driver.scan_duration);
+    ASSERT_FALSE(driver.in_progress) << "the report waits for 5 seconds";
+    service_commands("rrm-update");
+    ASSERT_TRUE(driver.in_progress);
+    service_commands("rrm-request-mode");
+    advance(5);
+    EXPECT_THAT(reports_of("rrm-response"), IsEmpty());
+}
+
+TEST_F(RrmWorkerCoreTest, AbortedScanTakesAWaitingOneWithIt) {
+    subscribe();
+    service_commands("rrm-update", R"("rrm-scan-delay":5)");
+    driver.in_progress = true;
+    service_commands("rrm-request-mode");
+    advance(5);
+    EXPECT_THAT(driver.scans, IsEmpty());
+}
+
+TEST_F(RrmWorkerCoreTest, NewLinkCancelsTheDueReport) {
+    subscribe();
+    service_commands("rrm-update", R"("rrm-scan-delay":5,"vexor-rrm-scanning":1)");
+    advance(5);
+    advance(driver.scan_duration);
+    subscribe();
+    advance(5);
+    EXPECT_THAT(reports_of("rrm-response"), IsEmpty());
+}
+
 TEST_F(RrmWorkerCoreTest, LinkLostDuringAScanDoesNotLeaveTheWorkerDeaf) {
     subscribe();
     driver.radios[0].neighbours.emplace_back();

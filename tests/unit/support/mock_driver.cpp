@@ -93,6 +93,8 @@ MockDriver::MockDriver(const volatile bool* process_run_flag)
 
 MockDriver::~MockDriver() = default;
 
+template class testing::NiceMock<MockDriver>;
+
 void MockDriver::set_up_radios() {
     radios[0] = make_radio(0, BAND_2G);
     radios[0].chanspec_in_use = radios[0].config_spec = LWLIO_CHANSPEC_BW_20 | 6U;

@@ -241,4 +241,7 @@ class MockDriver : public driver_interface {
     void default_to_recorded_commands();
 };
 
+// Made once, in mock_driver.cpp: some ninety mock methods cost every test file a minute otherwise.
+extern template class testing::NiceMock<MockDriver>;
+
 #endif
