@@ -332,8 +332,11 @@ class FakeKernel : public lab::Kernel {
     }
 
     int set_mib_text(const std::string& ifname, Interface& interface, const std::string& text) {
-        const std::string name = text.substr(0, text.find('='));
-        const std::string value = text.substr(name.size() + 1);
+        const std::size_t equals = text.find('=');
+        if (equals == std::string::npos)
+            return -EINVAL;
+        const std::string name = text.substr(0, equals);
+        const std::string value = text.substr(equals + 1);
         set_texts_[{ifname, name}] = value;
         std::string bytes(sizeof(std::int32_t), '\0');
         put(bytes.data(), static_cast<std::int32_t>(std::strtol(value.c_str(), nullptr, 10)));

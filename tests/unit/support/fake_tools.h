@@ -18,7 +18,7 @@ class FakeTools {
             throw std::runtime_error("no folder for the tools");
         folder_ = name;
         install("iwpriv", "cat \"" + folder_ + "/$1.$3\" 2>/dev/null\n");
-        install("wpa_cli", "echo OK\n");
+        install("wpa_cli", "");
         setenv("PATH", (folder_ + ":" + old_path_).c_str(), 1);
     }
     ~FakeTools() {
@@ -50,6 +50,8 @@ class FakeTools {
             result.push_back(line);
         return result;
     }
+
+    void forget() const { std::filesystem::remove(folder_ + "/log"); }
 
   private:
     void install(const std::string& name, const std::string& rest) const {

@@ -1,0 +1,39 @@
+// Failures of system calls that a test cannot bring about otherwise. Each holds while its object
+// lives.
+#ifndef TESTS_CALL_FAULTS_H
+#define TESTS_CALL_FAULTS_H
+
+#include <atomic>
+#include <cerrno>
+
+namespace call_faults {
+
+// errno to fail with; 0 lets the call through.
+extern std::atomic<int> socket_error;
+extern std::atomic<int> popen_error;
+extern std::atomic<int> memory_error;  // of new (std::nothrow) T[n]
+
+class Fault {
+  public:
+    Fault(std::atomic<int>& call, int error) : call_(call) { call_ = error; }
+    ~Fault() { call_ = 0; }
+    Fault(const Fault&) = delete;
+    Fault& operator=(const Fault&) = delete;
+
+  private:
+    std::atomic<int>& call_;
+};
+
+struct NoSocket : Fault {
+    NoSocket() : Fault(socket_error, EMFILE) {}
+};
+struct NoPipe : Fault {
+    NoPipe() : Fault(popen_error, EMFILE) {}
+};
+struct NoMemory : Fault {
+    NoMemory() : Fault(memory_error, ENOMEM) {}
+};
+
+}  // namespace call_faults
+
+#endif
