@@ -13,6 +13,7 @@ constexpr std::chrono::milliseconds linger_time{100};              // after the 
 constexpr std::array<std::uint8_t, 2> bus_options = {0xFE, 0x00};  // opaque to this side
 
 struct frame_deleter {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
     void operator()(message_s* frame) const { std::free(frame); }
 };
 

@@ -42,6 +42,7 @@ const service_entry& service_of(ws_instance_id instance) {
 }
 
 struct free_deleter {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
     void operator()(unsigned char* memory) const { std::free(memory); }
 };
 
@@ -321,7 +322,7 @@ bool websock_worker::process_internal_message(const buffer_info_t& buffer) {
     if (cmd == nullptr)
         return true;
     if (strcasecmp(cmd, "status") == 0)
-        notify(lws_conn_established ? "connected" : "disconnected");
+        lws_conn_established ? notify_connected() : notify_disconnected();
     else if (strcmp(cmd, "unlink") == 0)
         process_internal_unlink();
     return true;
