@@ -415,6 +415,7 @@ TEST_F(RrmWorkerSteeringTest, AnUnknownReadingComesFromTheDriverWhenTheTimeIsOve
     EXPECT_EQ(last_report(), report("rrm-probe-response",
                                     R"("radios":[{"id":0,"probe-list":[{"mac":"02:00:00:00:00:01",)"
                                     R"("ssid":"guest","rssi":-77}]}])"));
+    ASSERT_NE(peer().sta_environment()[0].find(other_client), nullptr);
     EXPECT_EQ(peer().sta_environment()[0].find(other_client)->timeout, 1);
     EXPECT_EQ(peer().sta_environment()[0].find(other_client)->rssi, 0);
     testing::Mock::VerifyAndClearExpectations(&driver);
