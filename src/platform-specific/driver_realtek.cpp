@@ -14,8 +14,9 @@ constexpr int bus_timeout = 20;  // seconds that an answer over the bus may take
 
 template <std::size_t size>
 void copy_text(char (&to)[size], const char* from) {
-    std::strncpy(to, from, size - 1);
-    to[size - 1] = '\0';
+    const std::size_t length = strnlen(from, size - 1);
+    std::memcpy(to, from, length);
+    std::memset(to + length, 0, size - length);
 }
 
 }  // namespace
