@@ -2,8 +2,11 @@
 // to the installed Kernel, paths to the root folder, syslog lines to a file as well. Everything
 // else goes to the next definition of the same function (dlsym(3), RTLD_NEXT).
 
-// The fortified forms are inline functions of the same names as those defined here.
+// The fortified forms are inline functions of the same names as those defined here, and 64-bit
+// files or time would give two of them one symbol.
 #undef _FORTIFY_SOURCE
+#undef _FILE_OFFSET_BITS
+#undef _TIME_BITS
 
 #include <dirent.h>
 #include <dlfcn.h>

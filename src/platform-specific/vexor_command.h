@@ -60,18 +60,18 @@ static_assert(sizeof(sta_info_s) == 28 && offsetof(sta_info_s, rssi) == 8 &&
 // The heads of the payloads; their entries follow behind (vexor_list below). A `size` is the room
 // that the caller announces and the number of entries that the kernel returns.
 struct array_s {
-    std::uint32_t size;
+    std::uint32_t size;  // of int32_t array[]
 };
 struct vexor_custom_scan_s {
-    std::uint32_t count;
+    std::uint32_t count;  // of uint16_t channels[]
 };
 struct scan_result_s {
-    std::uint32_t size;
+    std::uint32_t size;  // of ap_info_s aps[]
 };
 struct assoc_stas_s {
     std::uint8_t channel;
     std::uint8_t padding[3];
-    std::uint32_t size;
+    std::uint32_t size;  // of sta_info_s stas[]
 };
 struct details_pmkid_s {
     std::uint8_t sta_addr[6];
