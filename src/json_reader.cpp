@@ -18,9 +18,8 @@ json_object* find(json_object* object, const char* key) {
 
 // Element `i`, borrowed; null when `array` is none or is shorter.
 json_object* element(json_object* array, std::size_t i) {
-    if (!json_object_is_type(array, json_type_array) || i >= json_object_array_length(array))
-        return nullptr;
-    return json_object_array_get_idx(array, i);
+    return json_object_is_type(array, json_type_array) ? json_object_array_get_idx(array, i)
+                                                       : nullptr;
 }
 
 }  // namespace

@@ -268,13 +268,13 @@ TEST_F(LockdepMutexTest, ExcludesOtherThreadsAndKeepsTheRecordsStraight) {
     EXPECT_EQ(held(), 0u);
 }
 
-// Takes a lock in a destructor that runs after those of all other static objects.
+// Releases a lock in a destructor that runs after those of all other static objects.
 struct outermost_locker {
     LockdepMutex lock{"late"};
-    bool active = false;
+    bool held = false;
     ~outermost_locker() {
-        if (active)
-            const std::lock_guard guard(lock);
+        if (held)
+            lock.unlock();
     }
 };
 [[gnu::init_priority(101)]] outermost_locker locks_at_the_end;
@@ -282,7 +282,8 @@ struct outermost_locker {
 TEST_F(LockdepMutexDeathTest, TheStorageOutlivesEveryStaticObject) {
     EXPECT_EXIT(
         {
-            locks_at_the_end.active = true;
+            locks_at_the_end.lock.lock();
+            locks_at_the_end.held = true;
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
