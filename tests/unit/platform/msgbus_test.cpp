@@ -633,6 +633,14 @@ TEST_F(MsgbusSend, KeepsWhatArrivedWhenItFindsTheConnectionLost) {
     EXPECT_EQ(text_of(poll_once(ctx)), "before");
 }
 
+TEST_F(MsgbusSend, GivesUpABrokerThatTakesNothing) {
+    const Context ctx = start_fake();
+    send(ctx, 1, std::string(MSGBUS_MAX_PAYLOAD, 'x'));
+    EXPECT_THAT(take_syslog(), logged("the broker takes nothing"));
+    EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
+    EXPECT_TRUE(peer->ended());
+}
+
 TEST_F(MsgbusSend, EndsWhenTheBrokerDiesInTheMiddle) {
     const Context ctx = start_fake();
     std::thread broker{[&] {
