@@ -307,7 +307,7 @@ TYPED_TEST(BothFamilies, ReadsAsManyNeighboursAsTheBufferHolds) {
 
 TYPED_TEST(BothFamilies, ClampsACountOfNeighboursThatTheBufferCannotHold) {
     for (const std::uint32_t count : {4681U, 9360U, 65536U, 65535U, far_beyond}) {
-        const LogCapture fresh;
+        const LogCapture fresh{1};
         this->kernel.claim_count(FakeKernel::CUSTOM_SCAN_RESULTS, count);
         this->kernel.claim_count(FakeKernel::RRM_SCAN_RESULTS, count);
         ap_table table;
