@@ -163,9 +163,10 @@ class RawService {
         const std::size_t head = 2 + size_bytes + 4;
         if (incoming_.size() < head)
             return false;
-        const std::uint64_t size = size_bytes == 0 ? short_size : number(2, size_bytes);
-        if (incoming_.size() < head + size)
+        const std::uint64_t announced = size_bytes == 0 ? short_size : number(2, size_bytes);
+        if (incoming_.size() - head < announced)
             return false;
+        const auto size = static_cast<std::size_t>(announced);
         if ((number(1, 1) & 0x80U) == 0)
             throw std::runtime_error("a client's frame without a mask");
         const auto kind = static_cast<opcode>(number(0, 1) & 0x0FU);
