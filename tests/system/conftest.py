@@ -6,6 +6,7 @@ import tempfile
 import pytest
 
 from lumdtest.agent import Agent
+from lumdtest.lab import Labs
 from lumdtest.msgbus import Broker
 from lumdtest.programs import Programs
 from lumdtest.service import Service
@@ -15,6 +16,20 @@ def pytest_configure(config):
     config.addinivalue_line(
         "markers", "threads: exercises several threads of the agent; also run under "
                    "ThreadSanitizer")
+    config.addinivalue_line(
+        "markers", "soak: takes minutes; runs with --soak only (scripts/soak)")
+
+
+def pytest_addoption(parser):
+    parser.addoption("--soak", action="store_true", help="also run what takes minutes")
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("--soak"):
+        return
+    long = [item for item in items if item.get_closest_marker("soak")]
+    config.hook.pytest_deselected(items=long)
+    items[:] = [item for item in items if item not in long]
 
 
 @pytest.fixture(scope="session")
@@ -28,6 +43,14 @@ def folder():
     path = pathlib.Path(tempfile.mkdtemp(prefix="lumd-", dir="/tmp"))
     yield path
     shutil.rmtree(path)
+
+
+@pytest.fixture
+def start_lab():
+    """Starts labs: an agent between a virtual access point and a service."""
+    labs = Labs()
+    yield labs.start
+    labs.stop()
 
 
 @pytest.fixture

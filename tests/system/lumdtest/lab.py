@@ -1,0 +1,87 @@
+"""Whole labs for the tests: the agent between a virtual access point and the service."""
+import pathlib
+import sys
+
+LAB = pathlib.Path(__file__).resolve().parents[3] / "lab"
+if str(LAB) not in sys.path:
+    sys.path.insert(0, str(LAB))
+
+from labap import scenario as scenarios  # noqa: E402
+from labap.harness import LabError, running_lab  # noqa: E402
+
+# Dumping a survey or a large message at debug level costs more than handling it.
+NO_DEBUG_LINES = "log_level=7"
+CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
+
+
+class Labs:
+    """Starts labs and ends them; every agent must end with status 0, which it does only without
+    any finding of the sanitizer it was built with, leaks included."""
+
+    def __init__(self):
+        self._running = []
+
+    def start(self, scenario="minimal", wait=True, start_lumd=True, speed=20, config=(),
+              complaints=(), **options):
+        """A LabHandle; `wait`: once the agent is subscribed (connected, in the WIDS mode)."""
+        context = running_lab(scenario, speed=speed, start_lumd=False,
+                              config=[NO_DEBUG_LINES, *config], **options)
+        lab = context.__enter__()
+        self._running.append((context, lab, list(complaints)))
+        if start_lumd:
+            lab.start_lumd()
+        if start_lumd and wait:
+            lab.wait_subscribed() if lab.lab.mode == "rrm" else lab.wait("connected")
+        return lab
+
+    def stop(self):
+        problems = []
+        for context, lab, allowed in self._running:
+            status = lab.stop_lumd()
+            log = "\n".join(lab.log_lines()[-60:])
+            unexpected = [complaint for complaint in lab.service("complaints")
+                          if complaint not in allowed]
+            context.__exit__(None, None, None)
+            if status not in (0, None):
+                problems.append(f"status {status}; the log ends:\n{log}")
+            problems += unexpected
+        self._running.clear()
+        assert problems == []
+
+
+def ask(lab, message, answer, timeout=60, **match):
+    """Sends a message from the service; the content of the answer."""
+    since = lab.mark()
+    lab.send(message)
+    return lab.wait(answer, since, timeout=timeout, **match)["data"]
+
+
+def radios(lab):
+    """The radio objects as the agent reports them now."""
+    return ask(lab, {"cmd": "rrm-request-mode"}, "rrm-mode-response")["radios"]
+
+
+def service_texts(lab):
+    """A list that fills with each text that the service receives from now on, as it came."""
+    texts = []
+    service = lab.lab.service
+    receive = service._receive
+
+    async def recording(link, text):
+        texts.append(text)
+        await receive(link, text)
+
+    service._receive = recording
+    return texts
+
+
+def send_bytes(lab, payload):
+    """One text frame with these bytes, valid UTF-8 or not."""
+    async def send():
+        await lab.lab.service.links[-1].write_frame(True, 1, payload)
+    lab.run(send())
+
+
+def scenario(name="minimal", **changes):
+    """A scenario of the tree with other members."""
+    return {**scenarios.load(name), **changes}
