@@ -6,22 +6,17 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 #include <exception>
 #include <memory>
 
 #include "lum_trace.h"
+#include "owned.h"
 #include "timer_processor.h"
 
 namespace {
 
 constexpr int max_frames = 64;
 constexpr std::time_t expiry_time = 121;  // seconds; no lock is rightly held for that long
-
-struct free_deleter {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
-    void operator()(void* memory) const { std::free(memory); }
-};
 
 // Holds a T that is built at the first use and never destroyed, so that locks taken by other
 // objects' static destructors still find it.

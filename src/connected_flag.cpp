@@ -5,21 +5,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "lum_trace.h"
-
-namespace {
-
-struct file_closer {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-}  // namespace
+#include "owned.h"
 
 void set_orvanta_connected_mode() {
-    const std::unique_ptr<std::FILE, file_closer> file(std::fopen(orvanta_connected_file, "w+"));
+    const file_ptr file(std::fopen(orvanta_connected_file, "w+"));
     if (!file)
         trace.error("Cannot create %s: %s\n", orvanta_connected_file, std::strerror(errno));
 }

@@ -7,16 +7,12 @@
 #include <sstream>
 
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
-constexpr std::uint8_t bus_options[] = {0xFE, 0x00};
 constexpr std::size_t path_bytes = 64;  // of a formatted path, its NUL included
 constexpr int wds_links = 8;            // per radio
-
-const char* text_of(const char* text) {
-    return text != nullptr ? text : "";
-}
 
 bool is_true(const std::optional<std::string>& value) {
     return value == "true";
@@ -65,7 +61,7 @@ int take_value(const cfgtree_node* answer, std::string& value) {
 
 ipc_helper::ipc_helper(ipc_module_t module, int timeout_seconds,
                        const volatile bool* process_run_flag)
-    : ctx(msgbus_init(module, bus_options, sizeof bus_options)),
+    : ctx(msgbus_init(module, bus_options.data(), bus_options.size())),
       timeout(timeout_seconds),
       running(process_run_flag) {
     if (ctx != nullptr)

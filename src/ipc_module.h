@@ -2,6 +2,7 @@
 #ifndef LUMD_IPC_MODULE_H
 #define LUMD_IPC_MODULE_H
 
+#include <array>
 #include <cstdint>
 
 // Numbered 0 to 38; those without a name here belong to platform daemons this agent never meets.
@@ -16,5 +17,8 @@ enum ipc_module_t : std::int32_t {
     SCANDMOD = 34,          // scan daemon
     SIZEMOD = 39            // count
 };
+
+// What each context of this agent joins the bus with; opaque to this side.
+inline constexpr std::array<std::uint8_t, 2> bus_options = {0xFE, 0x00};
 
 #endif

@@ -1,21 +1,15 @@
 #include "ipc_worker.h"
 
-#include <array>
-#include <cstdlib>
 #include <memory>
+
+#include "owned.h"
 
 namespace {
 
 constexpr int idle_delay_us = 100000;
 constexpr int reconnect_pause_us = 1000000;
 constexpr int linger_wait_ms = 1;
-constexpr std::chrono::milliseconds linger_time{100};              // after the last message
-constexpr std::array<std::uint8_t, 2> bus_options = {0xFE, 0x00};  // opaque to this side
-
-struct frame_deleter {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
-    void operator()(message_s* frame) const { std::free(frame); }
-};
+constexpr std::chrono::milliseconds linger_time{100};  // after the last message
 
 }  // namespace
 
@@ -49,7 +43,7 @@ bool ipc_worker::__connect() {
 bool ipc_worker::execute() {
     if (ctx == nullptr)
         return false;
-    const std::unique_ptr<message_s, frame_deleter> frame(msgbus_poll_no_wait(ctx));
+    const std::unique_ptr<message_s, free_deleter> frame(msgbus_poll_no_wait(ctx));
     const bool idle = !frame && !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
     if (frame)
         process_ipc_message(*frame);

@@ -6,6 +6,12 @@
 
 struct json_object;
 
+// What every message of this agent begins with.
+inline constexpr const char* protocol_version = "2.4";
+
+// Service of the messages between the link and its partner; no other machine sees them.
+inline constexpr const char* internal_service = "internal-ipc";
+
 // A cheap value on the stack. A top-level writer releases its object; a nested one leaves it to
 // its parent, which must outlive it. Not thread-safe.
 class json_writer {

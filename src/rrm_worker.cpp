@@ -1,16 +1,13 @@
 // The worker's loop, the dispatch of messages and the subscription to the service.
 #include "rrm_worker.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <limits>
 #include <optional>
 
 #include "connected_flag.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -27,24 +24,8 @@ constexpr int service_unavailable = 503;  // "code" of a subscribe response
 constexpr int ap_mac_count = 16;
 constexpr int use_wildcard_80211r = 1;
 
-bool equals(const char* text, const char* expected) {
-    return text != nullptr && strcasecmp(text, expected) == 0;
-}
-
 std::size_t radio_count(const driver_interface& driver) {
     return static_cast<std::size_t>(std::max(driver.get_max_radios(), 0));
-}
-
-// Reads a number as the conversion %d of scanf(3) does and moves `text` behind it. What does not
-// fit is the nearest int; scanf(3) leaves that case undefined.
-std::optional<int> scan_int(const char*& text) {
-    char* end = nullptr;
-    const long number = std::strtol(text, &end, 10);
-    if (end == text)
-        return std::nullopt;
-    text = end;
-    return static_cast<int>(
-        std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 // Version numbers compare as one: the major in the upper, the minor in the lower 16 bits.
@@ -156,20 +137,21 @@ bool rrm_worker::process_ipc_message(const buffer_info_t& buffer) {
         return false;
     const char* service = message.get_string("service");
     if (service == nullptr) {
-        if (equals(message.get_string("command"), "wifi-client-trap"))
+        if (equals_ignoring_case(message.get_string("command"), "wifi-client-trap"))
             process_trap_event(message);
         return false;
     }
-    if (equals(service, "rrm"))
+    if (equals_ignoring_case(service, "rrm"))
         return process_service_message(message, message.get_string("cmd"));
-    if (equals(service, "internal-ipc"))
+    if (equals_ignoring_case(service, internal_service))
         process_internal_message(message);
     return false;
 }
 
 bool rrm_worker::process_service_message(const json_reader& message, const char* cmd) {
     if (wl.is_in_progress()) {
-        if (!equals(cmd, "rrm-update") && !equals(cmd, "rrm-request-mode"))
+        if (!equals_ignoring_case(cmd, "rrm-update") &&
+            !equals_ignoring_case(cmd, "rrm-request-mode"))
             return true;
         trace.info("Got %s. turning off the current scan.\n", cmd);
         wl.stop(true);
@@ -186,8 +168,9 @@ void rrm_worker::process_rrm_message(const json_reader& message) {
     const char* cmd = message.get_string("cmd");
     if (cmd == nullptr || !process_validate_version(message))
         return;
-    const auto known = std::find_if(service_commands.begin(), service_commands.end(),
-                                    [cmd](const service_command& c) { return equals(cmd, c.cmd); });
+    const auto known =
+        std::find_if(service_commands.begin(), service_commands.end(),
+                     [cmd](const service_command& c) { return equals_ignoring_case(cmd, c.cmd); });
     if (known == service_commands.end())
         return;
     if (known->handler != nullptr)
@@ -198,9 +181,9 @@ void rrm_worker::process_rrm_message(const json_reader& message) {
 
 void rrm_worker::process_internal_message(const json_reader& message) {
     const char* cmd = message.get_string("cmd");
-    if (equals(cmd, "connected"))
+    if (equals_ignoring_case(cmd, "connected"))
         process_connected();
-    else if (equals(cmd, "disconnected"))
+    else if (equals_ignoring_case(cmd, "disconnected"))
         process_disconnected();
 }
 
@@ -270,7 +253,7 @@ void rrm_worker::process_subscribe_response(const json_reader& message) {
         return;
     tp.del_timer(TIMER_SUBSCRIBE);
     subscribing = false;
-    if (equals(status, "success"))
+    if (equals_ignoring_case(status, "success"))
         process_subscribed(message);
     else if (message.get_int("code") == service_unavailable)
         retry_subscribing();
@@ -314,7 +297,7 @@ void rrm_worker::increment_subscribe_timeout() {
 
 json_writer rrm_worker::make_message(const char* cmd) const {
     const char* mac = wl.get_mac();
-    return json_writer{"rrm", cmd, mac != nullptr ? mac : "", protocol_version};
+    return json_writer{"rrm", cmd, text_of(mac), protocol_version};
 }
 
 void rrm_worker::post_subscribe_request() {
@@ -349,7 +332,7 @@ void rrm_worker::post_disassoc_all() {
 }
 
 void rrm_worker::post_ipc_disconnect() {
-    json_writer message{"internal-ipc", "unlink", "", protocol_version};
+    json_writer message{internal_service, "unlink", "", protocol_version};
     to_websocket.enqueue_json(message);
 }
 

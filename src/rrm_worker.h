@@ -215,9 +215,6 @@ class rrm_worker : public abstract_worker {
     const driver_interface::driver_event_callback process_driver_event_binded;
 };
 
-// The protocol version that this access point speaks.
-inline constexpr const char* protocol_version = "2.4";
-
 // Names of the radios' interfaces by radio number; no more radios than these are reported.
 inline constexpr std::array<const char*, 3> radio_ifnames = {"wlan0", "wlan1", "wlan2"};
 

@@ -1,5 +1,4 @@
 // What the service sets: power and channels, steering options, neighbours, fast transition.
-#include <strings.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 
 #include "lum_trace.h"
 #include "rrm_worker.h"
+#include "text.h"
 
 namespace {
 
@@ -19,14 +19,10 @@ constexpr int paired_bandwidth = 40;   // MHz; the one with a lower and an upper
 constexpr std::size_t max_fbt_vaps = 32;
 constexpr std::size_t max_fbt_remotes = 1025;
 
-bool equals(const char* text, const char* expected) {
-    return text != nullptr && strcasecmp(text, expected) == 0;
-}
-
 primary_channel_mode primary_mode(int bandwidth, const char* primary) {
-    if (bandwidth == paired_bandwidth && equals(primary, "upper"))
+    if (bandwidth == paired_bandwidth && equals_ignoring_case(primary, "upper"))
         return PRIMARY_CHANNEL_UPPER;
-    if (bandwidth == paired_bandwidth && equals(primary, "lower"))
+    if (bandwidth == paired_bandwidth && equals_ignoring_case(primary, "lower"))
         return PRIMARY_CHANNEL_LOWER;
     return PRIMARY_CHANNEL_NONE;
 }

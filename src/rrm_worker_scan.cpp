@@ -5,24 +5,20 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
-#include <limits>
 #include <sstream>
 #include <string>
 
 #include "lum_trace.h"
 #include "rrm_worker.h"
+#include "text.h"
 
 namespace {
 
 constexpr unsigned first_5ghz_channel = 36;
 
-// The number a text begins with, as atoi(3) reads it. Made whole where atoi is not: a negative
-// number names no channel and reads as 0, one beyond int as the largest int.
+// A negative number names no channel and reads as 0.
 unsigned channel_number(const std::string& text) {
-    const long number = std::strtol(text.c_str(), nullptr, 10);
-    constexpr long largest = std::numeric_limits<int>::max();
-    return static_cast<unsigned>(std::clamp(number, 0L, largest));
+    return static_cast<unsigned>(std::max(to_int(text.c_str()), 0));
 }
 
 std::string bssid_text(const std::array<std::uint8_t, 6>& bssid) {
@@ -69,8 +65,7 @@ void rrm_worker::process_rrm_update(const json_reader& message) {
     disable_vexor_rrm_scanning = message.get_int("vexor-rrm-scanning") == 0;
     // On the vendor path the one delay counts twice: before the scan and before the report.
     rrm_response_timeout = disable_vexor_rrm_scanning ? 0 : delay;
-    const char* channels = message.get_string("rrm-scan-channels");
-    fill_scan_channels(channels != nullptr ? channels : "");
+    fill_scan_channels(text_of(message.get_string("rrm-scan-channels")));
 
     tp.del_timer(TIMER_SCAN_DELAY);
     tp.del_timer(TIMER_SCAN_FINISHED);

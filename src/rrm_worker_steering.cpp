@@ -1,5 +1,4 @@
 // What becomes of clients: event reports, steering away from a busy radio, probe and block tables.
-#include <strings.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 
 #include "lum_trace.h"
 #include "rrm_worker.h"
+#include "text.h"
 
 // What hostapd's client events mean to the service. A reassociation counts as leaving: the client
 // is reported again when it has authenticated.
@@ -41,8 +41,8 @@ void insert_radio_id(json_writer& message, const driver_interface& driver,
 }
 
 bool uses_80211v(const json_reader& event) {
-    const char* answer = event.get_subobject("client-info").get_string("using-802.11v");
-    return answer != nullptr && strcasecmp(answer, "yes") == 0;
+    return equals_ignoring_case(event.get_subobject("client-info").get_string("using-802.11v"),
+                                "yes");
 }
 
 // Ascending by the first reading; equal readings stay in the order of arrival.
@@ -70,7 +70,7 @@ void rrm_worker::process_trap_event(const json_reader& message) {
         return;
     const json_reader event = message.get_subobject("event");
     const char* type = event.get_string("type");
-    const auto known = msg_to_drv_event.find(type != nullptr ? type : "");
+    const auto known = msg_to_drv_event.find(text_of(type));
     if (known == msg_to_drv_event.end())
         return;
     switch (known->second) {
@@ -132,8 +132,8 @@ void rrm_worker::process_rrm_sta_overloaded(const json_reader& message) {
         const json_reader element = radios.get_array_element(i);
         const int id = element.get_int("id");
         if (element.is_object() && is_radio(id))
-            roam_weakest(radio_ifnames[static_cast<std::size_t>(id)],
-                         ap_mac != nullptr ? ap_mac : "", element.get_int("roam-count"));
+            roam_weakest(radio_ifnames[static_cast<std::size_t>(id)], text_of(ap_mac),
+                         element.get_int("roam-count"));
     }
 }
 

@@ -3,15 +3,14 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "logsink.h"
 #include "lum_trace.h"
+#include "owned.h"
+#include "text.h"
 
 namespace {
 
@@ -19,22 +18,12 @@ constexpr int everything = 65535;      // log level until the file says otherwis
 constexpr int line_buffer_size = 255;  // longer lines are read in pieces
 constexpr const char* default_ap_location = "default-rrm-domain";
 
-struct file_closer {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 // Copies as much of `from` as fits behind the first `at` characters of `to`.
 template <std::size_t size>
 void copy_text(char (&to)[size], const char* from, std::size_t at = 0) {
     const std::size_t length = strnlen(from, size - 1 - at);
     std::memcpy(to + at, from, length);
     to[at + length] = '\0';
-}
-
-// As atoi(3), which leaves numbers beyond int undefined; here they give the nearest int.
-int to_int(const char* text) {
-    return static_cast<int>(std::clamp<long>(std::strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
 // Cuts `text` at the first `separator`; returns what follows it, null when there is none.
@@ -165,7 +154,7 @@ bool websock_cfg_t::parse_file(const char* path) {
     global_log_level = 0;
     logsink_set_file(nullptr);
 
-    const std::unique_ptr<std::FILE, file_closer> file(std::fopen(path, "re"));
+    const file_ptr file(std::fopen(path, "re"));
     if (!file)
         return false;
     char line[line_buffer_size];

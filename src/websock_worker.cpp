@@ -1,7 +1,5 @@
 #include "websock_worker.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
@@ -12,6 +10,8 @@
 #include "json_reader.h"
 #include "json_writer.h"
 #include "lum_trace.h"
+#include "owned.h"
+#include "text.h"
 
 namespace {
 
@@ -21,9 +21,6 @@ constexpr int reconnect_pause_us = 1000000;
 constexpr int ping_timeout_s = 60;
 constexpr int every_lws_log_level = 1023;
 constexpr std::size_t smallest_delay_base = 2;  // seconds
-
-constexpr const char* internal_service = "internal-ipc";
-constexpr const char* message_version = "2.4";
 
 struct service_entry {
     const char* name;  // of the worker and of the subprotocol
@@ -40,11 +37,6 @@ const service_entry& service_of(ws_instance_id instance) {
     const auto index = static_cast<std::size_t>(instance);
     return index < services.size() ? services[index] : unknown;
 }
-
-struct free_deleter {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): this is the owner
-    void operator()(unsigned char* memory) const { std::free(memory); }
-};
 
 }  // namespace
 
@@ -304,7 +296,7 @@ int websock_worker::lws_send(lws* wsi, const void* data, std::size_t len,
 }
 
 void websock_worker::notify(const char* cmd) {
-    json_writer message(internal_service, cmd, "", message_version);
+    json_writer message(internal_service, cmd, "", protocol_version);
     to_ipc.enqueue_json(message);
 }
 
@@ -316,14 +308,14 @@ bool websock_worker::process_internal_message(const buffer_info_t& buffer) {
     if (command != nullptr && std::strcmp(command, "update-timezone") == 0)
         tzset();
     const char* const service = message.get_string("service");
-    if (service == nullptr || strcasecmp(service, internal_service) != 0)
+    if (!equals_ignoring_case(service, internal_service))
         return false;
     const char* const cmd = message.get_string("cmd");
     if (cmd == nullptr)
         return true;
-    if (strcasecmp(cmd, "status") == 0)
+    if (equals_ignoring_case(cmd, "status"))
         lws_conn_established ? notify_connected() : notify_disconnected();
-    else if (strcmp(cmd, "unlink") == 0)
+    else if (std::strcmp(cmd, "unlink") == 0)
         process_internal_unlink();
     return true;
 }

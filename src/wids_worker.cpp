@@ -1,9 +1,8 @@
 #include "wids_worker.h"
 
-#include <strings.h>
-
 #include "json_writer.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -11,11 +10,6 @@ constexpr int wake_up_wait = 100000;      // microseconds
 constexpr int reconnect_pause = 1000000;  // microseconds
 
 constexpr const char* wids_service = "wids-mac-service";
-constexpr const char* protocol_version = "2.4";
-
-bool equals(const char* text, const char* expected) {
-    return text != nullptr && strcasecmp(text, expected) == 0;
-}
 
 }  // namespace
 
@@ -52,9 +46,9 @@ void wids_worker::from_service_cb(const buffer_info_ptr& buffer) {
     const json_reader message{buffer->text().c_str()};
     trace.info("Got message: %s\n", buffer->text().c_str());
     const char* service = message.get_string("service");
-    if (equals(service, "internal-ipc"))
+    if (equals_ignoring_case(service, internal_service))
         process_internal_message();
-    else if (equals(service, wids_service))
+    else if (equals_ignoring_case(service, wids_service))
         process_service_message(message);
 }
 
@@ -63,9 +57,9 @@ void wids_worker::process_internal_message() {}
 
 void wids_worker::process_service_message(const json_reader& message) {
     const char* list_name = message.get_string("Name");
-    trace.info("Get message with name '%s' (compare with '%s')!\n",
-               list_name != nullptr ? list_name : "", mac_list_id.c_str());
-    if (!equals(list_name, mac_list_id.c_str())) {
+    trace.info("Get message with name '%s' (compare with '%s')!\n", text_of(list_name),
+               mac_list_id.c_str());
+    if (!equals_ignoring_case(list_name, mac_list_id.c_str())) {
         trace.info("Wrong list name\n");
         post_reply("mac-list-rejected", list_name != nullptr ? list_name : "empty-name");
         return;

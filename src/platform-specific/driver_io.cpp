@@ -4,6 +4,7 @@
 #include <cstdarg>
 
 #include "lum_trace.h"
+#include "owned.h"
 
 namespace {
 

@@ -30,11 +30,6 @@ inline constexpr std::size_t wpa_cli_command_size = 1024;
 [[nodiscard, gnu::format(printf, 2, 3)]] std::string format_cut(std::size_t size,
                                                                 const char* format, ...);
 
-struct file_closer {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 // Writes one text to a procfs entry; false when it cannot be opened.
 [[nodiscard]] bool write_entry(const std::string& path, std::string_view text);
 

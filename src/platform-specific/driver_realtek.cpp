@@ -1,9 +1,6 @@
 #include "driver_realtek.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 
 #include "factorydata.h"
 #include "krds.h"
@@ -77,10 +74,4 @@ void driver_realtek::init() {
     });
     stop(true);
     stop(false);
-}
-
-int driver_realtek::to_int(const char* text) {
-    constexpr long long least = std::numeric_limits<int>::min();
-    constexpr long long most = std::numeric_limits<int>::max();
-    return static_cast<int>(std::clamp(std::strtoll(text, nullptr, 10), least, most));
 }

@@ -72,9 +72,6 @@ class driver_realtek final : public driver_interface {
     int get_max_vap() const override;
     void init() override;
 
-    // As atoi(3); a number beyond int's range reads as the nearest one.
-    static int to_int(const char* text);
-
     // --- driver_realtek_context.cpp: radios and VAPs as last read ---
     void set_vapcontext() override;
     void close_vapcontext() override;

@@ -3,6 +3,7 @@
 
 #include "driver_realtek.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -133,13 +134,13 @@ int driver_realtek::set_chanspec(const char* ifname, int channel, int bw,
                             {"bandwidth", std::to_string(bw)}};
     if (mode != PRIMARY_CHANNEL_NONE)
         params.emplace_back("control-sideband", mode == PRIMARY_CHANNEL_UPPER ? "upper" : "lower");
-    return update_orvanta(ifname != nullptr ? ifname : "", params);
+    return update_orvanta(text_of(ifname), params);
 }
 
 int driver_realtek::set_tx_power(const char* ifname, int power) const {
     if (!live())
         return 0;
-    return update_orvanta(ifname != nullptr ? ifname : "", {{"tx-power", std::to_string(power)}});
+    return update_orvanta(text_of(ifname), {{"tx-power", std::to_string(power)}});
 }
 
 std::optional<std::set<unsigned>> driver_realtek::get_config_limit_channels_cb(

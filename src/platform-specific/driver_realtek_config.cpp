@@ -4,6 +4,7 @@
 #include "driver_realtek.h"
 #include "krds.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -11,10 +12,6 @@ constexpr std::size_t ssid_characters = 129;
 // What an unknown bandwidth and an unknown sub-band both read as.
 constexpr unsigned default_config_bits = LWLIO_CHANSPEC_BW_20;
 constexpr int tenths_per_db = 10;
-
-const char* text_of(const char* text) {
-    return text != nullptr ? text : "";
-}
 
 bool contains(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
@@ -42,7 +39,7 @@ std::optional<int> is_wpa23_vap_cb(const interface_context*, const std::string&,
 
 std::optional<int> get_config_bandwidth_cb(const interface_context* radio,
                                            const std::string& value) {
-    switch (driver_realtek::to_int(value.c_str())) {
+    switch (to_int(value.c_str())) {
         case 20:
             return LWLIO_CHANSPEC_BW_20;
         case 40:
@@ -67,11 +64,11 @@ std::optional<int> get_config_primary_cb(const interface_context* radio, const s
 }
 
 std::optional<int> get_tx_power_cb(const interface_context*, const std::string& value) {
-    return driver_realtek::to_int(value.c_str());
+    return to_int(value.c_str());
 }
 
 std::optional<int> get_eirp_cb(const interface_context*, const std::string& value) {
-    return driver_realtek::to_int(value.c_str());
+    return to_int(value.c_str());
 }
 
 // Gain and loss as the antenna library sees them with the configured antenna.

@@ -9,6 +9,7 @@
 #include "driver_realtek.h"
 #include "json_writer.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -417,7 +418,7 @@ const char* driver_realtek::SsidToVap(const char* ssid, int radio) const {
 int driver_realtek::get_ssidlist(const char* ifname, const ssidlist_callback& callback) const {
     if (!live())
         return 0;
-    const int radio = get_radio_id(ifname != nullptr ? ifname : "");
+    const int radio = get_radio_id(text_of(ifname));
     if (!is_enabled(radio))
         return 0;
     for (int vap = 0; vap < get_max_vap(); ++vap) {

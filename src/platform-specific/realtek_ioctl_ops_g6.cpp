@@ -8,6 +8,7 @@
 
 #include "driver_io.h"
 #include "lum_trace.h"
+#include "owned.h"
 
 namespace {
 
@@ -124,7 +125,7 @@ bool g6_ioctl_ops::get_obss_coex(const std::string& ifname) {
     int obss_value = -1;
     int ret = 0;
     errno = 0;
-    if (const driver_io::file_ptr file{std::fopen(path.c_str(), "r")})
+    if (const file_ptr file{std::fopen(path.c_str(), "r")})
         ret = std::fscanf(file.get(), "%d", &obss_value);
     const int error = errno;
     if (ret != 1) {

@@ -11,6 +11,7 @@
 
 #include "driver_io.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -125,7 +126,7 @@ bool rtl8192cd_ioctl_ops::get_obss_coex(const std::string& ifname) {
     else
         value = value_of(file, key, expression);
     trace.debug("<%s:%d> %s == %s\n", __func__, __LINE__, key, value.c_str());
-    return std::strtol(value.c_str(), nullptr, 10) != 0;
+    return to_int(value.c_str()) != 0;
 }
 
 // --- neighbours ---

@@ -1,0 +1,40 @@
+// Texts as messages, files and interfaces give them. Nothing here throws.
+#ifndef LUMD_TEXT_H
+#define LUMD_TEXT_H
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+
+// `text`, or the empty text for null.
+[[nodiscard]] inline const char* text_of(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+// Null equals nothing.
+[[nodiscard]] inline bool equals_ignoring_case(const char* text, const char* expected) {
+    return text != nullptr && strcasecmp(text, expected) == 0;
+}
+
+// Reads a number as the conversion %d of scanf(3) does and moves `text` behind it; without a number
+// `text` stays. What does not fit is the nearest int; scanf(3) leaves that case undefined.
+[[nodiscard]] inline std::optional<int> scan_int(const char*& text) {
+    constexpr long long least = std::numeric_limits<int>::min();
+    constexpr long long most = std::numeric_limits<int>::max();
+    char* end = nullptr;
+    const long long number = std::strtoll(text, &end, 10);
+    if (end == text)
+        return std::nullopt;
+    text = end;
+    return static_cast<int>(std::clamp(number, least, most));
+}
+
+// As atoi(3), 0 without a number included; a number beyond int's range reads as the nearest one.
+[[nodiscard]] inline int to_int(const char* text) {
+    return scan_int(text).value_or(0);
+}
+
+#endif
