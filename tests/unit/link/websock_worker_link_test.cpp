@@ -40,6 +40,12 @@ TEST_F(WebsockLink, AsksForTheServicesPathAndSubprotocol) {
     EXPECT_THAT(service.header("Origin"), HasSubstr("127.0.0.1"));
 }
 
+TEST(WebsockLinkPath, AnEmptyPathConnectsToTheRootAlone) {
+    websock_worker_peer peer{WS_INSTANCE_RRM, 1, 1, "/"};
+    ASSERT_TRUE(peer.establish());
+    EXPECT_THAT(peer.service.request, HasSubstr("GET / HTTP/1.1\r\n"));
+}
+
 TEST_F(WebsockLink, IsNotEstablishedBeforeTheHandshake) {
     service.reading = false;
     ASSERT_TRUE(peer.connect());

@@ -14,8 +14,8 @@
 class websock_worker_peer {
   public:
     explicit websock_worker_peer(ws_instance_id instance = WS_INSTANCE_RRM, std::size_t initial = 1,
-                                 std::size_t maximum = 1)
-        : worker_(from_ipc, to_ipc, "127.0.0.1", "/agent", service.port(), run, initial, maximum,
+                                 std::size_t maximum = 1, const std::string& path = "/agent")
+        : worker_(from_ipc, to_ipc, "127.0.0.1", path, service.port(), run, initial, maximum,
                   instance) {}
 
     // --- steps ---
