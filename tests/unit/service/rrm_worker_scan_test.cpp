@@ -420,6 +420,15 @@ TEST_F(RrmWorkerScanTest, WritesTheResponse) {
                   R"("primary-channel":"none","bandwidth":20}]]})");
 }
 
+TEST_F(RrmWorkerScanTest, ABssidIsWrittenWithLeadingZerosInLowerCase) {
+    ap_info ap = neighbour(0xEF);
+    ap.bssid = {0x00, 0x0A, 0x01, 0xAB, 0x00, 0x0F};
+    driver.radios[0].neighbours = {ap};
+    vexor_update(R"("rrm-scan-channels":"6")");
+    finish_scan();
+    EXPECT_THAT(last_report(), HasSubstr(R"("bssid":"00:0a:01:ab:00:0f")"));
+}
+
 TEST_F(RrmWorkerScanTest, WithoutNeighboursTheEnvironmentIsAnEmptyArray) {
     vexor_update(R"("rrm-scan-channels":"6")");
     finish_scan();

@@ -116,6 +116,13 @@ TEST_F(RrmWorkerSteeringTest, WritesTheRoamReport) {
                                      R"("target-mac":"aa:00:00:00:00:01")"));
 }
 
+TEST_F(RrmWorkerSteeringTest, TheNameOfAVapGivesTheNumberOfItsRadio) {
+    trap(R"("type":"auth-fail","dev":"wlan1-va2")");
+    EXPECT_EQ(test_bus::member(last_report(), "radio"), "1");
+    trap(R"("type":"auth-fail","dev":"wlan0-va6")");
+    EXPECT_EQ(test_bus::member(last_report(), "radio"), "0");
+}
+
 TEST_F(RrmWorkerSteeringTest, TheNameOfABareRadioGivesNoRadioNumber) {
     trap(R"("type":"auth-fail","dev":"wlan1","mac":"02:00:00:00:00:01","ssid":"home")");
     EXPECT_EQ(last_report(),
@@ -128,9 +135,13 @@ TEST_F(RrmWorkerSteeringTest, AnEventWithNothingButItsTypeIsReportedBare) {
     EXPECT_EQ(last_report(), report("rrm-client-assoc", R"("rssi":0,"no-balance":1)"));
 }
 
+TEST_F(RrmWorkerSteeringTest, AnAssociationWithoutClientInfoReportsNoBalance) {
+    trap(R"("type":"auth")");
+    EXPECT_EQ(test_bus::member(last_report(), "no-balance"), "1");
+}
+
 TEST_F(RrmWorkerSteeringTest, OnlyAClientThatUses80211vMayBeBalanced) {
     const std::vector<std::pair<std::string, std::string>> table = {
-        {"", "1"},
         {R"(,"client-info":{})", "1"},
         {R"(,"client-info":null)", "1"},
         {R"(,"client-info":"yes")", "1"},
