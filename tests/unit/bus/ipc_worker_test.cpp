@@ -164,7 +164,7 @@ TEST_F(IpcWorker, SendsOneMessageAPass) {
     EXPECT_THAT(drain(from_daemon), ElementsAre("2", "3"));
 }
 
-TEST_F(IpcWorker, ReceivesBeforeItSends) {
+TEST_F(IpcWorker, ASteadyStreamOfFramesDelaysWhatGoesOutUntilTheBusIsEmpty) {
     constexpr std::size_t count = 50;
     for (std::size_t i = 0; i < count; ++i)
         bus.send(PORTALMOD, LUMDMOD, std::to_string(i));
@@ -175,7 +175,9 @@ TEST_F(IpcWorker, ReceivesBeforeItSends) {
     for (std::size_t i = 0; i < count; ++i)
         ASSERT_FALSE(worker.execute());
     EXPECT_THAT(drain(to_daemon), testing::SizeIs(count));
-    EXPECT_THAT(drain(from_daemon), ElementsAre("waits"));
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    ASSERT_FALSE(worker.execute());
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 2), ElementsAre("marker", "waits"));
 }
 
 TEST_F(IpcWorker, KeepsWhatItCannotSendWhileDisconnected) {
