@@ -1,14 +1,17 @@
+# shellcheck shell=bash disable=SC2154
 # The stages of ./test: each is a function stage_NAME that prints to its own log and leaves a
 # status. Counts of tests are read from the logs of GoogleTest and pytest.
 
+# build_preset PRESET [TARGET...]
 build_preset() {
-    cmake --preset "$1" "${@:2}" && cmake --build "build/$1" -j "$jobs"
+    cmake --preset "$1" && cmake --build "build/$1" -j "$jobs" ${2:+--target "${@:2}"}
 }
 
 # Runs the unit tests of one build; address space randomisation off, as ThreadSanitizer needs where
 # vm.mmap_rnd_bits is high.
 run_unit() {
-    setarch -R ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --no-tests=error &&
+    setarch -R ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --no-tests=error \
+        "${@:2}" &&
         sed -n 's/^\[==========\] \([0-9]* tests\?\) from.*ran.*/\1/p' \
             "build/$1/Testing/Temporary/LastTest.log"
 }
@@ -29,8 +32,18 @@ stage_dev_build() { build_preset dev; }
 stage_dev_unit() { run_unit dev; }
 stage_dev_system() { run_system dev; }
 
-stage_tsan_build() { build_preset tsan; }
-stage_tsan_unit() { TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_unit tsan; }
+# The driver and the service logic belong to one thread each: the rest is what has threads.
+threaded_tests=(test_platform test_process test_link test_bus)
+
+stage_tsan_build() {
+    build_preset tsan lumd msgbusd msgbusctl labkernel labclock "${threaded_tests[@]}"
+}
+
+stage_tsan_unit() {
+    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_unit tsan \
+        -R "^($(IFS='|' && echo "${threaded_tests[*]}"))\$"
+}
+
 stage_tsan_system() {
     TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan -m threads
 }
