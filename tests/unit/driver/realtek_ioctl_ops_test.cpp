@@ -140,7 +140,7 @@ TYPED_TEST(BothFamilies, ReportsACommandThatFails) {
               1);
 }
 
-TYPED_TEST(BothFamilies, NamesEveryCommandThatFails) {
+TYPED_TEST(BothFamilies, NamesACommandThatFailsAndCallsACodeBeyondTheLastUnknown) {
     const std::vector<std::string> names = {"VEXOR_CMD_CUSTOM_SCAN",
                                             "VEXOR_CMD_CUSTOM_SCAN_STOP",
                                             "VEXOR_CMD_CUSTOM_SCAN_RESULTS",
@@ -411,6 +411,15 @@ TYPED_TEST(BothFamilies, AppendsTheAssociatedStations) {
     EXPECT_EQ(this->logged("debug: mac == 00:1a:02:03:04:ff"), 1);
 }
 
+TEST(StationEntryTest, SignalsAre100BelowTheReportedOnesAndTheLargestOfAllFourCounts) {
+    const auto sta_of = [](std::int32_t a, std::int32_t b, std::int32_t c, std::int32_t d) {
+        return rrm_sta_realtek{sta_info_s{{}, {}, {a, b, c, d}, 0, 0, {}}};
+    };
+    EXPECT_THAT(sta_of(40, 0, 55, 0).rssi, ElementsAre(-60, -100, -45, -100));
+    EXPECT_EQ(sta_of(40, 0, 55, 0).max_rssi, -45);
+    EXPECT_EQ(sta_of(-5, -7, -3, 0).max_rssi, -100) << "a chain that reports 0 counts as well";
+}
+
 TYPED_TEST(BothFamilies, ReportsThatNoStationIsAssociated) {
     std::vector<rrm_sta_realtek> stations;
     EXPECT_EQ(this->ops.get_assoc_sta(stations), 0);
@@ -523,8 +532,14 @@ TEST_F(FactoryTest, MakesNothingForAnUnknownFamily) {
 TEST_F(FactoryTest, KnowsTheFamilyByTheNameBeforeTheDash) {
     EXPECT_EQ(driver.get_ioctl_type("wlan1-va3"), G6);
     EXPECT_EQ(driver.get_ioctl_type("wlan0-va3"), RTL8192CD);
+}
+
+TEST_F(FactoryTest, TakesANameWithoutADashWhole) {
     EXPECT_EQ(driver.get_ioctl_type("wlan1"), G6);
     EXPECT_EQ(driver.get_ioctl_type("wlan1x"), RTL8192CD);
+}
+
+TEST_F(FactoryTest, TakesTheOlderFamilyWithoutAName) {
     EXPECT_EQ(driver.get_ioctl_type(""), RTL8192CD);
     EXPECT_EQ(driver.get_ioctl_type(nullptr), RTL8192CD);
 }
