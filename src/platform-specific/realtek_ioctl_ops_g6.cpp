@@ -123,10 +123,9 @@ bool g6_ioctl_ops::get_obss_coex(const std::string& ifname) {
     const std::string path = driver_io::format_cut(
         driver_io::path_size, "/proc/net/rtk_wifi6/%s/coex_2g_40m", ifname.c_str());
     int obss_value = -1;
-    int ret = 0;
     errno = 0;
-    if (const file_ptr file{std::fopen(path.c_str(), "r")})
-        ret = std::fscanf(file.get(), "%d", &obss_value);
+    const file_ptr file{std::fopen(path.c_str(), "r")};
+    const int ret = file ? std::fscanf(file.get(), "%d", &obss_value) : 0;
     const int error = errno;
     if (ret != 1) {
         trace.error("<%s:%d> cannot get OBSS parametr (errno = (%d)%s)(ret == %d), obss_value %d\n",

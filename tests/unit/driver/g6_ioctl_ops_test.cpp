@@ -195,6 +195,14 @@ TEST_F(G6Test, ReadsCoexistenceFromItsEntry) {
     EXPECT_EQ(logged(R"(debug: <get_obss_coex:\d+> get OBSS parametr, obss_value 2)"), 1);
 }
 
+TEST_F(G6Test, NamesTheErrorOfACoexistenceEntryThatOpensButDoesNotRead) {
+    kernel.put_file("/proc/net/rtk_wifi6/wlan1/coex_2g_40m/inner", "");
+    EXPECT_FALSE(ops.get_obss_coex("wlan1"));
+    EXPECT_EQ(logged(R"(error: <get_obss_coex:\d+> cannot get OBSS parametr \(errno = )"
+                     R"(\(21\)Is a directory\)\(ret == -1\), obss_value -1)"),
+              1);
+}
+
 TEST_F(G6Test, ReportsACoexistenceEntryThatCannotBeRead) {
     EXPECT_FALSE(ops.get_obss_coex("wlan1"));
     EXPECT_EQ(logged(R"(error: <get_obss_coex:\d+> cannot get OBSS parametr \(errno = )"
