@@ -69,11 +69,11 @@ struct rrm_sta_s {
     rrm_sta_s& operator=(const rrm_sta_s&) = default;
     virtual ~rrm_sta_s() = default;
 
-    std::string mac;                 // six lower-case hex pairs joined by colons
-    std::string target_roaming_mac;  // BSSID the client is steered to; empty when none
-    std::string ssid;                // of the VAP the client is on
-    std::string ifname;              // of that VAP
-    bool roam_attempt = false;       // the driver has already tried to roam the client
+    std::string mac;                          // six lower-case hex pairs joined by colons
+    std::string target_roaming_mac;           // BSSID the client is steered to; empty when none
+    std::string ssid;                         // of the VAP the client is on
+    std::string ifname;                       // of that VAP
+    bool roam_attempt = false;                // the driver has already tried to roam the client
     std::array<std::int32_t, chains> rssi{};  // dBm per receive chain
     std::int32_t max_rssi = 0;                // dBm, the largest of them
     std::int32_t tx_rate = 0;
@@ -90,8 +90,8 @@ struct ap_info {
     std::array<std::uint8_t, 6> bssid{};
     std::int32_t signal = 0;  // dBm
     std::int32_t channel = 0;
-    std::int32_t bw = 0;  // MHz
-    std::int32_t tx_power = 0;
+    std::int32_t bw = 0;               // MHz
+    std::int32_t tx_power = 0;         // dBm; 0 from the generic scan, which does not tell it
     std::int32_t primary_channel = 0;  // control sub-band bits of its chanspec
 };
 
@@ -196,8 +196,8 @@ class driver_interface : public ipc_helper {
     // Asks hubd for a channel; `bw` in MHz.
     virtual int set_chanspec(const char* ifname, int channel, int bw,
                              primary_channel_mode mode) const = 0;
-    virtual unsigned get_chanspec(const char* ifname) const = 0;  // in use; 0 when not known
-    virtual int chanspec_channel(unsigned chanspec) const = 0;    // primary channel
+    virtual unsigned get_chanspec(const char* ifname) const = 0;        // in use; 0 when not known
+    virtual int chanspec_channel(unsigned chanspec) const = 0;          // primary channel
     virtual const char* chanspec_primary(unsigned chanspec) const = 0;  // "upper", "lower", "none"
     virtual int chanspec_bw(unsigned chanspec) const = 0;               // 20, 40 or 80 MHz
 

@@ -79,9 +79,9 @@ int driver_realtek::send_bsstrans_request(const char* ifname, const char* mac, i
     return 0;
 }
 
-int driver_realtek::set_vexor_roam_attempt_timeout(const char* ifname, int seconds) const {
+int driver_realtek::set_vexor_roam_attempt_timeout(const char* ifname, int roam_timeout) const {
     for_each_enabled_vap(*this, ifname, [&](const vap_context& vap) {
-        make_ops(vap.ifname.c_str())->set_vexor_roam_attempt_timeout(vap.ifname, seconds);
+        make_ops(vap.ifname.c_str())->set_vexor_roam_attempt_timeout(vap.ifname, roam_timeout);
     });
     return 0;
 }
