@@ -23,7 +23,7 @@ constexpr std::time_t expiry_time = 121;  // seconds; no lock is rightly held fo
 template <typename T>
 union immortal {
     immortal() : value() {}
-    ~immortal() {}  // NOLINT(modernize-use-equals-default): leaves `value` alive
+    ~immortal() {}  // leaves `value` alive
     immortal(const immortal&) = delete;
     immortal& operator=(const immortal&) = delete;
     T value;

@@ -18,10 +18,6 @@ bool is_true(const std::optional<std::string>& value) {
     return value == "true";
 }
 
-bool contains(const std::string& text, const char* part) {
-    return text.find(part) != std::string::npos;
-}
-
 cfgtree_ptr make_request(const char* command) {
     cfgtree_ptr request{cfgtree_new()};
     if (request)

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <optional>
+#include <string>
 
 // `text`, or the empty text for null.
 [[nodiscard]] inline const char* text_of(const char* text) {
@@ -17,6 +18,10 @@
 // Null equals nothing.
 [[nodiscard]] inline bool equals_ignoring_case(const char* text, const char* expected) {
     return text != nullptr && strcasecmp(text, expected) == 0;
+}
+
+[[nodiscard]] inline bool contains(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
 }
 
 // Reads a number as the conversion %d of scanf(3) does and moves `text` behind it; without a number

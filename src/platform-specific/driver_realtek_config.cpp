@@ -13,10 +13,6 @@ constexpr std::size_t ssid_characters = 129;
 constexpr unsigned default_config_bits = LWLIO_CHANSPEC_BW_20;
 constexpr int tenths_per_db = 10;
 
-bool contains(const std::string& text, const char* part) {
-    return text.find(part) != std::string::npos;
-}
-
 const char* name_of(const interface_context* radio) {
     return radio != nullptr ? radio->ifname.c_str() : "";
 }

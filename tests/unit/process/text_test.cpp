@@ -27,6 +27,14 @@ TEST(Text, NullEqualsNothing) {
     EXPECT_FALSE(equals_ignoring_case(nullptr, ""));
 }
 
+TEST(Text, ContainsAPartAnywhere) {
+    EXPECT_TRUE(contains("WPA2_1X", "WPA2"));
+    EXPECT_TRUE(contains("WPA2_1X", "1X"));
+    EXPECT_TRUE(contains("", ""));
+    EXPECT_FALSE(contains("WPA2_1x", "1X"));
+    EXPECT_FALSE(contains("WPA", "WPA2"));
+}
+
 TEST(Text, ScansANumberAndStopsBehindIt) {
     const char* text = " -2.4";
     EXPECT_EQ(-2, scan_int(text));
