@@ -186,11 +186,11 @@ class Lab:
             preload.append(self.build.lib / "liblabclock.so")
         options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"),
                                          "verify_asan_link_order=0"]))
-        return self._environment(
-            LAB_ROOT=str(self.ap.root), LUMD_PLATFORM_DIR=str(self.folder / "platform"),
-            LD_PRELOAD=" ".join(map(str, preload)), LAB_CLOCK_SPEED=str(self.speed),
-            ASAN_OPTIONS=options, PATH=f"{TREE / 'lab' / 'bin'}:{os.environ.get('PATH', '')}",
-            **self.extra_environment)
+        own = {"LAB_ROOT": str(self.ap.root), "LUMD_PLATFORM_DIR": str(self.folder / "platform"),
+               "LD_PRELOAD": " ".join(map(str, preload)), "LAB_CLOCK_SPEED": str(self.speed),
+               "ASAN_OPTIONS": options,
+               "PATH": f"{TREE / 'lab' / 'bin'}:{os.environ.get('PATH', '')}"}
+        return self._environment(**{**own, **self.extra_environment})
 
     async def start_lumd(self):
         await self.lumd.start([*self.command_prefix, self.build.bin / "lumd", "-f",
