@@ -46,7 +46,7 @@ class Labs:
                 problems.append(f"status {status}; the log ends:\n{log}")
             problems += unexpected
         self._running.clear()
-        assert problems == []
+        assert not problems, "\n".join(map(str, problems))
 
 
 def ask(lab, message, answer, timeout=60, **match):
