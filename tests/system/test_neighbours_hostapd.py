@@ -13,7 +13,7 @@ import subprocess
 
 import pytest
 
-from lumdtest.lab import CONFIG, LAB, radios
+from lumdtest.lab import CONFIG, LAB, radios, scenario
 from lumdtest.waiting import wait_until
 
 WPA_CLI, HOSTAPD = shutil.which("wpa_cli"), shutil.which("hostapd")
@@ -47,14 +47,12 @@ class Hostapd:
             self.process = subprocess.Popen(
                 [HOSTAPD, "-g", folder / "global", folder / "bss.conf"], stdout=output,
                 stderr=output, stdin=subprocess.DEVNULL)
-        wait_until(lambda: "PONG" in self.ask("ping"), "hostapd answers")
+        wait_until(lambda: "PONG" in self.ask("PING"), "hostapd answers")
 
     def ask(self, *command):
         assert self.process.poll() is None, (self.folder / "output").read_text()
-        result = subprocess.run([WPA_CLI, "-g", self.folder / "global", "raw", f"IFNAME={VAP}",
-                                 *command], capture_output=True, text=True, timeout=10)
-        return result.stdout if command != ("ping",) else result.stdout.replace("UNKNOWN COMMAND",
-                                                                                "PONG")
+        return subprocess.run([WPA_CLI, "-g", self.folder / "global", "raw", f"IFNAME={VAP}",
+                               *command], capture_output=True, text=True, timeout=10).stdout
 
     def neighbours(self):
         return dict(line.split(" ", 1) for line in self.ask("SHOW_NEIGHBOR").splitlines()
@@ -110,6 +108,7 @@ def test_every_list_replaces_the_one_before_at_the_driver_but_not_at_the_stock_h
     (first, channel, _), (second, other_channel, _) = NEIGHBOURS
     lab.send({"cmd": "rrm-info", **CONFIG, "802dot11k": [record(first, channel)]})
     lab.send({"cmd": "rrm-info", **CONFIG, "802dot11k": [record(second, other_channel)]})
+    radios(lab)  # all of it has been done
     wait_until(lambda: second in hostapd.neighbours(), "the second neighbour at hostapd")
     lines = {entry["list"]: entry["lines"] for entry in lab.ap("reports")
              if entry["ifname"] == VAP}
@@ -124,7 +123,6 @@ def test_every_list_replaces_the_one_before_at_the_driver_but_not_at_the_stock_h
 
 def test_an_ssid_with_every_kind_of_byte_arrives_as_it_is(start_lab, hostapd):
     ssid = "a b;`'\"$(x)\\é"
-    from lumdtest.lab import scenario
     given = scenario()
     given["radios"][1]["vaps"][0]["ssid"] = ssid
     lab = start_lab(given, environment={"PATH": hostapd.path}, speed=1)
