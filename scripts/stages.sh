@@ -39,8 +39,10 @@ stage_tsan_build() {
     build_preset tsan lumd msgbusd msgbusctl labkernel labclock "${threaded_tests[@]}"
 }
 
+# Lock order is looked at in the whole process (tsan-system) alone: a std::mutex on the stack of one
+# test and another at the same address in the next are one mutex to ThreadSanitizer.
 stage_tsan_unit() {
-    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_unit tsan \
+    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp detect_deadlocks=0" run_unit tsan \
         -R "^($(IFS='|' && echo "${threaded_tests[*]}"))\$"
 }
 

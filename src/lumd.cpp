@@ -1,5 +1,3 @@
-#include "lumd.h"
-
 #include <malloc.h>
 #include <sys/prctl.h>
 #include <syslog.h>
@@ -15,26 +13,11 @@
 #include "logsink.h"
 #include "lum_trace.h"
 #include "rrm_worker.h"
+#include "run_flags.h"
 #include "safe_queue.h"
 #include "websock_cfg.h"
 #include "websock_worker.h"
 #include "wids_worker.h"
-
-volatile bool ipc_run = false;
-volatile bool portal_run = false;
-volatile bool rrm_run = false;
-volatile bool orvanta_run = false;
-volatile bool wids_run = false;
-volatile bool wids_sock_run = false;
-
-void lumd_handle_signal(int) {
-    ipc_run = false;
-    portal_run = false;
-    rrm_run = false;
-    orvanta_run = false;
-    wids_run = false;
-    wids_sock_run = false;
-}
 
 namespace {
 

@@ -1,6 +1,6 @@
-// The process: run flags and the signal handler.
-#ifndef LUMD_LUMD_H
-#define LUMD_LUMD_H
+// The run flags of the process and the signal handler that clears them.
+#ifndef LUMD_RUN_FLAGS_H
+#define LUMD_RUN_FLAGS_H
 
 // Run flags, one per worker; false means stop. Written by main and by the signal handler, polled
 // by the workers' loops without locking, hence volatile (see signal-safety(7)).
