@@ -130,7 +130,7 @@ int realtek_ioctl_ops::execute(vexor_cmd_s code, const filler_t& filler, const p
                     __func__, __LINE__, std::strerror(errno));
         return -1;
     }
-    auto* const record = new (buffer.get()) vexor_command{};
+    vexor_command* const record = std::construct_at(reinterpret_cast<vexor_command*>(buffer.get()));
     record->cmd = code;
     filler(*record, vexor_capacity_factor, vexor_buffer_size);
     const int result = issue(cmd, record, vexor_buffer_length);

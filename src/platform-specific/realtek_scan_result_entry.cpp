@@ -14,7 +14,7 @@ scan_result_entry::scan_result_entry(const driver_realtek& drv, const ap_info_s&
                                      scan_kind kind) {
     std::copy(std::begin(entry.bssid), std::end(entry.bssid), bssid.begin());
     signal = entry.signal;
-    primary_channel = entry.chanspec & LWLIO_CHANSPEC_CTL_SB_MASK;
+    primary_channel = static_cast<std::int32_t>(entry.chanspec & LWLIO_CHANSPEC_CTL_SB_MASK);
     if (kind == SCAN_RRM) {
         channel = drv.chanspec_channel(entry.chanspec);
         bw = drv.chanspec_bw(entry.chanspec);

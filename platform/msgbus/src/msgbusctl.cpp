@@ -69,7 +69,7 @@ int number(std::string_view text, int maximum, const char* what) {
 std::string read_input() {
     std::string text;
     std::array<char, 4096> piece;
-    for (std::size_t count; (count = std::fread(piece.data(), 1, piece.size(), stdin)) > 0;)
+    for (std::size_t count = 0; (count = std::fread(piece.data(), 1, piece.size(), stdin)) > 0;)
         text.append(piece.data(), count);
     return text;
 }
