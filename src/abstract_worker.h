@@ -56,6 +56,9 @@ class abstract_worker {
     // when it failed or timed out; else the result of the read(2) that emptied the counter.
     int process_eventfd(int timeout_ms) const;
 
+    // What put_event() writes to, for one who wakes the worker from another process; -1 without.
+    [[nodiscard]] int event_descriptor() const { return eventfd; }
+
     [[nodiscard]] const std::string& worker_label() const { return name; }
     [[nodiscard]] bool is_running() const { return run_flag; }
 

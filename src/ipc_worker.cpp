@@ -8,8 +8,6 @@ namespace {
 
 constexpr int idle_delay_us = 100000;
 constexpr int reconnect_pause_us = 1000000;
-constexpr int linger_wait_ms = 1;
-constexpr std::chrono::milliseconds linger_time{100};  // after the last message
 
 }  // namespace
 
@@ -27,7 +25,8 @@ ipc_worker::~ipc_worker() {
 }
 
 bool ipc_worker::__connect() {
-    ctx = msgbus_init(module_id, bus_options.data(), bus_options.size());
+    ctx = msgbus_init_with_event(module_id, bus_options.data(), bus_options.size(),
+                                 event_descriptor());
     if (ctx == nullptr)
         return false;
     msgbus_set_module_loop(ctx, 0);
@@ -47,21 +46,7 @@ bool ipc_worker::execute() {
     const bool idle = !frame && !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
     if (frame)
         process_ipc_message(*frame);
-    if (idle)
-        linger();
-    else
-        last_traffic = std::chrono::steady_clock::now();
     return idle;
-}
-
-// Nothing wakes this worker when a frame arrives, and a socket holds no more than a few hundred
-// KiB: while there is traffic the full wait would throttle it. A short wait takes its place, and
-// the worker's own event ends the full one at once.
-void ipc_worker::linger() {
-    if (std::chrono::steady_clock::now() - last_traffic >= linger_time)
-        return;
-    process_eventfd(linger_wait_ms);
-    put_event();
 }
 
 void ipc_worker::__disconnect() {

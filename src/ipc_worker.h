@@ -2,7 +2,6 @@
 #ifndef LUMD_IPC_WORKER_H
 #define LUMD_IPC_WORKER_H
 
-#include <chrono>
 #include <functional>
 
 #include "abstract_worker.h"
@@ -12,6 +11,7 @@
 
 // Looks at no message: what arrives for the module goes to `to_daemon` unchanged, what stands in
 // `from_daemon` goes to PORTALMOD unchanged. The bus context belongs to the worker's thread.
+// The broker wakes the worker by its event descriptor.
 class ipc_worker : public abstract_worker {
   public:
     // Queues and flag are borrowed and outlive the worker.
@@ -30,7 +30,6 @@ class ipc_worker : public abstract_worker {
     friend class ipc_worker_peer;
 
     void release();
-    void linger();
     void process_ipc_message(const message_s& frame);
     [[nodiscard]] ipc_module_t route_message(const buffer_info_t& buffer) const;
     void send_ipc_message(const buffer_info_t& buffer);
@@ -41,7 +40,6 @@ class ipc_worker : public abstract_worker {
     safe_queue& from_daemon;
     const ipc_module_t module_id;
     const std::function<void(const buffer_info_ptr&)> from_daemon_dequeue_cb_binded;
-    std::chrono::steady_clock::time_point last_traffic;  // in either direction
 };
 
 #endif

@@ -79,6 +79,14 @@ typedef struct msgbus_context msgbus_context;
  * until it changes. */
 msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_len);
 
+/* The same for one who waits for something else than msgbus_wait_answer(): the broker adds to
+ * `event_fd`, an eventfd(2), whenever it has put bytes into this context's socket, also after a
+ * later attach. It is borrowed and outlives the context; the broker keeps a duplicate as long as
+ * the connection lives. A broker does so for root and for its own user, because a write to a
+ * descriptor of others could block it; all others, and whoever gives -1, have to poll. */
+msgbus_context* msgbus_init_with_event(int module, const uint8_t* options, size_t options_len,
+                                       int event_fd);
+
 /* Leaves the bus and frees the context; null is allowed. */
 void msgbus_release(msgbus_context* ctx);
 

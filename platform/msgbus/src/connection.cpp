@@ -69,13 +69,14 @@ std::string describe_attach_error(int error) {
     }
 }
 
-int Connection::attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst) {
+int Connection::attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst,
+                       int event_fd) {
     const Clock::time_point deadline = Clock::now() + kAttachLimit;
     *this = Connection{};
     module_ = module;
     if (const int error = connect_to(socket_path, deadline))
         return error;
-    if (!send(make_header(MSGBUS_ATTACH, module, dst), {}))
+    if (!send(make_header(MSGBUS_ATTACH, module, dst), {}, event_fd))
         return EADDRINUSE;
     if (!wait(deadline)) {
         const int error = connected() ? ETIMEDOUT : parser_.error().empty() ? EADDRINUSE : EPROTO;
@@ -159,7 +160,7 @@ bool Connection::wait(Clock::time_point deadline) {
     return !frames_.empty();
 }
 
-bool Connection::send(message_header_s header, std::span<const std::uint8_t> payload) {
+bool Connection::send(message_header_s header, std::span<const std::uint8_t> payload, int passed) {
     header.len = static_cast<std::uint32_t>(payload.size());
     // sendmsg(2) takes its parts writable and does not write them.
     std::array<iovec, 2> parts{
@@ -167,10 +168,14 @@ bool Connection::send(message_header_s header, std::span<const std::uint8_t> pay
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
+    PassedFd control;
+    if (passed >= 0)
+        control.put_into(message, passed);
     Clock::time_point deadline = Clock::now() + kSendStallLimit;
     while (fd_) {
         const ssize_t sent = sendmsg(fd_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
+            message.msg_controllen = 0;  // passed
             if (!drop_sent(parts, static_cast<std::size_t>(sent)))
                 return true;
             deadline = Clock::now() + kSendStallLimit;

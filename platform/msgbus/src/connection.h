@@ -24,7 +24,9 @@ class Connection {
     // Connects and sends the attach frame; 0 once the broker has answered it, else an errno value:
     // EADDRINUSE when the broker refuses, ETIMEDOUT when it stays silent, EPROTO when it answers
     // anything else, or what connect(2) gave. Frames received on an earlier connection are lost.
-    [[nodiscard]] int attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst);
+    // The attach frame carries `event_fd`, unless -1, for the broker to add to.
+    [[nodiscard]] int attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst,
+                             int event_fd = -1);
 
     [[nodiscard]] bool connected() const { return static_cast<bool>(fd_); }
     [[nodiscard]] bool has_frames() const { return !frames_.empty(); }
@@ -43,8 +45,9 @@ class Connection {
     [[nodiscard]] bool wait(Clock::time_point deadline);
 
     // Sends a whole frame, its length set here. While the broker does not take it, goes on
-    // receiving, so that the two never wait for each other. False: the connection is lost.
-    bool send(message_header_s header, std::span<const std::uint8_t> payload);
+    // receiving, so that the two never wait for each other. Its first byte carries the descriptor
+    // `passed` unless -1. False: the connection is lost.
+    bool send(message_header_s header, std::span<const std::uint8_t> payload, int passed = -1);
 
   private:
     [[nodiscard]] int connect_to(const std::string& socket_path, Clock::time_point deadline);

@@ -11,7 +11,7 @@ namespace msgbus {
 
 namespace {
 // Small enough for the stack of a thread on an embedded C library.
-constexpr std::size_t kChunkBytes = 16 * 1024;
+constexpr std::size_t kChunkBytes = std::size_t{16} * 1024;
 }  // namespace
 
 message_header_s make_header(msgbus_frame_type type, std::uint8_t src, std::uint8_t dst,
@@ -77,12 +77,44 @@ void FrameParser::check_header() {
         error_ = "its type is " + std::to_string(header_.type);
 }
 
-Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink) {
+void PassedFd::put_into(msghdr& message, int fd) {
+    message.msg_control = space_.data();
+    message.msg_controllen = space_.size();
+    if (fd < 0)
+        return;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof fd);
+    std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+}
+
+UniqueFd PassedFd::take_from(msghdr& message) {
+    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
+        header->cmsg_len != CMSG_LEN(sizeof(int)))
+        return UniqueFd{};
+    int fd = -1;
+    std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    return UniqueFd{fd};
+}
+
+Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
+                        UniqueFd* passed) {
     std::array<std::uint8_t, kChunkBytes> chunk;
+    iovec part{chunk.data(), chunk.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    PassedFd control;
+    if (passed != nullptr)
+        control.put_into(message);
     ssize_t count = 0;
     do
-        count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
+        count = recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     while (count < 0 && errno == EINTR);
+    if (count > 0 && passed != nullptr && message.msg_controllen > 0)
+        *passed = PassedFd::take_from(message);
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
         return Received::NOTHING_YET;
     if (count <= 0)

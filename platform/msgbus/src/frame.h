@@ -2,8 +2,10 @@
 #ifndef PLATFORM_MSGBUS_FRAME_H
 #define PLATFORM_MSGBUS_FRAME_H
 
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -48,6 +50,20 @@ class UniqueFd {
     int fd_ = -1;
 };
 
+// One descriptor on its way over a socket (SCM_RIGHTS, unix(7)).
+class PassedFd {
+  public:
+    // Lets `message` carry `fd`, or make room for one to receive.
+    void put_into(msghdr& message, int fd = -1);
+
+    // What `message` has brought, none when there was nothing; the caller's. What was sent beyond
+    // one the kernel closes.
+    [[nodiscard]] static UniqueFd take_from(msghdr& message);
+
+  private:
+    alignas(cmsghdr) std::array<char, CMSG_LEN(sizeof(int))> space_{};  // room for one, not two
+};
+
 struct FreeMessage {
     void operator()(message_s* message) const { std::free(message); }
 };
@@ -90,8 +106,10 @@ class FrameParser {
 
 enum class Received { SOMETHING, NOTHING_YET, END, MALFORMED };
 
-// Receives once from the non-blocking socket into the parser.
-[[nodiscard]] Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink);
+// Receives once from the non-blocking socket into the parser. A descriptor that comes with the
+// bytes is in `passed` before their first frame is handed over; without `passed` it is refused.
+[[nodiscard]] Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
+                                      UniqueFd* passed = nullptr);
 
 // $MSGBUS_SOCKET or the default.
 [[nodiscard]] std::string default_socket_path();

@@ -22,6 +22,7 @@ struct msgbus_context {
     std::uint8_t module = 0;
     std::vector<std::uint8_t> options;
     Connection connection;
+    int event_fd = -1;  // borrowed
     bool run = false;
     std::uint32_t seq = 0;      // of the last send
     std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
@@ -46,7 +47,8 @@ void report_attach(int module, int error) {
 }
 
 bool attach(msgbus_context& ctx) {
-    const int error = ctx.connection.attach(msgbus::default_socket_path(), ctx.module, 0);
+    const int error =
+        ctx.connection.attach(msgbus::default_socket_path(), ctx.module, 0, ctx.event_fd);
     report_attach(ctx.module, error);
     return error == 0;
 }
@@ -99,6 +101,11 @@ Tree await_answer(msgbus_context& ctx, std::string_view command,
 }  // namespace
 
 msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_len) {
+    return msgbus_init_with_event(module, options, options_len, -1);
+}
+
+msgbus_context* msgbus_init_with_event(int module, const uint8_t* options, size_t options_len,
+                                       int event_fd) {
     if (module < 0 || module >= MSGBUS_MONITOR) {
         logsink_message(SINK_ERROR, "msgbus: there is no module %d", module);
         return nullptr;
@@ -107,6 +114,7 @@ msgbus_context* msgbus_init(int module, const uint8_t* options, size_t options_l
     ctx->module = static_cast<std::uint8_t>(module);
     if (options)
         ctx->options.assign(options, options + options_len);
+    ctx->event_fd = event_fd;
     ctx->seq = first_seq();
     return attach(*ctx) ? ctx.release() : nullptr;
 }

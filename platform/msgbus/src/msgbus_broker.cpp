@@ -49,6 +49,7 @@ struct Waiting {
 
 struct Client {
     UniqueFd fd;
+    UniqueFd event;        // its eventfd(2), bumped with what it is sent; none: it polls
     std::uint64_t id = 0;  // never used twice
     uid_t uid = 0;
     pid_t pid = 0;
@@ -63,8 +64,24 @@ struct Client {
     std::size_t returned = 0;    // undeliverable frames among `waiting`
 };
 
+// Root and the broker's own user: they could end the broker anyway.
+bool is_trusted(const Client& client) {
+    return client.uid == 0 || client.uid == geteuid();
+}
+
 bool is_returned(const Waiting& entry) {
     return entry.frame->header.type == MSGBUS_UNDELIVERABLE;
+}
+
+// Never blocks: a counter that is full wakes its reader already.
+void wake(const Client& client) {
+    if (!client.event)
+        return;
+    pollfd entry{client.event.get(), POLLOUT, 0};
+    const std::uint64_t one = 1;
+    if (poll(&entry, 1, 0) != 1 || (entry.revents & POLLOUT) == 0)
+        return;
+    [[maybe_unused]] const ssize_t written = write(client.event.get(), &one, sizeof one);
 }
 
 // The other side has closed: nothing more will be written to this socket.
@@ -124,6 +141,7 @@ class MsgbusBroker::Impl {
                  std::uint32_t seq);
     void enqueue(Client& client, SharedFrame frame, std::uint64_t sender);
     void flush(Client& client);
+    [[nodiscard]] bool send_waiting(Client& client);
     void show(const SharedFrame& frame);
     void malformed(Client& client, const std::string& what);
     void end(Client& client);
@@ -317,8 +335,10 @@ void MsgbusBroker::Impl::serve(Client& client, short events) {
 
 // One piece at a time, so that nobody keeps the others waiting.
 void MsgbusBroker::Impl::receive(Client& client) {
+    const bool may_pass = client.role == Role::NEWCOMER && is_trusted(client);
     const Received received = msgbus::receive_frames(
-        client.fd.get(), client.parser, [&](Message frame) { handle(client, std::move(frame)); });
+        client.fd.get(), client.parser, [&](Message frame) { handle(client, std::move(frame)); },
+        may_pass ? &client.event : nullptr);
     if (client.ended)
         return;
     if (received == Received::MALFORMED)
@@ -350,7 +370,7 @@ void MsgbusBroker::Impl::attach(Client& client, const message_header_s& header) 
 }
 
 void MsgbusBroker::Impl::attach_monitor(Client& client) {
-    if (client.uid != 0 && client.uid != geteuid()) {
+    if (!is_trusted(client)) {
         logsink_message(SINK_WARNING, "msgbus broker: uid %u of process %d must not monitor",
                         static_cast<unsigned>(client.uid), static_cast<int>(client.pid));
         end(client);
@@ -435,6 +455,14 @@ void MsgbusBroker::Impl::enqueue(Client& client, SharedFrame frame, std::uint64_
 }
 
 void MsgbusBroker::Impl::flush(Client& client) {
+    if (send_waiting(client))
+        wake(client);
+}
+
+// Whether any bytes went out: of a long frame the client must take the first before there is room
+// for the last.
+bool MsgbusBroker::Impl::send_waiting(Client& client) {
+    bool moved = false;
     while (!client.waiting.empty()) {
         const message_s& frame = *client.waiting.front().frame;
         const std::size_t size = msgbus::frame_size(frame);
@@ -446,8 +474,9 @@ void MsgbusBroker::Impl::flush(Client& client) {
                 continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK)
                 end(client);
-            return;
+            return moved;
         }
+        moved = true;
         client.front_sent += static_cast<std::size_t>(sent);
         if (client.front_sent < size)
             continue;
@@ -456,6 +485,7 @@ void MsgbusBroker::Impl::flush(Client& client) {
         client.front_sent = 0;
         client.waiting.pop_front();
     }
+    return moved;
 }
 
 void MsgbusBroker::Impl::show(const SharedFrame& frame) {
@@ -482,6 +512,7 @@ void MsgbusBroker::Impl::end(Client& client) {
     if (std::exchange(client.ended, true))
         return;
     client.fd.reset();
+    client.event.reset();
     if (client.role != Role::MODULE)
         return;
     holders_[client.module] = nullptr;

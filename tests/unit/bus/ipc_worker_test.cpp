@@ -209,6 +209,37 @@ TEST_F(IpcWorkerAlone, EndsItsConditionWhenTheBusIsLost) {
     worker.__disconnect();
 }
 
+// A worker whose waits the test takes over.
+class waiting_worker : public ipc_worker {
+  public:
+    using ipc_worker::ipc_worker;
+
+    [[nodiscard]] bool woken() const {
+        const std::chrono::milliseconds limit = test_bus::patience;
+        return process_eventfd(static_cast<int>(limit.count())) > 0;
+    }
+};
+
+TEST(IpcWorkerIdle, IsWokenByAFrame) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    waiting_worker worker(to_daemon, from_daemon, LUMDMOD, run);
+    ASSERT_TRUE(worker.__connect());
+    for (const std::string text : {"one", "two"}) {
+        bus.send(PORTALMOD, LUMDMOD, text);
+        std::vector<std::string> texts;
+        while ((texts = drain(to_daemon)).empty()) {
+            const bool idle = worker.execute();
+            ASSERT_TRUE(!idle || worker.woken());
+        }
+        EXPECT_THAT(texts, ElementsAre(text));
+    }
+    worker.__disconnect();
+}
+
 // The wake-up shows in the time only, so the message is what the test waits for.
 TEST_F(IpcWorkerAlone, CarriesMessagesBothWaysOnItsOwnThread) {
     TestBus bus;

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <syslog.h>
 
 #include <atomic>
@@ -257,6 +258,90 @@ TEST_F(MsgbusOnBroker, AttachesAgainAtPeerStartWithoutHavingNoticedTheLoss) {
     EXPECT_NE(msgbus_get_module_loop(ctx.get()), 0);
     send(ctx, 28, "again");
     EXPECT_EQ(text_of(poll_frame(ctx)), "again");
+}
+
+// Module 28 with an event descriptor that the broker may add to.
+class MsgbusEvent : public MsgbusOnBroker {
+  protected:
+    ~MsgbusEvent() override { close(event); }
+
+    [[nodiscard]] Context join_with_event() const {
+        return Context{msgbus_init_with_event(28, nullptr, 0, event)};
+    }
+    // False when nobody has added to the descriptor in time.
+    [[nodiscard]] bool wait_event() const {
+        pollfd entry{event, POLLIN, 0};
+        eventfd_t counter = 0;
+        return poll(&entry, 1, kPatienceMs) == 1 && eventfd_read(event, &counter) == 0;
+    }
+    // The next frame by nothing but the descriptor's word.
+    [[nodiscard]] Message frame_by_event(const Context& ctx) const {
+        Message frame;
+        while (!(frame = poll_once(ctx)) && wait_event())
+            continue;
+        return frame;
+    }
+
+    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+};
+
+TEST_F(MsgbusEvent, TellsOfEachFrame) {
+    const Context ctx = join_with_event();
+    for (const char* text : {"one", "two", "three"}) {
+        send(ctx, 28, text);
+        EXPECT_EQ(text_of(frame_by_event(ctx)), text);
+    }
+}
+
+TEST_F(MsgbusEvent, TellsOfALongFrameUntilItIsWhole) {
+    const Context ctx = join_with_event();
+    const std::string text(MSGBUS_MAX_PAYLOAD, 'x');
+    std::thread other{[&] { send(join(1), 28, text); }};
+    EXPECT_EQ(text_of(frame_by_event(ctx)), text);
+    other.join();
+}
+
+TEST_F(MsgbusEvent, IsHandedToTheNextBrokerToo) {
+    const Context ctx = join_with_event();
+    broker.reset();
+    start_broker();
+    msgbus_peer_start(ctx.get());
+    send(ctx, 28, "again");
+    EXPECT_EQ(text_of(frame_by_event(ctx)), "again");
+}
+
+TEST_F(MsgbusEvent, WhoseCounterIsFullHoldsNobodyUp) {
+    const int blocking = eventfd(0, EFD_CLOEXEC);
+    ASSERT_EQ(eventfd_write(blocking, ~std::uint64_t{1}), 0);
+    const Context ctx{msgbus_init_with_event(28, nullptr, 0, blocking)};
+    ASSERT_TRUE(ctx);
+    msgbus_peer_start(ctx.get());
+    send(ctx, 28, "hello");
+    EXPECT_EQ(text_of(poll_frame(ctx)), "hello");
+    close(blocking);
+}
+
+TEST_F(MsgbusEvent, MayBeAbsent) {
+    const Context ctx{msgbus_init_with_event(28, nullptr, 0, -1)};
+    ASSERT_TRUE(ctx);
+    msgbus_peer_start(ctx.get());
+    send(ctx, 28, "hello");
+    EXPECT_EQ(text_of(poll_frame(ctx)), "hello");
+}
+
+TEST_F(MsgbusEvent, IsGivenUpByTheBrokerWithTheConnection) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    Context ctx{msgbus_init_with_event(28, nullptr, 0, ends[1])};
+    close(ends[1]);
+    pollfd entry{ends[0], POLLIN, 0};
+    ctx.reset();
+    while (poll(&entry, 1, kPatienceMs) == 1 && (entry.revents & POLLIN) != 0) {
+        std::array<char, 64> bumps;
+        ASSERT_GT(read(ends[0], bumps.data(), bumps.size()), 0);
+    }
+    EXPECT_TRUE(entry.revents & POLLHUP) << "the broker keeps its duplicate";
+    close(ends[0]);
 }
 
 TEST_F(MsgbusOnBroker, ARequestOfAnEarlierConnectionIsNotWaitedForOnTheNext) {
