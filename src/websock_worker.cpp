@@ -22,6 +22,16 @@ constexpr int ping_timeout_s = 60;
 constexpr int every_lws_log_level = 1023;
 constexpr std::size_t smallest_delay_base = 2;  // seconds
 
+constexpr const char* timezone_command = "update-timezone";
+
+// Whether a JSON text can hold one of the two values that process_internal_message() looks for. Of
+// all escapes only the hexadecimal one gives a character that is in them. Most messages are none of
+// these, and the look is many times faster than making the tree of a large one.
+bool may_be_internal(const char* text) {
+    return strcasestr(text, internal_service) != nullptr ||
+           std::strstr(text, timezone_command) != nullptr || std::strstr(text, "\\u") != nullptr;
+}
+
 struct service_entry {
     const char* name;  // of the worker and of the subprotocol
     void (*log_converter)(int level, const char* line);
@@ -301,11 +311,13 @@ void websock_worker::notify(const char* cmd) {
 }
 
 bool websock_worker::process_internal_message(const buffer_info_t& buffer) {
+    if (!may_be_internal(buffer.text().c_str()))
+        return false;
     const json_reader message(buffer.text().c_str());
     if (message.fail())
         return false;
     const char* const command = message.get_string("command");
-    if (command != nullptr && std::strcmp(command, "update-timezone") == 0)
+    if (command != nullptr && std::strcmp(command, timezone_command) == 0)
         tzset();
     const char* const service = message.get_string("service");
     if (!equals_ignoring_case(service, internal_service))

@@ -182,6 +182,10 @@ INSTANTIATE_TEST_SUITE_P(
                     internal_case{
                         R"({"service":"Internal-IPC","cmd":"STATUS"})", true, {disconnected_text}},
                     internal_case{internal("anything"), true, {}},
+                    internal_case{R"({"service":"\u0069nternal-ipc","cmd":"any"})", true, {}},
+                    internal_case{R"({"service":"internal\u002Dipc","cmd":"any"})", true, {}},
+                    internal_case{R"({"service":"internal-\/ipc","cmd":"status"})", false, {}},
+                    internal_case{R"({"pad":"\n\t\"","service":"Internal-IPC"})", true, {}},
                     internal_case{internal("UNLINK"), true, {}},
                     internal_case{R"({"service":"internal-ipc","cmd":7})", true, {}}));
 
