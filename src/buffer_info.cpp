@@ -1,7 +1,22 @@
 #include "buffer_info.h"
 
+#include <malloc.h>
+
 #include "cfgtree.h"
 #include "lum_trace.h"
+
+namespace {
+constexpr std::size_t large_message = 512 * 1024;  // bytes; a JSON tree takes ten times as many
+}
+
+buffer_info_t::~buffer_info_t() {
+    if (message.size() < large_message)
+        return;
+    std::string().swap(message);
+#ifdef __GLIBC__  // it keeps what is free behind any small piece in use
+    malloc_trim(0);
+#endif
+}
 
 const std::string& buffer_info_t::append(const char* data, unsigned len) {
     if (data != nullptr && len != 0)

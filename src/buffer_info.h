@@ -9,6 +9,10 @@
 // read-only from then on.
 class buffer_info_t {
   public:
+    // The end of a large message gives the memory of its text and of what was made of it back to
+    // the system.
+    ~buffer_info_t();
+
     // Appends exactly `len` bytes, embedded NULs included; null or 0 leaves the text as it is.
     // Returns the whole text.
     const std::string& append(const char* data, unsigned len);
