@@ -1,0 +1,209 @@
+"""Runs the benchmarks and prints their figures, each beside what it is measured against."""
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+TREE = pathlib.Path(__file__).resolve().parent.parent
+BIN = pathlib.Path(os.environ["LUMD_BIN_DIR"])
+sys.path.insert(0, str(TREE / "lab"))
+
+from labap.harness import running_lab  # noqa: E402
+
+# Benchmark, what it is compared with.
+PAIRS = [
+    ("lock_wrapper", "lock_plain"), ("lock_wrapper_recursive", "lock_plain_recursive"),
+    ("queue_1_producer", None), ("queue_4_producers", None),
+    ("timers/7", None), ("timers/1000", None),
+    ("subscribe_request", "subscribe_request_json_c"),
+    ("fbt_info_5_MiB", "fbt_info_5_MiB_json_c"),
+    ("scan_4680_entries", "scan_4680_entries_json_c"),
+    ("overload_512_clients", None),
+]
+FIGURES = [f"{way}_{size}" for size in ("1K", "64K") for way in ("up", "down", "both")]
+DELAYS = [f"{way}_{part}" for way in ("up", "down") for part in ("p50", "p99")]
+IDLE_SECONDS = 20.0
+LARGEST = 5 * 1024 * 1024
+
+
+def line(name, value, *ratios):
+    print(f"{name:34} {value:>14} " + "  ".join(f"{ratio:>12}" for ratio in ratios), flush=True)
+
+
+def ratio(value, other):
+    return f"{value / other:.2f}" if value and other else "-"
+
+
+# ---- micro
+
+def run_micro():
+    output = subprocess.run([BIN / "bench_micro", "--benchmark_format=json"], check=True,
+                            stdout=subprocess.PIPE).stdout
+    times = {entry["name"].removesuffix("/real_time").removesuffix("/threads:1"):
+             entry["real_time"] for entry in json.loads(output)["benchmarks"]}
+    print("\nMicro: nanoseconds a run, and how many times its reference's")
+    for name, reference in PAIRS:
+        if name in times:
+            line(name, f"{times[name]:.1f}", ratio(times[name], times.get(reference)))
+
+
+# ---- relays
+
+@contextlib.contextmanager
+def program(*command, **options):
+    process = subprocess.Popen([str(part) for part in command], **options)
+    try:
+        yield process
+    finally:
+        process.terminate()
+        process.wait()
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + 10
+    while not condition():
+        if time.monotonic() > deadline:
+            sys.exit(f"bench: {what} does not come")
+        time.sleep(0.02)
+
+
+def relay(*arguments):
+    return program(BIN / "bench_relay", *arguments, stdout=subprocess.PIPE, text=True)
+
+
+def figures(process):
+    values = {name: float(value) for name, value in map(str.split, process.stdout)}
+    if process.wait() != 0:
+        sys.exit("bench: the load has failed")
+    return values
+
+
+def port_of(process):
+    return int(process.stdout.readline().split()[1])
+
+
+def measure_lumd(folder):
+    bus = folder / "bus"
+    config = folder / "lumd.conf"
+    with program(BIN / "msgbusd", "-s", bus):
+        wait_for(bus.exists, "the message bus")
+        with relay("lumd", bus) as load:
+            config.write_text(f"roam_service_url=ws://127.0.0.1:{port_of(load)}/bench\n"
+                              "initial_connection_delay=1\nmax_connection_delay=1\nlog_level=1\n")
+            with program(BIN / "lumd", "-f", config, env={**os.environ, "MSGBUS_SOCKET": str(bus)}):
+                return figures(load)
+
+
+def measure_bare():
+    with relay("bare") as load, program(BIN / "bench_bare_client", port_of(load)):
+        return figures(load)
+
+
+def measure_mosquitto(folder):
+    plain, websocket = free_port(), free_port()
+    config = folder / "mosquitto.conf"
+    config.write_text("allow_anonymous true\nset_tcp_nodelay true\nmax_queued_messages 0\n"
+                      f"user {os.environ.get('USER', 'root')}\nlog_type none\n"
+                      f"listener {plain} 127.0.0.1\n"
+                      f"listener {websocket} 127.0.0.1\nprotocol websockets\n")
+    broker = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
+    with program(broker, "-c", config, stderr=subprocess.DEVNULL):
+        def listens(port):
+            with socket.socket() as probe:
+                return probe.connect_ex(("127.0.0.1", port)) == 0
+        wait_for(lambda: listens(plain) and listens(websocket), "mosquitto")
+        with relay("mqtt", plain, websocket) as load:
+            return figures(load)
+
+
+def run_system():
+    with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
+        lumd = measure_lumd(pathlib.Path(folder))
+        mosquitto = measure_mosquitto(pathlib.Path(folder))
+        bare = measure_bare()
+    print("\nPortal: messages a second (up: bus to service), and how many times as many as")
+    line("", "lumd", "bare client", "mosquitto")
+    for name in FIGURES:
+        line(name, f"{lumd[name]:.0f}", ratio(lumd[name], bare[name]),
+             ratio(lumd[name], mosquitto.get(name)))
+    print("\nPortal: microseconds at 1000 messages a second each way, and how many times mosquitto's")
+    for name in DELAYS:
+        line(name, f"{lumd[name]:.0f}", ratio(lumd[name], mosquitto[name]))
+
+
+# ---- idle
+
+def tasks(pid):
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        status = dict(entry.split(":\t", 1) for entry in
+                      (task / "status").read_text().splitlines() if ":\t" in entry)
+        yield (int((task / "schedstat").read_text().split()[0]) / 1e6,
+               int(status["voluntary_ctxt_switches"]))
+
+
+def totals(pid):
+    return [sum(column) for column in zip(*tasks(pid))]
+
+
+def memory(pid):
+    """Resident and private KiB."""
+    values = {}
+    for entry in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()[1:]:
+        name, value = entry.split(":")
+        values[name] = int(value.split()[0])
+    return values["Rss"], values["Private_Clean"] + values["Private_Dirty"]
+
+
+def send_largest(lab, mode):
+    vap = {"ap-mac": "00:00:00:00:00:00", "pad": "x" * 1000}
+    count = LARGEST // len(json.dumps(vap))
+    lab.send({"cmd": "fbt-info" if mode == "rrm" else "unknown", "vaps": [vap] * count})
+
+
+def run_idle(seconds):
+    print(f"\nIdle over {seconds:g} s: ms of CPU time a minute, wake-ups a second, KiB resident and "
+          "private, private after a message of 5 MiB")
+    for mode in ("rrm", "portal", "wids"):
+        with running_lab("office", mode=mode, config=["log_level=1"]) as lab:
+            lab.wait_subscribed() if mode == "rrm" else lab.wait("connected")
+            lab.settle()
+            pid = lab.lab.lumd.pid
+            before = totals(pid)
+            time.sleep(seconds)
+            cpu, wakes = [after - first for after, first in zip(totals(pid), before)]
+            resident, private = memory(pid)
+            send_largest(lab, mode)
+            time.sleep(3)
+            line(mode, f"{cpu * 60 / seconds:.1f}", f"{wakes / seconds:.1f}", resident, private,
+                 memory(pid)[1])
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="bench/run")
+    parser.add_argument("parts", nargs="*", choices=["micro", "system", "idle", []])
+    parser.add_argument("--quick", action="store_true", help="a shorter idle sample")
+    options = parser.parse_args()
+    parts = options.parts or ["micro", "system", "idle"]
+    if "micro" in parts:
+        run_micro()
+    if "system" in parts:
+        run_system()
+    if "idle" in parts:
+        run_idle(5.0 if options.quick else IDLE_SECONDS)
+
+
+if __name__ == "__main__":
+    main()
