@@ -65,8 +65,9 @@ class LockdepStorage {
     mutable std::mutex m;
 };
 
-// A mutex known to the checker; a standard BasicLockable, as its recursive sibling is.
-class LockdepMutex : public LockdepMutexBase {
+// A lock of the standard library that the checker knows; a standard BasicLockable.
+template <typename Mutex>
+class LockdepLockable : public LockdepMutexBase {
   public:
     using LockdepMutexBase::LockdepMutexBase;
 
@@ -83,28 +84,18 @@ class LockdepMutex : public LockdepMutexBase {
     }
 
   private:
-    std::mutex m;
+    Mutex m;
+};
+
+class LockdepMutex : public LockdepLockable<std::mutex> {
+  public:
+    using LockdepLockable::LockdepLockable;
 };
 
 // The same that its holder may take again.
-class LockdepRecursiveMutex : public LockdepMutexBase {
+class LockdepRecursiveMutex : public LockdepLockable<std::recursive_mutex> {
   public:
-    using LockdepMutexBase::LockdepMutexBase;
-
-    void lock() {
-        m.lock();
-        if (LockdepStorage::lockdep_debug)
-            LockdepStorage::instance().add_lock(this);
-    }
-
-    void unlock() {
-        if (LockdepStorage::lockdep_debug)
-            LockdepStorage::instance().del_lock(this);
-        m.unlock();
-    }
-
-  private:
-    std::recursive_mutex m;
+    using LockdepLockable::LockdepLockable;
 };
 
 // One line of backtrace_symbols(3), "module(mangled+offset) [address]", as a record keeps it: with

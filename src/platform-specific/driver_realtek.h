@@ -235,11 +235,16 @@ class driver_realtek final : public driver_interface {
                                  vap_converter<T> converter) const;
     // Whether a VAP's value is the text "true"; false unless live.
     bool is_vap_switched_on(const std::string& ifname, const char* suffix) const;
+    // The text at `path`; empty, with an error line under the caller's name, when there is none.
+    std::optional<std::string> getconf_of(const std::string& ifname, const std::string& path,
+                                          const char* func, int line) const;
     std::string get_radio_config_path(const std::string& ifname, const std::string& key) const;
     std::string get_vap_config_path(const std::string& ifname, const std::string& suffix) const;
 
     // A radio that a survey may use: enabled, no WDS, no WIDS.
     [[nodiscard]] bool may_scan(int radio) const;
+    // As get_radio_id(), with an error line under the caller's name for a name without a number.
+    int parse_radio_id(const char* ifname, const char* func, int line) const;
     int start_active_scan(const char* ifname, const std::set<unsigned>& channels,
                           int& duration) const;
     int stop_active_scan(const char* ifname) const;

@@ -97,20 +97,28 @@ std::string driver_realtek::get_vap_config_path(const std::string& ifname,
     return "/interface/" + ifname + suffix;
 }
 
+std::optional<std::string> driver_realtek::getconf_of(const std::string& ifname,
+                                                      const std::string& path, const char* func,
+                                                      int line) const {
+    std::string value;
+    const int result = getconf(path, value);
+    trace.debug("<%s:%d> ifname == %s path == %s value %s\n", func, line, ifname.c_str(),
+                path.c_str(), value.c_str());
+    if (result == 0)
+        return value;
+    trace.error("<%s:%d> cannot take %s value of the %s interface\n", func, line, value.c_str(),
+                ifname.c_str());
+    return std::nullopt;
+}
+
 template <typename T>
 std::optional<T> driver_realtek::getconf_radio(const std::string& ifname, const std::string& key,
                                                radio_converter<T> converter) const {
-    const std::string path = get_radio_config_path(ifname, key);
-    std::string value;
-    const int result = getconf(path, value);
-    trace.debug("<%s:%d> ifname == %s path == %s value %s\n", __func__, __LINE__, ifname.c_str(),
-                path.c_str(), value.c_str());
-    if (result != 0) {
-        trace.error("<%s:%d> cannot take %s value of the %s interface\n", __func__, __LINE__,
-                    value.c_str(), ifname.c_str());
+    const std::optional<std::string> value =
+        getconf_of(ifname, get_radio_config_path(ifname, key), __func__, __LINE__);
+    if (!value)
         return std::nullopt;
-    }
-    return converter(radio_by_ifname(ifname), value);
+    return converter(radio_by_ifname(ifname), *value);
 }
 
 // For the other files of the class.
@@ -122,17 +130,11 @@ template std::optional<std::set<unsigned>> driver_realtek::getconf_radio(
 template <typename T>
 std::optional<T> driver_realtek::getconf_vap(const std::string& ifname, const std::string& suffix,
                                              vap_converter<T> converter) const {
-    const std::string path = get_vap_config_path(ifname, suffix);
-    std::string value;
-    const int result = getconf(path, value);
-    trace.debug("<%s:%d> ifname == %s path == %s value %s\n", __func__, __LINE__, ifname.c_str(),
-                path.c_str(), value.c_str());
-    if (result != 0) {
-        trace.error("<%s:%d> cannot take %s value of the %s interface\n", __func__, __LINE__,
-                    value.c_str(), ifname.c_str());
+    const std::optional<std::string> value =
+        getconf_of(ifname, get_vap_config_path(ifname, suffix), __func__, __LINE__);
+    if (!value)
         return std::nullopt;
-    }
-    return converter(radio_by_ifname(ifname), ifname, value);
+    return converter(radio_by_ifname(ifname), ifname, *value);
 }
 
 // ---- WDS and WIDS

@@ -68,13 +68,18 @@ int driver_realtek::stop(bool active) {
     return 0;
 }
 
+int driver_realtek::parse_radio_id(const char* ifname, const char* func, int line) const {
+    const int radio = get_radio_id(ifname);
+    if (radio < 0)
+        trace.error("<%s:%d> cannot parse ifname(ifname == %s)\n", func, line, ifname);
+    return radio;
+}
+
 int driver_realtek::start_active_scan(const char* ifname, const std::set<unsigned>& channels,
                                       int& duration) const {
-    const int radio = get_radio_id(ifname);
-    if (radio < 0) {
-        trace.error("<%s:%d> cannot parse ifname(ifname == %s)\n", __func__, __LINE__, ifname);
+    const int radio = parse_radio_id(ifname, __func__, __LINE__);
+    if (radio < 0)
         return -1;
-    }
     if (!may_scan(radio))
         return 0;
     const std::unique_ptr<ioctl_ops> ops = make_ops(ifname);
@@ -88,11 +93,9 @@ int driver_realtek::start_active_scan(const char* ifname, const std::set<unsigne
 }
 
 int driver_realtek::stop_active_scan(const char* ifname) const {
-    const int radio = get_radio_id(ifname);
-    if (radio < 0) {
-        trace.error("<%s:%d> cannot parse ifname(ifname == %s)\n", __func__, __LINE__, ifname);
+    const int radio = parse_radio_id(ifname, __func__, __LINE__);
+    if (radio < 0)
         return -1;
-    }
     if (is_enabled(radio))
         make_ops(ifname)->stop_scan();
     return 0;
@@ -100,11 +103,9 @@ int driver_realtek::stop_active_scan(const char* ifname) const {
 
 int driver_realtek::start_rrm_scan(const char* ifname, const std::set<unsigned>& channels,
                                    int& duration) const {
-    const int radio = get_radio_id(ifname);
-    if (radio < 0) {
-        trace.error("<%s:%d> cannot parse ifname(ifname == %s)\n", __func__, __LINE__, ifname);
+    const int radio = parse_radio_id(ifname, __func__, __LINE__);
+    if (radio < 0)
         return -1;
-    }
     if (!may_scan(radio))
         return 0;
     const std::unique_ptr<ioctl_ops> ops = make_ops(ifname);
@@ -119,11 +120,9 @@ int driver_realtek::start_rrm_scan(const char* ifname, const std::set<unsigned>&
 }
 
 int driver_realtek::stop_rrm_scan(const char* ifname) const {
-    const int radio = get_radio_id(ifname);
-    if (radio < 0) {
-        trace.error("<%s:%d> cannot parse ifname(ifname == %s)\n", __func__, __LINE__, ifname);
+    const int radio = parse_radio_id(ifname, __func__, __LINE__);
+    if (radio < 0)
         return -1;
-    }
     if (is_enabled(radio))
         make_ops(ifname)->stop_rrm_scan(ifname);
     return 0;
