@@ -1,6 +1,7 @@
 """Fixtures of the system tests: a broker, a service and an agent, all private to the test."""
 import pathlib
 import shutil
+import signal
 import tempfile
 
 import pytest
@@ -13,6 +14,11 @@ from lumdtest.service import Service
 
 
 def pytest_configure(config):
+    # nohup and background jobs of a shell ignore these, and every program started from there with
+    # them.
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, signal.SIG_DFL)
     config.addinivalue_line(
         "markers", "threads: exercises several threads of the agent; also run under "
                    "ThreadSanitizer")
