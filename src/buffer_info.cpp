@@ -6,7 +6,8 @@
 #include "lum_trace.h"
 
 namespace {
-constexpr std::size_t large_message = 512 * 1024;  // bytes; a JSON tree takes ten times as many
+constexpr std::size_t large_message =
+    std::size_t{512} * 1024;  // bytes; a JSON tree takes ten times as many
 }
 
 buffer_info_t::~buffer_info_t() {

@@ -27,6 +27,8 @@ class LogCapture {
         trace.set_log_level(0);
         logsink_set_file(nullptr);
         unlink(path_.c_str());
+        for (int kept = 1; kept <= LOGSINK_KEPT_FILES; ++kept)
+            unlink((path_ + "." + std::to_string(kept)).c_str());
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;

@@ -71,8 +71,8 @@ class Connection {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
         const std::chrono::microseconds rest = limit - seconds;
         timeval value{};
-        value.tv_sec = seconds.count();
-        value.tv_usec = rest.count();
+        value.tv_sec = static_cast<decltype(value.tv_sec)>(seconds.count());
+        value.tv_usec = static_cast<decltype(value.tv_usec)>(rest.count());
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
     }
 
