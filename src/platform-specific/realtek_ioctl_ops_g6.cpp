@@ -103,7 +103,8 @@ int g6_ioctl_ops::get_mib(const std::string& name, std::span<std::byte> out,
             answer.items, answer.value);
         return -1;
     }
-    std::memcpy(out.data(), &answer.value, std::min(sizeof answer.value, out.size()));
+    const auto value = std::as_bytes(std::span{&answer.value, 1});
+    std::copy_n(value.begin(), std::min(value.size(), out.size()), out.begin());
     return 0;
 }
 

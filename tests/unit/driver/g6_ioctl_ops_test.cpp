@@ -156,6 +156,11 @@ TEST_F(G6Test, CopiesNoMoreThanTheCallerTakes) {
     EXPECT_EQ(out[4], std::byte{0});
 }
 
+TEST_F(G6Test, AnEmptyAnswerBufferTakesNothing) {
+    tools.set_mib("wlan1", "x", 5);
+    EXPECT_EQ(ops.get_mib("x", {}, "wlan1"), 0);
+}
+
 TEST_F(G6Test, ReadsThePowerTarget) {
     tools.set_mib("wlan1", "power_target", 23);
     std::int32_t value = 0;
