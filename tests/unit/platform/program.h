@@ -14,8 +14,11 @@
 
 class Program {
   public:
-    // Starts it; its standard error goes where its standard output does.
+    // Starts it, under the emulator of a cross build; its standard error goes where its standard
+    // output does.
     explicit Program(std::vector<std::string> arguments, const std::string& input = {}) {
+        const std::vector<std::string> emulator{EMULATOR};
+        arguments.insert(arguments.begin(), emulator.begin(), emulator.end());
         std::array<int, 2> in{};
         std::array<int, 2> out{};
         if (pipe(in.data()) != 0 || pipe(out.data()) != 0)
@@ -31,7 +34,7 @@ class Program {
             for (std::string& argument : arguments)
                 argv.push_back(argument.data());
             argv.push_back(nullptr);
-            execv(argv[0], argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         close(in[0]);
