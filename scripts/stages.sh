@@ -63,13 +63,14 @@ stage_tidy() {
         xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet
 }
 
+stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
 stage_mips() { scripts/mips; }
 stage_soak() { scripts/soak; }
 
 packages_of() {
     case $1 in
         format | clang-build | tidy) echo build test check ;;
-
+        fuzz) echo build fuzz ;;
         mips) echo build test mips ;;
         *) echo build test ;;
     esac

@@ -1,0 +1,97 @@
+// The platform's JSON files: a byte for which of them, then its content.
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "antcfg.h"
+#include "factorydata.h"
+#include "file.h"
+#include "input.h"
+#include "krds.h"
+
+namespace {
+
+// $LUMD_PLATFORM_DIR, in memory where there is such a place.
+class Folder {
+  public:
+    Folder() {
+        std::string name = std::filesystem::exists("/dev/shm") ? "/dev/shm/lumd-fuzz-XXXXXX"
+                                                               : "/tmp/lumd-fuzz-XXXXXX";
+        fuzz::require(mkdtemp(name.data()) != nullptr);
+        setenv("LUMD_PLATFORM_DIR", name.c_str(), 1);
+        path_ = name;
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    ~Folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    [[nodiscard]] std::string file(const char* name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+struct Files {
+    Folder folder;
+    fuzz::File factory{folder.file("factory.json")};
+    fuzz::File radios{folder.file("radios.json")};
+    fuzz::File antennas{folder.file("antennas.json")};
+};
+
+struct ReleaseTree {
+    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
+};
+
+void ask_factory() {
+    factorydata_record record;
+    factorydata_load(&record);
+    for (const auto& text : {record.board, record.hw, record.serial, record.mac})
+        fuzz::require(std::memchr(text, '\0', FACTORYDATA_TEXT_BYTES) != nullptr);
+}
+
+void ask_radios() {
+    KRDS::reload();
+    KRDS::for_each_radio([](const std::string& ifname, const KRDS::RadioDescription& radio) {
+        fuzz::require(!ifname.empty() && KRDS::find_radio(ifname).has_value());
+        static_cast<void>(radio.band());
+        return false;
+    });
+}
+
+void ask_antenna(std::string_view configuration) {
+    const std::unique_ptr<cfgtree_node, ReleaseTree> tree{
+        cfgtree_parse_buffer(configuration.data(), configuration.size())};
+    antcfg_record record{};
+    std::memcpy(record.name, "roof", sizeof "roof");
+    antcfg_get("wlan0", tree.get(), &record);
+    fuzz::require(std::memchr(record.name, '\0', sizeof record.name) != nullptr);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Files files;
+    fuzz::Reader input{fuzz::as_text(data, size)};
+    switch (input.byte() % 4) {
+        case 0:
+            files.factory.set(input.rest());
+            ask_factory();
+            break;
+        case 1:
+            files.radios.set(input.rest());
+            ask_radios();
+            break;
+        case 2:
+            files.antennas.set(input.rest());
+            ask_antenna("{}");
+            break;
+        default:
+            files.antennas.set(R"({"antennas":[{"name":"wall","antenna-gain":25}]})");
+            ask_antenna(input.rest());
+            break;
+    }
+    return 0;
+}

@@ -1,0 +1,38 @@
+// RrmSession: an RRM worker on the Realtek driver of an AccessPoint, stepped by an input. The
+// service has accepted the access point and uses everything that it can.
+#ifndef FUZZ_RRM_SESSION_H
+#define FUZZ_RRM_SESSION_H
+
+#include <string_view>
+
+#include "rrm_worker.h"
+#include "safe_queue.h"
+
+class RrmSession {
+  public:
+    RrmSession();
+    ~RrmSession();
+    RrmSession(const RrmSession&) = delete;
+    RrmSession& operator=(const RrmSession&) = delete;
+
+    // A message that is taken in the next pass.
+    void service_sends(std::string_view text);
+    void bus_sends(std::string_view text);
+
+    // One pass of the worker's loop; what it reports must be JSON texts.
+    void pass();
+
+    // Passes minutes later, so that every timer fires and a survey comes to its report.
+    void let_time_pass();
+
+  private:
+    void check_reports();
+
+    safe_queue from_websocket_;
+    safe_queue to_websocket_;
+    safe_queue from_ipc_;
+    safe_queue to_ipc_;
+    rrm_worker worker_;
+};
+
+#endif

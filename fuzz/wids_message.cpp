@@ -1,0 +1,29 @@
+// What the intrusion-detection service says to the WIDS worker, message after message.
+#include <memory>
+
+#include "input.h"
+#include "json_reader.h"
+#include "live_driver.h"
+#include "quiet.h"
+#include "safe_queue.h"
+#include "wids_worker.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const volatile bool run = true;
+    static driver_realtek& driver = fuzz::live_driver();
+    fuzz::log_everything();
+    safe_queue to_service;
+    safe_queue from_service;
+    wids_worker worker(driver, to_service, from_service, run, "list-7");
+    for (const std::string& text : fuzz::records(fuzz::as_text(data, size))) {
+        const auto message = std::make_shared<buffer_info_t>();
+        message->append(text.data(), static_cast<unsigned>(text.size()));
+        from_service.enqueue(message);
+        worker.execute();
+    }
+    while (to_service.dequeue([](const buffer_info_ptr& reply) {
+        fuzz::require(json_reader{reply->text().c_str()}.is_object());
+    })) {
+    }
+    return 0;
+}
