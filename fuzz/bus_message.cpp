@@ -34,11 +34,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static safe_queue from_daemon;
     static ipc_worker worker(to_daemon, from_daemon, LUMDMOD, run);
     fuzz::log_everything();
-    fuzz::require(worker.__connect());
+    static const bool connected = worker.__connect();
+    fuzz::require(connected);
     for (const std::string& text : fuzz::records(fuzz::as_text(data, size))) {
         check_inwards(worker, to_daemon, text);
         check_outwards(worker, from_daemon, text);
     }
-    worker.__disconnect();
     return 0;
 }
