@@ -10,6 +10,7 @@ import contextlib
 import ctypes
 import os
 import pathlib
+import shlex
 import shutil
 import signal
 import tempfile
@@ -17,7 +18,7 @@ import threading
 
 from labservice.server import Service
 
-from . import journal as journals, msgbus, scenario as scenarios
+from . import journal as journals, scenario as scenarios
 from .accesspoint import AccessPoint
 from .clock import LabClock
 from .journal import Journal
@@ -26,6 +27,7 @@ TREE = pathlib.Path(__file__).resolve().parent.parent.parent
 URL_KEYS = {"rrm": "orvanta_service_url", "portal": "roam_service_url",
             "wids": "mac-list-service-url"}
 PR_SET_PDEATHSIG = 1
+ELF_DATA, ELF_LITTLE_ENDIAN = 5, 1  # elf(5): e_ident[EI_DATA], ELFDATA2LSB
 EVERY_LOG_LEVEL = 65535
 WAIT = 30.0           # real seconds; generous, since a build may be running beside the tests
 STOP_PATIENCE = 10.0  # real seconds until SIGKILL
@@ -33,7 +35,7 @@ SHOWN_EVENTS, SHOWN_LOG_LINES = 12, 15
 LIBRARY_NOISE = "->libwebsocket-debug>"
 LAST_WORDS = 0.5      # real seconds in which the end of a dead lumd's talk still arrives
 
-Build = collections.namedtuple("Build", "bin lib")
+Build = collections.namedtuple("Build", "bin lib emulator", defaults=((),))
 
 
 class LabError(Exception):
@@ -42,10 +44,17 @@ class LabError(Exception):
 
 def find_build(preset="release"):
     """Where the programs and the preload libraries are: $LUMD_BIN_DIR and $LUMD_LIB_DIR, or the
-    folders of a preset."""
+    folders of a preset. $LUMD_EMULATOR is the command that runs programs of another machine."""
     build = TREE / "build" / preset
     return Build(pathlib.Path(os.environ.get("LUMD_BIN_DIR", build / "bin")),
-                 pathlib.Path(os.environ.get("LUMD_LIB_DIR", build / "lib")))
+                 pathlib.Path(os.environ.get("LUMD_LIB_DIR", build / "lib")),
+                 tuple(shlex.split(os.environ.get("LUMD_EMULATOR", ""))))
+
+
+def byte_order(program):
+    """"<" or ">" as an ELF file says it."""
+    with open(program, "rb") as file:
+        return "<" if file.read(ELF_DATA + 1)[ELF_DATA] == ELF_LITTLE_ENDIAN else ">"
 
 
 _libc = ctypes.CDLL(None)
@@ -109,13 +118,12 @@ class Lab:
     time lumd and the lab run. `config`: more lines for lumd's configuration file."""
 
     def __init__(self, scenario="minimal", mode=None, build=None, speed=1.0, config=(),
-                 environment=None, command_prefix=(), order=msgbus.HOST_ORDER):
+                 environment=None):
         self.scenario = scenarios.load(scenario) if isinstance(scenario, (str, os.PathLike)) \
             else scenarios.complete(scenario)
         self.mode = mode or self.scenario["mode"]
-        self.build, self.speed, self.order = build or find_build(), speed, order
+        self.build, self.speed = build or find_build(), speed
         self.extra_config, self.extra_environment = list(config), dict(environment or {})
-        self.command_prefix = list(command_prefix)
         self.journal = Journal()
         self.folder = self.ap = self.service = self.broker = self.lumd = None
 
@@ -135,11 +143,12 @@ class Lab:
         self.bus_path = self.folder / "bus.sock"
         self.lumd_log = self.folder / "lumd.log"
         self.broker = Process("msgbusd", self.folder / "msgbusd.out")
-        await self.broker.start([self.build.bin / "msgbusd"], self._environment())
+        await self.broker.start([*self.build.emulator, self.build.bin / "msgbusd"],
+                                self._environment())
         await self._bus_is_there()
         self.ap = AccessPoint(self.scenario, self.folder / "root", self.bus_path,
-                              self.folder / "platform", LabClock(self.speed), self.order,
-                              self.journal)
+                              self.folder / "platform", LabClock(self.speed),
+                              byte_order(self.build.bin / "lumd"), self.journal)
         await self.ap.start()
         self.service = Service(journal=self.journal)
         self.service.subscribe_answers = [{"status": "success", "code": 200,
@@ -184,6 +193,8 @@ class Lab:
         preload = [self.build.lib / "liblabkernel.so"]
         if self.speed != 1:
             preload.append(self.build.lib / "liblabclock.so")
+        if "LAB_FAULTS" in self.extra_environment:
+            preload.insert(0, self.build.lib / "liblabfaults.so")
         options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"),
                                          "verify_asan_link_order=0"]))
         own = {"LAB_ROOT": str(self.ap.root), "LUMD_PLATFORM_DIR": str(self.folder / "platform"),
@@ -193,7 +204,7 @@ class Lab:
         return self._environment(**{**own, **self.extra_environment})
 
     async def start_lumd(self):
-        await self.lumd.start([*self.command_prefix, self.build.bin / "lumd", "-f",
+        await self.lumd.start([*self.build.emulator, self.build.bin / "lumd", "-f",
                                self.config_path], self.lumd_environment())
 
     async def stop(self):

@@ -1,0 +1,85 @@
+"""Calls that fail at one of their call sites in a running lumd (lab/faults/faults.cpp)."""
+import collections
+import errno
+import mmap
+import re
+import struct
+import subprocess
+
+FOR_EVER = 0xFFFFFFFF
+SITES, HEAD, SITE = 2048, struct.Struct("=QIIiI"), struct.Struct("=QI36s")
+PLACE_BITS = 28
+PLACE_MASK = (1 << PLACE_BITS) - 1
+
+Site = collections.namedtuple("Site", "key function calls")
+
+
+class FaultTable:
+    """The file that a lumd started with LAB_FAULTS shares with the test. `known`: the bytes of
+    another run's, whose sites can then be armed before lumd starts."""
+
+    def __init__(self, path, known=None):
+        self.path = path
+        with open(path, "wb") as file:
+            file.write(bytes(HEAD.size) + (known[HEAD.size:] if known else
+                                           bytes(SITES * SITE.size)))
+        with open(path, "r+b") as file:
+            self._memory = mmap.mmap(file.fileno(), 0)
+
+    def content(self):
+        return bytes(self._memory)
+
+    def sites(self):
+        """{key: Site} of every call site that was reached."""
+        found = (SITE.unpack_from(self._memory, HEAD.size + i * SITE.size) for i in range(SITES))
+        return {key: Site(key, name.rstrip(b"\0").decode(), calls)
+                for key, calls, name in found if key}
+
+    def arm(self, key, error, times=FOR_EVER):
+        """From now on calls from that site fail with this errno ("EIO")."""
+        self.disarm()
+        HEAD.pack_into(self._memory, 0, 0, times, 0, getattr(errno, error), 0)
+        self._memory[0:8] = struct.pack("=Q", key)
+
+    def disarm(self):
+        self._memory[0:8] = bytes(8)
+
+    @property
+    def failed(self):
+        """How many calls have failed since arm()."""
+        return HEAD.unpack_from(self._memory, 0)[2]
+
+
+def places_of(key):
+    """The offsets in the program of the call and of the call of the helper that made it; 0 where
+    there is none: both for a call of libwebsockets."""
+    return key & PLACE_MASK, key >> PLACE_BITS & PLACE_MASK
+
+
+class Symbols:
+    """Function names and files of places in a program."""
+
+    def __init__(self, program):
+        self.program, self._known = program, {0: ("", "")}
+
+    def look_up(self, places):
+        """{place: (function, file)}; a place is a return address."""
+        new = sorted(set(places) - set(self._known))
+        if new:
+            command = ["addr2line", "-fCe", str(self.program), *(hex(place - 1) for place in new)]
+            lines = subprocess.run(command, check=True, capture_output=True,
+                                   text=True).stdout.splitlines()
+            for place, name, where in zip(new, lines[::2], lines[1::2]):
+                file = re.sub(r"^.*?/(src|platform)/", r"\1/", where).partition(":")[0]
+                self._known[place] = (short(name), file)
+        return {place: self._known[place] for place in places}
+
+
+def short(name):
+    """A function's name without its parameters and its anonymous namespace."""
+    name = name.replace("(anonymous namespace)::", "").replace("[abi:cxx11]", "")
+    name = re.sub(r"\{lambda\(.*?\)#\d+\}", "lambda", name)
+    name = re.sub(r"\(.*?\)(?= const| noexcept|::|$)", "", name)
+    while "<" in name and "operator<" not in name and (cut := re.sub(r"<[^<>]*>", "", name)) != name:
+        name = cut
+    return name.replace(" const", "").rpartition(" ")[2]
