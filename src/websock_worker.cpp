@@ -221,13 +221,17 @@ void websock_worker::unbound_service() {}
 
 #endif
 
-// An idle link is asked once a period, which drives the pings; a message of the partner at once.
+// A message of the partner asks at once. Beyond that WRITEABLE has work while a ping is due or a
+// pong is awaited, for it is where both are looked after: that is seen to once a period. To ask an
+// idle link every time would wake it twice a period for nothing.
 void websock_worker::ask_writeable_when_due() {
-    const auto now = std::chrono::steady_clock::now();
-    if (!send_due.exchange(false) && now < next_ask)
+    if (link == nullptr)
         return;
-    next_ask = now + std::chrono::milliseconds(service_period_ms);
-    if (link != nullptr)
+    const auto now = std::chrono::steady_clock::now();
+    const bool period_over = now >= next_ask;
+    if (period_over)
+        next_ask = now + std::chrono::milliseconds(service_period_ms);
+    if (send_due.exchange(false) || (period_over && (ping_noanswer > 0 || is_ping_due())))
         lws_callback_on_writable(link);
 }
 

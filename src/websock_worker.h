@@ -141,6 +141,7 @@ class websock_worker : public abstract_worker {
     int process_client_receive_pong();
     int process_client_writeable(lws* wsi);
     void process_client_writeable_dequeue_cb(lws* wsi, const buffer_info_ptr& buffer);
+    [[nodiscard]] bool is_ping_due() const;
     void send_due_ping(lws* wsi);
     int process_protocol_destroy();
     void log_handler(const char* handler, int line) const;

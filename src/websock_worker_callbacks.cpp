@@ -309,12 +309,15 @@ void websock_worker::process_client_writeable_dequeue_cb(lws* wsi, const buffer_
         lws_send(wsi, buffer->text().data(), buffer->text().size(), LWS_WRITE_TEXT);
 }
 
-void websock_worker::send_due_ping(lws* wsi) {
+bool websock_worker::is_ping_due() const {
     timespec now{};
-    if (!lws_conn_established || time_monotonic(now) - thread_monotime.tv_sec < ping_period_s ||
-        lws_partial_buffered(wsi) != 0)
+    return lws_conn_established && time_monotonic(now) - thread_monotime.tv_sec >= ping_period_s;
+}
+
+void websock_worker::send_due_ping(lws* wsi) {
+    if (!is_ping_due() || lws_partial_buffered(wsi) != 0)
         return;
-    thread_monotime = now;
+    time_monotonic(thread_monotime);
     if (lws_send(wsi, nullptr, 0, LWS_WRITE_PING) > 0)
         ++ping_noanswer;
     lws_callback_on_writable(wsi);

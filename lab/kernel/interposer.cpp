@@ -17,6 +17,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -31,6 +32,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "kernel.h"
 
@@ -74,6 +76,19 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+template <std::size_t N>
+struct Name {
+    consteval Name(const char (&literal)[N]) { std::copy_n(literal, N, text); }
+    char text[N];
+};
+
+// The same, looked up once: the look-up takes longer than most of these calls.
+template <typename Function, Name name>
+Function* next() {
+    static Function* const found = next<Function>(name.text);
+    return found;
+}
+
 bool is_virtual(std::string_view path) {
     for (const std::string_view prefix : virtual_prefixes)
         if (path.starts_with(prefix))
@@ -87,9 +102,9 @@ class Path {
     explicit Path(const char* given) : given_(given) {
         if (given_ == nullptr || !is_virtual(given_))
             return;
-        const std::string root = lab::root();
-        if (!root.empty())
-            moved_ = root + given_;
+        std::string path = lab::root();
+        if (!path.empty())
+            moved_ = std::move(path.append(given_));
     }
     [[nodiscard]] const char* c_str() const { return moved_ ? moved_->c_str() : given_; }
     [[nodiscard]] bool moved() const { return moved_.has_value(); }
@@ -236,19 +251,19 @@ extern "C" {
 
 FILE* fopen(const char* path, const char* mode) {
     const Path moved{path};
-    return remember(next<FILE*(const char*, const char*)>("fopen")(moved.c_str(), mode), path, mode,
-                    moved);
+    return remember(next<FILE*(const char*, const char*), "fopen">()(moved.c_str(), mode), path,
+                    mode, moved);
 }
 
 FILE* fopen64(const char* path, const char* mode) {
     const Path moved{path};
-    return remember(next<FILE*(const char*, const char*)>("fopen64")(moved.c_str(), mode), path,
+    return remember(next<FILE*(const char*, const char*), "fopen64">()(moved.c_str(), mode), path,
                     mode, moved);
 }
 
 int fclose(FILE* file) {
     const std::optional<OpenedForWriting> written = take(file);
-    const int result = next<int(FILE*)>("fclose")(file);
+    const int result = next<int(FILE*), "fclose">()(file);
     if (written)
         report(*written);
     return result;
@@ -261,7 +276,7 @@ int open(const char* path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = mode_of(flags, args);
     va_end(args);
-    return next<int(const char*, int, ...)>("open")(Path{path}.c_str(), flags, mode);
+    return next<int(const char*, int, ...), "open">()(Path{path}.c_str(), flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -269,7 +284,7 @@ int open64(const char* path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = mode_of(flags, args);
     va_end(args);
-    return next<int(const char*, int, ...)>("open64")(Path{path}.c_str(), flags, mode);
+    return next<int(const char*, int, ...), "open64">()(Path{path}.c_str(), flags, mode);
 }
 
 int openat(int folder, const char* path, int flags, ...) {
@@ -277,7 +292,8 @@ int openat(int folder, const char* path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = mode_of(flags, args);
     va_end(args);
-    return next<int(int, const char*, int, ...)>("openat")(folder, Path{path}.c_str(), flags, mode);
+    return next<int(int, const char*, int, ...), "openat">()(folder, Path{path}.c_str(), flags,
+                                                             mode);
 }
 
 int openat64(int folder, const char* path, int flags, ...) {
@@ -285,8 +301,8 @@ int openat64(int folder, const char* path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = mode_of(flags, args);
     va_end(args);
-    return next<int(int, const char*, int, ...)>("openat64")(folder, Path{path}.c_str(), flags,
-                                                             mode);
+    return next<int(int, const char*, int, ...), "openat64">()(folder, Path{path}.c_str(), flags,
+                                                               mode);
 }
 
 int __open_2(const char* path, int flags) {
@@ -303,95 +319,96 @@ int __openat64_2(int folder, const char* path, int flags) {
 }
 
 DIR* opendir(const char* path) {
-    return next<DIR*(const char*)>("opendir")(Path{path}.c_str());
+    return next<DIR*(const char*), "opendir">()(Path{path}.c_str());
 }
 
 // --- stat(2) ---
 
 int stat(const char* path, struct stat* out) noexcept {
-    return next<int(const char*, struct stat*)>("stat")(Path{path}.c_str(), out);
+    return next<int(const char*, struct stat*), "stat">()(Path{path}.c_str(), out);
 }
 
 int lstat(const char* path, struct stat* out) noexcept {
-    return next<int(const char*, struct stat*)>("lstat")(Path{path}.c_str(), out);
+    return next<int(const char*, struct stat*), "lstat">()(Path{path}.c_str(), out);
 }
 
 int fstatat(int folder, const char* path, struct stat* out, int flags) noexcept {
-    return next<int(int, const char*, struct stat*, int)>("fstatat")(folder, Path{path}.c_str(),
-                                                                     out, flags);
+    return next<int(int, const char*, struct stat*, int), "fstatat">()(folder, Path{path}.c_str(),
+                                                                       out, flags);
 }
 
 int stat64(const char* path, struct stat64* out) noexcept {
-    return next<int(const char*, struct stat64*)>("stat64")(Path{path}.c_str(), out);
+    return next<int(const char*, struct stat64*), "stat64">()(Path{path}.c_str(), out);
 }
 
 int lstat64(const char* path, struct stat64* out) noexcept {
-    return next<int(const char*, struct stat64*)>("lstat64")(Path{path}.c_str(), out);
+    return next<int(const char*, struct stat64*), "lstat64">()(Path{path}.c_str(), out);
 }
 
 int fstatat64(int folder, const char* path, struct stat64* out, int flags) noexcept {
-    return next<int(int, const char*, struct stat64*, int)>("fstatat64")(folder, Path{path}.c_str(),
-                                                                         out, flags);
+    return next<int(int, const char*, struct stat64*, int), "fstatat64">()(
+        folder, Path{path}.c_str(), out, flags);
 }
 
 // What programs built against a C library before 2.33 import.
 int __xstat(int version, const char* path, struct stat* out) noexcept {
-    return next<int(int, const char*, struct stat*)>("__xstat")(version, Path{path}.c_str(), out);
+    return next<int(int, const char*, struct stat*), "__xstat">()(version, Path{path}.c_str(), out);
 }
 
 int __lxstat(int version, const char* path, struct stat* out) noexcept {
-    return next<int(int, const char*, struct stat*)>("__lxstat")(version, Path{path}.c_str(), out);
+    return next<int(int, const char*, struct stat*), "__lxstat">()(version, Path{path}.c_str(),
+                                                                   out);
 }
 
 int __xstat64(int version, const char* path, struct stat64* out) noexcept {
-    return next<int(int, const char*, struct stat64*)>("__xstat64")(version, Path{path}.c_str(),
-                                                                    out);
+    return next<int(int, const char*, struct stat64*), "__xstat64">()(version, Path{path}.c_str(),
+                                                                      out);
 }
 
 int __lxstat64(int version, const char* path, struct stat64* out) noexcept {
-    return next<int(int, const char*, struct stat64*)>("__lxstat64")(version, Path{path}.c_str(),
-                                                                     out);
+    return next<int(int, const char*, struct stat64*), "__lxstat64">()(version, Path{path}.c_str(),
+                                                                       out);
 }
 
 // What 32-bit programs with 64-bit time import; the record is the C library's own.
 int __stat64_time64(const char* path, void* out) noexcept {
-    return next<int(const char*, void*)>("__stat64_time64")(Path{path}.c_str(), out);
+    return next<int(const char*, void*), "__stat64_time64">()(Path{path}.c_str(), out);
 }
 
 int __lstat64_time64(const char* path, void* out) noexcept {
-    return next<int(const char*, void*)>("__lstat64_time64")(Path{path}.c_str(), out);
+    return next<int(const char*, void*), "__lstat64_time64">()(Path{path}.c_str(), out);
 }
 
 int statx(int folder, const char* path, int flags, unsigned mask, struct statx* out) noexcept {
-    return next<int(int, const char*, int, unsigned, struct statx*)>("statx")(
+    return next<int(int, const char*, int, unsigned, struct statx*), "statx">()(
         folder, Path{path}.c_str(), flags, mask, out);
 }
 
 int access(const char* path, int mode) noexcept {
-    return next<int(const char*, int)>("access")(Path{path}.c_str(), mode);
+    return next<int(const char*, int), "access">()(Path{path}.c_str(), mode);
 }
 
 int faccessat(int folder, const char* path, int mode, int flags) noexcept {
-    return next<int(int, const char*, int, int)>("faccessat")(folder, Path{path}.c_str(), mode,
-                                                              flags);
+    return next<int(int, const char*, int, int), "faccessat">()(folder, Path{path}.c_str(), mode,
+                                                                flags);
 }
 
 // --- names ---
 
 int unlink(const char* path) noexcept {
-    return next<int(const char*)>("unlink")(Path{path}.c_str());
+    return next<int(const char*), "unlink">()(Path{path}.c_str());
 }
 
 int unlinkat(int folder, const char* path, int flags) noexcept {
-    return next<int(int, const char*, int)>("unlinkat")(folder, Path{path}.c_str(), flags);
+    return next<int(int, const char*, int), "unlinkat">()(folder, Path{path}.c_str(), flags);
 }
 
 int remove(const char* path) noexcept {
-    return next<int(const char*)>("remove")(Path{path}.c_str());
+    return next<int(const char*), "remove">()(Path{path}.c_str());
 }
 
 int rename(const char* from, const char* to) noexcept {
-    return next<int(const char*, const char*)>("rename")(Path{from}.c_str(), Path{to}.c_str());
+    return next<int(const char*, const char*), "rename">()(Path{from}.c_str(), Path{to}.c_str());
 }
 
 // --- ioctl(2) ---
@@ -419,7 +436,7 @@ int __ioctl_time64(int fd, unsigned long request, ...) noexcept {
     va_copy(again, args);
     keep_log_line(priority, format, again);
     va_end(again);
-    next<void(int, const char*, va_list)>("vsyslog")(priority, format, args);
+    next<void(int, const char*, va_list), "vsyslog">()(priority, format, args);
 }
 
 void syslog(int priority, const char* format, ...) {
