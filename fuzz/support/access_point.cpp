@@ -1,7 +1,9 @@
 #include "access_point.h"
 
+#include <fcntl.h>
 #include <sys/select.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -110,6 +112,14 @@ void AccessPoint::put_file(const std::string& path, std::string_view content) co
     const std::filesystem::path file = folder_ + (path.front() == '/' ? "" : "/") + path;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream{file, std::ios::binary} << content;
+}
+
+void AccessPoint::set_present(const std::string& path, bool present) const {
+    const std::string file = folder_ + path;
+    if (!present)
+        unlink(file.c_str());
+    else if (const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR); fd >= 0)
+        close(fd);
 }
 
 int AccessPoint::ioctl(unsigned long request, const std::string&, void* data,

@@ -35,6 +35,9 @@ class AccessPoint : public lab::Kernel {
 
     [[nodiscard]] const std::string& folder() const { return folder_; }
 
+    // Makes an empty file of those that put_file() makes, or removes it.
+    void set_present(const std::string& path, bool present) const;
+
     // A file below /proc, /sys, /tmp or /var/run, or of the platform's folder by its bare name.
     void put_file(const std::string& path, std::string_view content) const;
 

@@ -31,7 +31,8 @@ RrmSession::RrmSession()
 }
 
 RrmSession::~RrmSession() {
-    worker_.__disconnect();
+    if (connected_)
+        worker_.__disconnect();
 }
 
 void RrmSession::service_sends(std::string_view text) {
@@ -45,6 +46,20 @@ void RrmSession::bus_sends(std::string_view text) {
 void RrmSession::pass() {
     worker_.execute();
     check_reports();
+}
+
+void RrmSession::turn() {
+    if (!connected_)
+        connected_ = worker_.__connect();
+    if (!connected_)
+        return;
+    if (worker_.condition(run_flag)) {
+        pass();
+        return;
+    }
+    worker_.__disconnect();
+    check_reports();
+    connected_ = false;
 }
 
 // A survey takes five passes at the most, each of a few seconds for every channel.

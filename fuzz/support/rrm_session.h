@@ -1,5 +1,5 @@
-// RrmSession: an RRM worker on the Realtek driver of an AccessPoint, stepped by an input. The
-// service has accepted the access point and uses everything that it can.
+// RrmSession: an RRM worker on the Realtek driver of an AccessPoint, stepped by an input. hostapd
+// is up; the service has accepted the access point and uses everything that it can.
 #ifndef FUZZ_RRM_SESSION_H
 #define FUZZ_RRM_SESSION_H
 
@@ -22,6 +22,10 @@ class RrmSession {
     // One pass of the worker's loop; what it reports must be JSON texts.
     void pass();
 
+    // The same with what stands around it: the worker looks whether the radio daemons live, and
+    // connects anew once they do again.
+    void turn();
+
     // Passes minutes later, so that every timer fires and a survey comes to its report.
     void let_time_pass();
 
@@ -33,6 +37,7 @@ class RrmSession {
     safe_queue from_ipc_;
     safe_queue to_ipc_;
     rrm_worker worker_;
+    bool connected_ = true;
 };
 
 #endif
