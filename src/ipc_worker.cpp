@@ -32,7 +32,7 @@ bool ipc_worker::__connect() {
     msgbus_set_module_loop(ctx, 0);
     if (msgbus_get_module_loop(ctx) == 0) {
         msgbus_peer_start(ctx);
-        from_daemon.set_user_notifier([this] { put_event(); });
+        from_daemon.set_user_notifier([this] { wake(); });
         return true;
     }
     release();
@@ -43,10 +43,28 @@ bool ipc_worker::execute() {
     if (ctx == nullptr)
         return false;
     const std::unique_ptr<message_s, free_deleter> frame(msgbus_poll_no_wait(ctx));
-    const bool idle = !frame && !from_daemon.dequeue(from_daemon_dequeue_cb_binded);
+    if (!frame && send_next())
+        return false;
+    msgbus_flush(ctx);
     if (frame)
         process_ipc_message(*frame);
-    return idle;
+    return !frame;
+}
+
+// A message that comes after the first look and before `woken` is cleared wakes nobody: hence the
+// second look.
+bool ipc_worker::send_next() {
+    if (from_daemon.dequeue(from_daemon_dequeue_cb_binded))
+        return true;
+    woken = false;
+    return from_daemon.dequeue(from_daemon_dequeue_cb_binded);
+}
+
+// The partner's thread. One wake-up is enough for all messages that come before the worker finds
+// its queue empty.
+void ipc_worker::wake() {
+    if (!woken.exchange(true))
+        put_event();
 }
 
 void ipc_worker::__disconnect() {
@@ -84,8 +102,9 @@ ipc_module_t ipc_worker::route_message(const buffer_info_t& /*buffer*/) const {
 void ipc_worker::send_ipc_message(const buffer_info_t& buffer) {
     if (buffer.text().empty())
         return;
-    msgbus_send(ctx, buffer.text().data(), static_cast<std::uint8_t>(route_message(buffer)),
-                buffer.text().size());
+    const auto send = from_daemon.empty() ? msgbus_send : msgbus_send_later;
+    send(ctx, buffer.text().data(), static_cast<std::uint8_t>(route_message(buffer)),
+         buffer.text().size());
 }
 
 void ipc_worker::from_daemon_dequeue_cb(const buffer_info_ptr& buffer) {

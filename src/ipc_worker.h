@@ -2,6 +2,7 @@
 #ifndef LUMD_IPC_WORKER_H
 #define LUMD_IPC_WORKER_H
 
+#include <atomic>
 #include <functional>
 
 #include "abstract_worker.h"
@@ -30,6 +31,8 @@ class ipc_worker : public abstract_worker {
     friend class ipc_worker_peer;
 
     void release();
+    [[nodiscard]] bool send_next();
+    void wake();
     void process_ipc_message(const message_s& frame);
     [[nodiscard]] ipc_module_t route_message(const buffer_info_t& buffer) const;
     void send_ipc_message(const buffer_info_t& buffer);
@@ -40,6 +43,7 @@ class ipc_worker : public abstract_worker {
     safe_queue& from_daemon;
     const ipc_module_t module_id;
     const std::function<void(const buffer_info_ptr&)> from_daemon_dequeue_cb_binded;
+    std::atomic<bool> woken = false;  // since the queue was last found empty
 };
 
 #endif

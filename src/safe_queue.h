@@ -70,6 +70,12 @@ class SafeQueue {
         return true;
     }
 
+    // Whether there is anything to take at this moment.
+    [[nodiscard]] bool empty() {
+        const std::lock_guard<Mutex> lock(m);
+        return q.empty();
+    }
+
     // `notifier` is called after each successful enqueue from now on, on the producer's thread.
     void set_user_notifier(const user_notifier_type& notifier) {
         const std::lock_guard<Mutex> lock(user_notifier_mutex);

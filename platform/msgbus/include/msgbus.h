@@ -105,7 +105,8 @@ void msgbus_peer_start(msgbus_context* ctx);
 /* Ends the module loop. */
 void msgbus_peer_stop(msgbus_context* ctx);
 
-/* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. */
+/* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. Directly
+ * after a msgbus_get_module_loop() it does not look again for what that has not seen. */
 struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
 
 /* Sends `len` bytes, at most MSGBUS_MAX_PAYLOAD, to module `dst` under a new message number. Fire
@@ -113,7 +114,15 @@ struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
  * and gives the connection up when it takes none for 10 seconds. Never raises SIGPIPE. */
 void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len);
 
-/* The same as an answer to `request`: to its sender and under its message number. */
+/* The same, except that a short message may wait for the next message or msgbus_flush(), so that
+ * one system call carries many. */
+void msgbus_send_later(msgbus_context* ctx, const void* data, uint8_t dst, size_t len);
+
+/* Sends what msgbus_send_later() has kept, as msgbus_send() would have. So does the end of the
+ * context. */
+void msgbus_flush(msgbus_context* ctx);
+
+/* The same as msgbus_send() as an answer to `request`: to its sender and under its message number. */
 void msgbus_send_answer(msgbus_context* ctx, const struct message_s* request, const void* data,
                         size_t len);
 

@@ -22,6 +22,9 @@ using std::chrono::seconds;
 
 constexpr seconds kAttachLimit{1};
 constexpr milliseconds kBacklogRetry{10};
+// Of frames that wait for one system call. Copying a longer one costs more than a call of its own.
+constexpr std::size_t kMaxGathered = std::size_t{32} * 1024;
+constexpr std::size_t kLongestGathered = std::size_t{4} * 1024;
 // A broker that takes not one byte of a frame for so long is as good as dead.
 constexpr seconds kSendStallLimit{10};
 // What may arrive while one frame waits to be sent: far more than a broker has for us by then.
@@ -162,9 +165,36 @@ bool Connection::wait(Clock::time_point deadline) {
 
 bool Connection::send(message_header_s header, std::span<const std::uint8_t> payload, int passed) {
     header.len = static_cast<std::uint32_t>(payload.size());
+    const std::vector<std::uint8_t> before = std::move(unsent_);
+    unsent_.clear();
     // sendmsg(2) takes its parts writable and does not write them.
-    std::array<iovec, 2> parts{
-        {{&header, sizeof header}, {const_cast<std::uint8_t*>(payload.data()), payload.size()}}};
+    std::array<iovec, 3> parts{{{const_cast<std::uint8_t*>(before.data()), before.size()},
+                                {&header, sizeof header},
+                                {const_cast<std::uint8_t*>(payload.data()), payload.size()}}};
+    return send_parts(parts, passed);
+}
+
+bool Connection::send_later(message_header_s header, std::span<const std::uint8_t> payload) {
+    if (payload.size() > kLongestGathered)
+        return send(header, payload);
+    header.len = static_cast<std::uint32_t>(payload.size());
+    unsent_.reserve(kMaxGathered);
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&header);
+    unsent_.insert(unsent_.end(), bytes, bytes + sizeof header);
+    unsent_.insert(unsent_.end(), payload.begin(), payload.end());
+    return unsent_.size() + sizeof header + kLongestGathered < kMaxGathered ? connected() : flush();
+}
+
+bool Connection::flush() {
+    if (unsent_.empty())
+        return connected();
+    std::vector<std::uint8_t> bytes = std::move(unsent_);
+    unsent_.clear();
+    std::array<iovec, 1> parts{{{bytes.data(), bytes.size()}}};
+    return send_parts(parts, -1);
+}
+
+bool Connection::send_parts(std::span<iovec> parts, int passed) {
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();

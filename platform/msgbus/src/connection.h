@@ -4,11 +4,14 @@
 #ifndef PLATFORM_MSGBUS_CONNECTION_H
 #define PLATFORM_MSGBUS_CONNECTION_H
 
+#include <sys/uio.h>
+
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "frame.h"
 
@@ -49,9 +52,15 @@ class Connection {
     // `passed` unless -1. False: the connection is lost.
     bool send(message_header_s header, std::span<const std::uint8_t> payload, int passed = -1);
 
+    // The same, but a short frame may stay here until the next send() or flush(): one system call
+    // then carries them all.
+    bool send_later(message_header_s header, std::span<const std::uint8_t> payload);
+    bool flush();
+
   private:
     [[nodiscard]] int connect_to(const std::string& socket_path, Clock::time_point deadline);
     void fill(std::size_t limit);
+    bool send_parts(std::span<iovec> parts, int passed);
     [[nodiscard]] bool await_room(Clock::time_point deadline);
     void lose(const std::string& why);
 
@@ -59,6 +68,7 @@ class Connection {
     FrameParser parser_;
     std::deque<Message> frames_;
     std::size_t queued_bytes_ = 0;
+    std::vector<std::uint8_t> unsent_;  // whole frames of send_later()
     std::uint8_t module_ = 0;
     bool attached_ = false;
 };

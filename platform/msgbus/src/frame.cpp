@@ -39,12 +39,27 @@ Message make_message(const message_header_s& header) {
 bool FrameParser::feed(std::span<const std::uint8_t> bytes, const Sink& sink) {
     while (!bytes.empty() && error_.empty()) {
         bytes = bytes.subspan(frame_ ? take_payload(bytes) : take_header(bytes));
-        if (frame_ && payload_received_ == frame_->header.len) {
-            header_received_ = payload_received_ = 0;
-            sink(std::move(frame_));
-        }
+        hand_over_when_whole(sink);
     }
     return error_.empty();
+}
+
+std::span<std::uint8_t> FrameParser::missing() {
+    if (!frame_)
+        return {};
+    return {frame_->payload + payload_received_, frame_->header.len - payload_received_};
+}
+
+void FrameParser::filled(std::size_t count, const Sink& sink) {
+    payload_received_ += count;
+    hand_over_when_whole(sink);
+}
+
+void FrameParser::hand_over_when_whole(const Sink& sink) {
+    if (!frame_ || payload_received_ < frame_->header.len)
+        return;
+    header_received_ = payload_received_ = 0;
+    sink(std::move(frame_));
 }
 
 std::size_t FrameParser::take_header(std::span<const std::uint8_t> bytes) {
@@ -102,10 +117,11 @@ UniqueFd PassedFd::take_from(msghdr& message) {
 Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
                         UniqueFd* passed) {
     std::array<std::uint8_t, kChunkBytes> chunk;
-    iovec part{chunk.data(), chunk.size()};
+    const std::span<std::uint8_t> missing = parser.missing();
+    std::array<iovec, 2> parts{{{missing.data(), missing.size()}, {chunk.data(), chunk.size()}}};
     msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
     PassedFd control;
     if (passed != nullptr)
         control.put_into(message);
@@ -119,8 +135,13 @@ Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& si
         return Received::NOTHING_YET;
     if (count <= 0)
         return Received::END;
-    const std::span received{chunk.data(), static_cast<std::size_t>(count)};
-    return parser.feed(received, sink) ? Received::SOMETHING : Received::MALFORMED;
+    const auto received = static_cast<std::size_t>(count);
+    const std::size_t direct = std::min(received, missing.size());
+    if (direct > 0)
+        parser.filled(direct, sink);
+    if (!parser.feed(std::span{chunk}.first(received - direct), sink))
+        return Received::MALFORMED;
+    return received < missing.size() + chunk.size() ? Received::ALL : Received::SOMETHING;
 }
 
 std::string default_socket_path() {

@@ -90,12 +90,18 @@ class FrameParser {
     // behind it can be understood, and error() tells what was wrong.
     [[nodiscard]] bool feed(std::span<const std::uint8_t> bytes, const Sink& sink);
 
+    // Where the bytes belong that the frame under way still lacks; empty between frames and within
+    // a header. What is put there straight away is told by filled().
+    [[nodiscard]] std::span<std::uint8_t> missing();
+    void filled(std::size_t count, const Sink& sink);
+
     [[nodiscard]] const std::string& error() const { return error_; }
 
   private:
     std::size_t take_header(std::span<const std::uint8_t> bytes);
     std::size_t take_payload(std::span<const std::uint8_t> bytes);
     void check_header();
+    void hand_over_when_whole(const Sink& sink);
 
     message_header_s header_{};
     std::size_t header_received_ = 0;
@@ -104,7 +110,8 @@ class FrameParser {
     std::string error_;
 };
 
-enum class Received { SOMETHING, NOTHING_YET, END, MALFORMED };
+// ALL: as much as there was for now.
+enum class Received { SOMETHING, ALL, NOTHING_YET, END, MALFORMED };
 
 // Receives once from the non-blocking socket into the parser. A descriptor that comes with the
 // bytes is in `passed` before their first frame is handed over; without `passed` it is refused.

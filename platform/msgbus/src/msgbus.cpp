@@ -9,7 +9,9 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "connection.h"
@@ -26,6 +28,7 @@ struct msgbus_context {
     bool run = false;
     std::uint32_t seq = 0;      // of the last send
     std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
+    bool just_looked = false;   // by msgbus_get_module_loop(): nothing was there
 };
 
 namespace {
@@ -62,16 +65,27 @@ std::uint32_t first_seq() {
     return seq;
 }
 
-// Whether the payload went out whole.
+enum class When { NOW, LATER };
+
+// Whether the payload went out whole, or will.
 bool send(msgbus_context& ctx, std::uint8_t dst, std::uint32_t seq, const void* data,
-          std::size_t len) {
+          std::size_t len, When when) {
     if (len > MSGBUS_MAX_PAYLOAD) {
         logsink_message(SINK_ERROR, "msgbus: message of %zu bytes to module %d is too long", len,
                         dst);
         return false;
     }
     const message_header_s header = msgbus::make_header(MSGBUS_DATA, ctx.module, dst, seq);
-    return ctx.connection.send(header, {static_cast<const std::uint8_t*>(data), len});
+    const std::span payload{static_cast<const std::uint8_t*>(data), len};
+    return when == When::NOW ? ctx.connection.send(header, payload)
+                             : ctx.connection.send_later(header, payload);
+}
+
+void send_numbered(msgbus_context& ctx, std::uint8_t dst, const void* data, std::size_t len,
+                   When when) {
+    if (++ctx.seq == 0)
+        ctx.seq = 1;
+    ctx.awaited = send(ctx, dst, ctx.seq, data, len, when) ? ctx.seq : 0;
 }
 
 // The parsed payload when its "command" is that one, or null.
@@ -121,6 +135,8 @@ msgbus_context* msgbus_init_with_event(int module, const uint8_t* options, size_
 
 void msgbus_release(msgbus_context* ctx) {
     const std::unique_ptr<msgbus_context> ended{ctx};
+    if (ended)
+        ended->connection.flush();
 }
 
 void msgbus_set_module_loop(msgbus_context* ctx, int run) {
@@ -128,8 +144,10 @@ void msgbus_set_module_loop(msgbus_context* ctx, int run) {
 }
 
 int msgbus_get_module_loop(msgbus_context* ctx) {
-    if (ctx->run && !ctx->connection.has_frames())
+    if (ctx->run && !ctx->connection.has_frames()) {
         ctx->connection.fill();
+        ctx->just_looked = !ctx->connection.has_frames();
+    }
     return ctx->run && (ctx->connection.connected() || ctx->connection.has_frames()) ? 1 : 0;
 }
 
@@ -149,7 +167,7 @@ void msgbus_peer_stop(msgbus_context* ctx) {
 message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
     Message frame;
     do {
-        if (!ctx->connection.has_frames())
+        if (!ctx->connection.has_frames() && !std::exchange(ctx->just_looked, false))
             ctx->connection.fill();
         frame = ctx->connection.take();
     } while (frame && frame->header.type != MSGBUS_DATA);
@@ -157,18 +175,26 @@ message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
 }
 
 void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len) {
-    if (++ctx->seq == 0)
-        ctx->seq = 1;
-    ctx->awaited = send(*ctx, dst, ctx->seq, data, len) ? ctx->seq : 0;
+    send_numbered(*ctx, dst, data, len, When::NOW);
+}
+
+void msgbus_send_later(msgbus_context* ctx, const void* data, uint8_t dst, size_t len) {
+    send_numbered(*ctx, dst, data, len, When::LATER);
+}
+
+void msgbus_flush(msgbus_context* ctx) {
+    if (!ctx->connection.flush())
+        ctx->awaited = 0;
 }
 
 void msgbus_send_answer(msgbus_context* ctx, const message_s* request, const void* data,
                         size_t len) {
-    send(*ctx, request->header.src, request->header.seq, data, len);
+    send(*ctx, request->header.src, request->header.seq, data, len, When::NOW);
 }
 
 cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
                                  int timeout) {
+    msgbus_flush(ctx);
     const auto deadline = Connection::Clock::now() + std::chrono::seconds{timeout};
     Tree answer = command ? await_answer(*ctx, command, deadline) : nullptr;
     if (!answer && error_text)

@@ -37,6 +37,7 @@ constexpr int kAttachCheckMs = 1000;
 constexpr int kAcceptPauseMs = 100;  // while the process is out of descriptors
 // A client that does not take back its undeliverable frames is not read until it does.
 constexpr std::size_t kMaxReturned = 4096;
+constexpr std::size_t kFramesPerSend = 64;
 constexpr mode_t kSocketMode = 0666;  // receivers judge the uid that each frame carries
 
 enum class Role { NEWCOMER, MODULE, MONITOR };
@@ -82,6 +83,36 @@ void wake(const Client& client) {
     if (poll(&entry, 1, 0) != 1 || (entry.revents & POLLOUT) == 0)
         return;
     [[maybe_unused]] const ssize_t written = write(client.event.get(), &one, sizeof one);
+}
+
+// One sendmsg(2) of as many of the frames that wait as it takes here.
+ssize_t send_front(const Client& client) {
+    std::array<iovec, kFramesPerSend> parts{};
+    const std::size_t count = std::min(parts.size(), client.waiting.size());
+    for (std::size_t i = 0; i < count; i++) {
+        // sendmsg(2) takes its parts writable and does not write them.
+        auto* const frame = const_cast<message_s*>(client.waiting[i].frame.get());
+        parts[i] = {frame, msgbus::frame_size(*frame)};
+    }
+    parts[0].iov_base = static_cast<std::uint8_t*>(parts[0].iov_base) + client.front_sent;
+    parts[0].iov_len -= client.front_sent;
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = count;
+    return sendmsg(client.fd.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void drop_sent(Client& client, std::size_t sent) {
+    client.front_sent += sent;
+    while (!client.waiting.empty()) {
+        const std::size_t size = msgbus::frame_size(*client.waiting.front().frame);
+        if (client.front_sent < size)
+            return;
+        client.returned -= is_returned(client.waiting.front()) ? 1 : 0;
+        client.waiting_bytes -= size;
+        client.front_sent -= size;
+        client.waiting.pop_front();
+    }
 }
 
 // The other side has closed: nothing more will be written to this socket.
@@ -141,6 +172,7 @@ class MsgbusBroker::Impl {
                  std::uint32_t seq);
     void enqueue(Client& client, SharedFrame frame, std::uint64_t sender);
     void flush(Client& client);
+    void flush_fresh();
     [[nodiscard]] bool send_waiting(Client& client);
     void show(const SharedFrame& frame);
     void malformed(Client& client, const std::string& what);
@@ -158,6 +190,7 @@ class MsgbusBroker::Impl {
     std::vector<std::unique_ptr<Client>> clients_;
     std::array<Client*, MSGBUS_MONITOR> holders_{};  // by module id
     std::vector<pollfd> descriptors_;                // stop_, listener_, then clients_
+    std::vector<Client*> fresh_;  // those whose first waiting frame is of the current round
 };
 
 // ---- the socket
@@ -244,6 +277,7 @@ bool MsgbusBroker::Impl::serve_round() {
     if (descriptors_[1].revents != 0)
         accept_all();
     end_latecomers();
+    flush_fresh();
     remove_ended();
     return true;
 }
@@ -451,7 +485,7 @@ void MsgbusBroker::Impl::enqueue(Client& client, SharedFrame frame, std::uint64_
     client.waiting_bytes += msgbus::frame_size(*frame);
     client.waiting.push_back({std::move(frame), sender});
     if (client.waiting.size() == 1)
-        flush(client);
+        fresh_.push_back(&client);
 }
 
 void MsgbusBroker::Impl::flush(Client& client) {
@@ -459,16 +493,21 @@ void MsgbusBroker::Impl::flush(Client& client) {
         wake(client);
 }
 
+// At the end of a round: what came for a client in one piece leaves in one. The end of a client
+// that cannot be sent to may give others something to send.
+void MsgbusBroker::Impl::flush_fresh() {
+    for (std::size_t i = 0; i < fresh_.size(); i++)
+        if (!fresh_[i]->ended)
+            flush(*fresh_[i]);
+    fresh_.clear();
+}
+
 // Whether any bytes went out: of a long frame the client must take the first before there is room
 // for the last.
 bool MsgbusBroker::Impl::send_waiting(Client& client) {
     bool moved = false;
     while (!client.waiting.empty()) {
-        const message_s& frame = *client.waiting.front().frame;
-        const std::size_t size = msgbus::frame_size(frame);
-        const ssize_t sent =
-            send(client.fd.get(), reinterpret_cast<const std::uint8_t*>(&frame) + client.front_sent,
-                 size - client.front_sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent = send_front(client);
         if (sent < 0) {
             if (errno == EINTR)
                 continue;
@@ -477,13 +516,7 @@ bool MsgbusBroker::Impl::send_waiting(Client& client) {
             return moved;
         }
         moved = true;
-        client.front_sent += static_cast<std::size_t>(sent);
-        if (client.front_sent < size)
-            continue;
-        client.returned -= is_returned(client.waiting.front()) ? 1 : 0;
-        client.waiting_bytes -= size;
-        client.front_sent = 0;
-        client.waiting.pop_front();
+        drop_sent(client, static_cast<std::size_t>(sent));
     }
     return moved;
 }

@@ -157,6 +157,24 @@ TEST_F(IpcWorker, ConsumesAnEmptyMessageAndSendsNothing) {
     EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("after it"));
 }
 
+TEST_F(IpcWorker, SendsAllItWasGivenByTheTimeItIsIdle) {
+    for (const char* text : {"1", "2", ""})
+        from_daemon.enqueue(message(text));
+    while (!worker.execute()) {
+    }
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 2), ElementsAre("1", "2"));
+}
+
+TEST_F(IpcWorker, SendsWhatItWasGivenBeforeTheNextFrame) {
+    for (const char* text : {"1", "2"})
+        from_daemon.enqueue(message(text));
+    EXPECT_FALSE(worker.execute());
+    drain(from_daemon);
+    bus.send(PORTALMOD, LUMDMOD, "frame");
+    EXPECT_THAT(receive(1), ElementsAre("frame"));
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("1"));
+}
+
 TEST_F(IpcWorker, SendsOneMessageAPass) {
     for (const char* text : {"1", "2", "3"})
         from_daemon.enqueue(message(text));
@@ -236,6 +254,23 @@ TEST(IpcWorkerIdle, IsWokenByAFrame) {
             ASSERT_TRUE(!idle || worker.woken());
         }
         EXPECT_THAT(texts, ElementsAre(text));
+    }
+    worker.__disconnect();
+}
+
+TEST(IpcWorkerIdle, IsWokenByAMessageOfItsPartner) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    waiting_worker worker(to_daemon, from_daemon, LUMDMOD, run);
+    ASSERT_TRUE(worker.__connect());
+    for (const char* text : {"one", "two", "three"}) {
+        while (!worker.execute()) {
+        }
+        from_daemon.enqueue(message(text));
+        ASSERT_TRUE(worker.woken());
     }
     worker.__disconnect();
 }

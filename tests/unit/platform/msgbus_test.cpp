@@ -117,6 +117,59 @@ class MsgbusOnBroker : public Msgbus {
     std::unique_ptr<RunningBroker> broker;
 };
 
+TEST_F(MsgbusOnBroker, KeepsShortMessagesForLaterUntilTheFlush) {
+    const Context sender = join(28);
+    const Context receiver = join(1);
+    msgbus_peer_start(receiver.get());
+    msgbus_send_later(sender.get(), "one", 1, 3);
+    msgbus_send_later(sender.get(), "two", 1, 3);
+    // The broker keeps the order: nothing is before this one.
+    send(join(29), 1, "of another");
+    EXPECT_EQ(text_of(poll_frame(receiver)), "of another");
+    msgbus_flush(sender.get());
+    EXPECT_EQ(text_of(poll_frame(receiver)), "one");
+    EXPECT_EQ(text_of(poll_frame(receiver)), "two");
+}
+
+TEST_F(MsgbusOnBroker, SendsWhatWasKeptBeforeTheNextMessage) {
+    const Context sender = join(28);
+    const Context receiver = join(1);
+    msgbus_peer_start(receiver.get());
+    const std::string large(100000, 'x');
+    msgbus_send_later(sender.get(), "one", 1, 3);
+    send(sender, 1, "two");
+    msgbus_send_later(sender.get(), "three", 1, 5);
+    msgbus_send_later(sender.get(), large.data(), 1, large.size());
+    for (const std::string& text : {std::string("one"), std::string("two"), std::string("three")})
+        EXPECT_EQ(text_of(poll_frame(receiver)), text);
+    EXPECT_EQ(text_of(poll_frame(receiver)), large);
+}
+
+TEST_F(MsgbusOnBroker, SendsWhatWasKeptAtTheEndOfTheContext) {
+    Context sender = join(28);
+    const Context receiver = join(1);
+    msgbus_peer_start(receiver.get());
+    msgbus_send_later(sender.get(), "last words", 1, 10);
+    sender.reset();
+    EXPECT_EQ(text_of(poll_frame(receiver)), "last words");
+}
+
+// More than are kept, and than one system call of the broker takes.
+TEST_F(MsgbusOnBroker, KeepsTheOrderOfManyMessagesSentLater) {
+    constexpr int count = 500;
+    const Context sender = join(28);
+    const Context receiver = join(1);
+    msgbus_peer_start(receiver.get());
+    const std::string pad(300, ' ');
+    for (int i = 0; i < count; ++i) {
+        const std::string text = std::to_string(i) + pad;
+        msgbus_send_later(sender.get(), text.data(), 1, text.size());
+    }
+    msgbus_flush(sender.get());
+    for (int i = 0; i < count; ++i)
+        ASSERT_EQ(text_of(poll_frame(receiver)), std::to_string(i) + pad);
+}
+
 TEST_F(MsgbusOnBroker, CarriesAMessageWithItsHeader) {
     const Context sender = join(28);
     const Context receiver = join(1);

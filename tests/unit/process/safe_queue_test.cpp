@@ -44,6 +44,14 @@ TEST_F(SafeQueue, GivesMessagesBackInOrder) {
     EXPECT_THAT(drain(queue), ElementsAre("one", "two", "three"));
 }
 
+TEST_F(SafeQueue, TellsWhetherThereIsAnythingToTake) {
+    EXPECT_TRUE(queue.empty());
+    put("one");
+    EXPECT_FALSE(queue.empty());
+    drain(queue);
+    EXPECT_TRUE(queue.empty());
+}
+
 TEST_F(SafeQueue, DequeueTakesOneMessagePerCall) {
     put("one");
     put("two");
