@@ -64,7 +64,8 @@ AccessPoint::AccessPoint() {
     put_file("factory.json", R"({"board":"b","hw":"h","serial":"s","mac":"00:11:22:33:44:50"})");
     put_file("antennas.json", R"({"antennas":[]})");
     put_file("radios.json",
-             R"({"radios":[{"ifname":"wlan0","driver":"rtl8192cd","bands":["2.4GHz"]},)"
+             R"({"radios":[{"ifname":"wlan0","driver":"rtl8192cd","bands":["2.4GHz"],)"
+             R"("antenna-gain":{"type":"configurable"}},)"
              R"({"ifname":"wlan1","driver":"g6","bands":["5GHz"]}]})");
     for (const std::string radio : {"wlan0", "wlan1"}) {
         for (const char* suffix : {"", "-va0", "-va1"}) {
