@@ -125,6 +125,30 @@ TEST_F(DriverScanTest, A6GHzRadioIsLockedButNotScannedAndUnlockedByStop) {
                                              "unlock-scan wlan0", "unlock-scan wlan1"));
 }
 
+// Bus and kernel are two ways: each request to the kernel waits for the notices due before it.
+TEST_F(DriverScanTest, EachRadioIsLockedRightBeforeItsCommandsAndUnlockedRightAfter) {
+    std::vector<std::string> order;
+    std::size_t notices_seen = 0;
+    const auto take_notices = [&](std::size_t due) {
+        const std::vector<std::string> notices = scan_notices(due);
+        for (; notices_seen < notices.size(); ++notices_seen)
+            order.push_back(notices[notices_seen]);
+    };
+    std::size_t due_before_wlan0 = 1;
+    kernel.watch([&](const std::string& request) {
+        take_notices(due_before_wlan0 + (request.starts_with("wlan1") ? 1 : 0));
+        order.push_back(request);
+    });
+    start(true, {1}, {36});
+    due_before_wlan0 = 2;
+    driver.stop(true);
+    take_notices(4);
+    kernel.watch({});
+    EXPECT_THAT(order, ElementsAre("lock-scan wlan0", "wlan0 stop", "wlan0 scan", "lock-scan wlan1",
+                                   "wlan1 stop", "wlan1 scan", "wlan0 stop", "unlock-scan wlan0",
+                                   "wlan1 stop", "unlock-scan wlan1"));
+}
+
 TEST_F(DriverScanTest, ARadioThatFailsDoesNotStopTheOthers) {
     kernel.fail(FakeKernel::RTL8192CD_VEXOR, EIO);
     EXPECT_EQ(start(true, {1}, {36}), 0);

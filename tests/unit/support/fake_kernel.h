@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -180,6 +181,12 @@ class FakeKernel : public lab::Kernel {
         return result;
     }
 
+    // `observer` sees each request before it is carried out.
+    void watch(std::function<void(const std::string& request)> observer) {
+        const std::lock_guard lock{mutex_};
+        observer_ = std::move(observer);
+    }
+
     // --- lab::Kernel ---
 
     int ioctl(unsigned long request, const std::string& ifname, void* data,
@@ -191,6 +198,8 @@ class FakeKernel : public lab::Kernel {
         if (bytes != nullptr)
             call.data.assign(bytes, vexor ? buffer_size : length);
         calls_.push_back(call);
+        if (observer_)
+            observer_(call.ifname + " " + describe(call));
         if (const auto error = request_errors_.find(request);
             error != request_errors_.end() && error->second != 0)
             return -error->second;
@@ -363,6 +372,7 @@ class FakeKernel : public lab::Kernel {
     std::map<Command, std::uint32_t> claimed_counts_;
     std::uint16_t claimed_mib_length_ = 0;
     std::vector<Call> calls_;
+    std::function<void(const std::string&)> observer_;
     std::vector<Written> writes_;
 };
 
