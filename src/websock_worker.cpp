@@ -17,6 +17,7 @@ namespace {
 
 constexpr int service_period_ms = 100;
 constexpr int idle_delay_us = 100000;
+constexpr int max_service_calls = 64;
 constexpr int reconnect_pause_us = 1000000;
 constexpr int ping_timeout_s = 60;
 constexpr int every_lws_log_level = 1023;
@@ -24,12 +25,23 @@ constexpr std::size_t smallest_delay_base = 2;  // seconds
 
 constexpr const char* timezone_command = "update-timezone";
 
+// strcasestr(3) for a name with one hyphen, ten times faster because there are few of them.
+bool mentions_internal_service(const char* text) {
+    static const std::ptrdiff_t before = std::strchr(internal_service, '-') - internal_service;
+    static const std::size_t length = std::strlen(internal_service);
+    for (const char* hyphen = std::strchr(text, '-'); hyphen != nullptr;
+         hyphen = std::strchr(hyphen + 1, '-'))
+        if (hyphen - text >= before && strncasecmp(hyphen - before, internal_service, length) == 0)
+            return true;
+    return false;
+}
+
 // Whether a JSON text can hold one of the two values that process_internal_message() looks for. Of
 // all escapes only the hexadecimal one gives a character that is in them. Most messages are none of
 // these, and the look is many times faster than making the tree of a large one.
 bool may_be_internal(const char* text) {
-    return strcasestr(text, internal_service) != nullptr ||
-           std::strstr(text, timezone_command) != nullptr || std::strstr(text, "\\u") != nullptr;
+    return mentions_internal_service(text) || std::strstr(text, timezone_command) != nullptr ||
+           std::strstr(text, "\\u") != nullptr;
 }
 
 struct service_entry {
@@ -103,13 +115,20 @@ bool websock_worker::__connect() {
 
 // The wait takes place in lws_service, where the socket ends it; the worker's own event makes the
 // run loop's wait for one return at once. A service call that fails does not wait, so then the run
-// loop does.
+// loop does. While there is traffic the next service call follows without that detour.
 bool websock_worker::execute() {
-    ask_writeable_when_due();
-    bound_service();
-    if (lws_service(ws_context.get(), service_period_ms) >= 0)
+    int result = 0;
+    int calls = 0;
+    do {
+        called_back = false;
+        ask_writeable_when_due();
+        bound_service();
+        result = lws_service(ws_context.get(), service_period_ms);
+        tp.process_once();
+    } while (result >= 0 && called_back && ++calls < max_service_calls && can_run &&
+             condition(running));
+    if (result >= 0)
         put_event();
-    tp.process_once();
     return true;
 }
 

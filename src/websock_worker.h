@@ -165,6 +165,7 @@ class websock_worker : public abstract_worker {
     int ping_noanswer = 0;  // pings since the last pong
     bool lws_callback_process_active = false;
     std::atomic<bool> lws_conn_established = false;  // the handshake completed
+    bool called_back = false;                        // by the library, in this service call
     bool ctx_unlink_connection = false;              // final: no new connection is made
     timespec thread_monotime{};                      // of the last ping or of the handshake
     const timer_callback_type binded_ping_timeout;

@@ -1,6 +1,11 @@
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 #include "lum_trace.h"
@@ -141,6 +146,20 @@ constexpr reason_entry reason_names[] = {
 };
 #undef REASON
 
+// While it lives the socket puts small writes together (tcp(7)).
+class corked_socket {
+  public:
+    explicit corked_socket(lws* wsi) : fd(lws_get_socket_fd(wsi)) { cork(1); }
+    ~corked_socket() { cork(0); }
+    corked_socket(const corked_socket&) = delete;
+    corked_socket& operator=(const corked_socket&) = delete;
+
+  private:
+    void cork(int on) const { setsockopt(fd, IPPROTO_TCP, TCP_CORK, &on, sizeof on); }
+
+    const int fd;
+};
+
 }  // namespace
 
 LockedLwsCallback lws_callback_obj{"LockedLwsCallback"};
@@ -171,6 +190,7 @@ int websock_worker::__callback_lws_process(lws* wsi, lws_callback_reasons reason
 
 int websock_worker::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* /*user*/,
                                         void* in, std::size_t len) {
+    called_back = true;
     if (ping_noanswer >= max_unanswered_pings) {
         trace.debug("%s->There are no %d pong answer in a row from server\n", worker_name,
                     ping_noanswer);
@@ -294,9 +314,13 @@ int websock_worker::process_client_writeable(lws* wsi) {
     const auto send = [this, wsi](const buffer_info_ptr& buffer) {
         process_client_writeable_dequeue_cb(wsi, buffer);
     };
+    std::optional<corked_socket> corked;
     int budget = send_batch;
-    while (budget > 0 && lws_partial_buffered(wsi) == 0 && from_ipc.dequeue(send))
+    while (budget > 0 && lws_partial_buffered(wsi) == 0 && from_ipc.dequeue(send)) {
         --budget;
+        if (!corked && !from_ipc.empty())
+            corked.emplace(wsi);
+    }
     if (budget == 0 || lws_partial_buffered(wsi) != 0)
         lws_callback_on_writable(wsi);
     return 0;

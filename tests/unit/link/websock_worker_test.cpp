@@ -186,6 +186,8 @@ INSTANTIATE_TEST_SUITE_P(
                     internal_case{R"({"service":"internal\u002Dipc","cmd":"any"})", true, {}},
                     internal_case{R"({"service":"internal-\/ipc","cmd":"status"})", false, {}},
                     internal_case{R"({"pad":"\n\t\"","service":"Internal-IPC"})", true, {}},
+                    internal_case{R"({"-":"a-b--","service":"INTERNAL-ipc"})", true, {}},
+                    internal_case{R"({"service":"internal-rpc"})", false, {}},
                     internal_case{internal("UNLINK"), true, {}},
                     internal_case{R"({"service":"internal-ipc","cmd":7})", true, {}}));
 
