@@ -24,16 +24,18 @@ def pytest_configure(config):
                    "ThreadSanitizer")
     config.addinivalue_line(
         "markers", "soak: takes minutes; runs with --soak only (scripts/soak)")
+    config.addinivalue_line(
+        "markers", "faults: every call fails once; runs with --faults only (scripts/faults)")
 
 
 def pytest_addoption(parser):
     parser.addoption("--soak", action="store_true", help="also run what takes minutes")
+    parser.addoption("--faults", action="store_true", help="also let every call fail")
 
 
 def pytest_collection_modifyitems(config, items):
-    if config.getoption("--soak"):
-        return
-    long = [item for item in items if item.get_closest_marker("soak")]
+    left_out = {mark for mark in ("soak", "faults") if not config.getoption(f"--{mark}")}
+    long = [item for item in items if left_out & {mark.name for mark in item.iter_markers()}]
     config.hook.pytest_deselected(items=long)
     items[:] = [item for item in items if item not in long]
 

@@ -83,3 +83,20 @@ def short(name):
     while "<" in name and "operator<" not in name and (cut := re.sub(r"<[^<>]*>", "", name)) != name:
         name = cut
     return name.replace(" const", "").rpartition(" ")[2]
+
+
+def fallible_calls(program, library):
+    """{place: function} of all calls in the program to functions that the library can fail."""
+    names = subprocess.run(["nm", "-D", "--defined-only", str(library)], check=True,
+                           capture_output=True, text=True).stdout.split()[2::3]
+    wanted = set(names)
+    code = subprocess.Popen(["objdump", "-d", "--no-show-raw-insn", str(program)],
+                            stdout=subprocess.PIPE, text=True)
+    found, called = {}, None
+    for line in code.stdout:
+        if called is not None and (match := re.match(r"\s+([0-9a-f]+):", line)):
+            found[int(match[1], 16)] = called
+        match = re.search(r"\bcall\s+[0-9a-f]+ <(\w+)@plt>", line)
+        called = match[1] if match and match[1] in wanted else None
+    assert code.wait() == 0
+    return found

@@ -1,0 +1,227 @@
+"""What the agent is asked to do while calls of its fail. Each operation tells in one word or two
+what came of it: DONE when all that belongs to it did."""
+import asyncio
+import signal
+import time
+
+from .lab import CONFIG, LabError, ask
+
+from labservice.server import ServiceError
+
+DONE, NOTHING = "done", "not done"
+NO_LINK_PAUSE = 0.1  # real seconds
+MAC, SSID = "00:11:22:33:44:50", "office"
+
+
+class Operations:
+    """`patience`: real seconds that an operation waits for what it should bring about."""
+
+    def __init__(self, lab, patience=3.0):
+        self.lab, self.patience, self._turn = lab, patience, 0
+
+    def _wait(self, what, since, **match):
+        return self.lab.wait(what, since, timeout=self.patience, **match)
+
+    def _ask(self, message, answer):
+        return ask(self.lab, message, answer, timeout=self.patience)
+
+    def _next(self):
+        self._turn += 1
+        return self._turn
+
+    def carry_out(self, name):
+        try:
+            return getattr(self, name)() or DONE
+        except LabError:
+            return NOTHING
+        except ServiceError:
+            time.sleep(NO_LINK_PAUSE)
+            return NOTHING
+
+    # RRM mode
+
+    def report(self):
+        told = self._ask({"cmd": "rrm-request-mode"}, "rrm-mode-response").get("radios")
+        real = self.lab.ap("status")["radios"]
+        return "incomplete" if told is None or _told(told) != _real(real) else DONE
+
+    def survey(self):
+        return self._survey({"rrm-scan-channels": "6 36"})
+
+    def vendor_survey(self):
+        return self._survey({"rrm-scan-channels": "6 36", "vexor-rrm-scanning": 1})
+
+    def _survey(self, how):
+        found = self._ask({"cmd": "rrm-update", **how}, "rrm-response").get("rf-environment") or []
+        channels = {entry.get("channel") for table in found for entry in table}
+        return DONE if channels == {6, 36} else "incomplete" if channels else "empty"
+
+    def channel_and_power(self):
+        first = self._next() % 2
+        for radio, channel in ((0, (1, 11)[first]), (1, (44, 100)[first])):
+            since = self.lab.mark()
+            self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": [
+                {"id": radio, "channel": channel, "power": (12, 14)[first]}]})
+            self._wait("update-orvanta", since, predicate=lambda event, wanted=channel:
+                       event["data"]["params"].get("channel") == str(wanted))
+            self._wait("rrm-config-changed", since)
+
+    def neighbours(self):
+        mac = f"00:11:22:33:50:{self._next() % 256:02x}"
+        lists = [{"neighbour-mac": mac, "channel": channel, "priority": 3,
+                  "vaps": [{"ssid": SSID, "mac": mac}]} for channel in (11, 52)]
+        self.lab.send({"cmd": "rrm-info", **CONFIG, "802dot11k": lists})
+        self.report()
+        written = [mac.replace(":", "") in line.replace(":", "")
+                   for report in self.lab.ap("reports") for line in report["lines"]
+                   if report["list"] == "standard"]
+        told = mac in self.lab.ap("hostapd-neighbours").get("wlan1-va0", {})
+        complete = written == [True, True] and told
+        return DONE if complete else "incomplete" if any(written) or told else NOTHING
+
+    def fast_transition(self):
+        self.lab.send({"cmd": "rrm-info", **CONFIG, "use-80211r": 1})
+        since = self.lab.mark()
+        self.lab.send({"cmd": "fbt-info", "fbt-reassoc-deadline": 500, "fbt-over-ds": 0, "vaps": [
+            {"vap_id": 2, "radio_id": 1, "mobility-domain": 7, "r0-key-holder-id": "r0",
+             "r1-key-holder-id": "r1", "fbt-rrb-key": "key", "remotes": [
+                 {"remote-r1-kh-id": "aa", "remote-r0-kh-id": "bb", "remote-r1-kh-key": "cc"}]}]})
+        told = self._wait("update-orvanta-fbt", since)["data"]
+        self.lab.send({"cmd": "rrm-info", **CONFIG, "use-80211r": 0})
+        self.lab.send({"cmd": "fbt-info"})
+        self._wait("reset-orvanta-fbt", since)
+        remote = told.get("wlan1-va2", {}).get("ft-config", {}).get("mac", {}).get("aa", {})
+        return DONE if remote.get("r1-kh-key") == "cc" else "incomplete"
+
+    def steering(self):
+        since = self.lab.mark()
+        mac = self._visitor("wlan0-va0", rssi=-88)
+        self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": []})
+        self.lab.send({"cmd": "rrm-sta-overload", "ap-mac": MAC,
+                       "radios": [{"id": 0, "roam-count": 1}], "802dot11k": [
+                           {"neighbour-mac": "00:11:22:33:50:51", "channel": 11,
+                            "vaps": [{"ssid": SSID, "mac": "00:11:22:33:50:51"}]}]})
+        try:
+            self._wait("bss-transition", since, data={"station": mac})
+            self._wait("rrm-sta-roam", since)
+        finally:
+            self._leave(mac)
+
+    def clients(self):
+        since = self.lab.mark()
+        mac = self._visitor("wlan1-va0")
+        try:
+            self._wait("rrm-client-assoc", since, data={"sta-mac": mac})
+        finally:
+            self._leave(mac)
+        self._wait("rrm-client-disassoc", since, data={"sta-mac": mac})
+
+    def _visitor(self, vap, rssi=-50, **more):
+        turn = self._next()
+        mac = f"02:ff:00:00:{turn >> 8:02x}:{turn & 255:02x}"
+        self.lab.ap("station-add", vap=vap, mac=mac, rssi=rssi, **more)
+        return mac
+
+    def _leave(self, mac):
+        present = [station["mac"] for radio in self.lab.ap("status")["radios"]
+                   for vap in radio["vaps"] for station in vap["stations"]]
+        if mac in present:
+            self.lab.ap("station-remove", mac=mac)
+
+    def configuration(self):
+        since = self.lab.mark()
+        self.lab.ap("config-set", path="/orvanta/dca", value=("false", "true")[self._next() % 2])
+        self._wait("rrm-config-changed", since)
+
+    def hostapd(self):
+        since = self.lab.mark()
+        self.lab.ap("hostapd", action="stop")
+        try:
+            self._wait("rrm-disassoc-all-clients", since)
+        finally:
+            self.lab.ap("hostapd", action="start")
+        self._wait("rrm-config-changed", since)
+
+    def link(self):
+        since = self.lab.mark()
+        self.lab.service("drop", hard=self._next() % 2 == 0)
+        self._wait("subscribe-response", since)
+
+    def large_messages(self):
+        """Longer than one read, one write and one line of the log."""
+        self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": [], "padding": "x" * 300_000})
+        return self.report()
+
+    def bus(self):
+        restart_broker(self.lab)
+        if self.report() != DONE:
+            raise LabError("no report")
+        deadline = time.monotonic() + self.patience
+        while time.monotonic() < deadline:
+            try:
+                return self.clients_at_once()
+            except LabError:
+                continue
+        raise LabError("no trap")
+
+    def clients_at_once(self):
+        since = self.lab.mark()
+        self.lab.ap("trap", type="recv-deauth", dev="wlan0-va0", mac="02:ee:00:00:00:01",
+                    ssid=SSID)
+        self.lab.wait("rrm-client-disassoc", since, timeout=0.3)
+
+    # Portal and WIDS mode
+
+    def relay(self):
+        text = {"number": self._next()}
+        since = self.lab.mark()
+        self.lab.ap("portal-send", message=text)
+        self._wait("message", since, data=text)
+
+    def connection(self):
+        since = self.lab.mark()
+        self.lab.service("drop", hard=self._next() % 2 == 0)
+        self._wait("connected", since)
+
+    def mac_list(self):
+        since = self.lab.mark()
+        name = self.lab.lab.scenario["mac-list-id"]
+        self.lab.send({"Name": name, "white": ["02:00:00:00:00:01"], "black": []})
+        self._wait("mac-list-received", since)
+        self._wait("update-wids-mac-lists", since)
+
+    def foreign_mac_list(self):
+        since = self.lab.mark()
+        self.lab.send({"Name": "other", "white": []})
+        self._wait("mac-list-rejected", since)
+
+
+def _told(radios):
+    return [(radio.get("channel"), radio.get("power"), radio.get("status"),
+             {client.get("mac"): client.get("rssi") for client in radio.get("assoclist", [])},
+             [vap.get("ssid") for vap in radio.get("vaps", [])]) for radio in radios]
+
+
+def _real(radios):
+    return [(radio["channel"], radio["tx-power"], 1,
+             {station["mac"]: max(station["rssi"]) for vap in radio["vaps"]
+              for station in vap["stations"]},
+             [vap["ssid"] for vap in radio["vaps"]]) for radio in radios]
+
+
+def restart_broker(lab):
+    async def restart():
+        inner = lab.lab
+        inner.broker.signal(signal.SIGKILL)
+        await inner.broker.wait()
+        for daemon in inner.ap.daemons.values():
+            await daemon.stop()
+        inner.bus_path.unlink(missing_ok=True)
+        await asyncio.sleep(0.2)
+        await inner.broker.start([*inner.build.emulator, inner.build.bin / "msgbusd"],
+                                 inner._environment())
+        await inner._bus_is_there()
+        for daemon in inner.ap.daemons.values():
+            await daemon.start()
+
+    lab.run(restart())
