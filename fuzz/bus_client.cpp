@@ -127,7 +127,8 @@ Broker* broker = nullptr;  // of the input
 
 void act(msgbus_context* ctx, std::uint8_t action) {
     constexpr std::string_view request = R"({"command":"get"})";
-    switch (action % 6) {
+    constexpr std::uint8_t flush_from = 128;
+    switch (action % 7) {
         case 0:
             static_cast<void>(Frame{msgbus_poll_no_wait(ctx)});
             break;
@@ -146,6 +147,11 @@ void act(msgbus_context* ctx, std::uint8_t action) {
         case 4:
             if (const Frame frame{msgbus_poll_no_wait(ctx)})
                 msgbus_send_answer(ctx, frame.get(), frame->payload, frame->header.len);
+            break;
+        case 5:
+            msgbus_send_later(ctx, request.data(), 9, action % request.size());
+            if (action >= flush_from)
+                msgbus_flush(ctx);
             break;
         default:
             broker->step();
