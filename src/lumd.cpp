@@ -83,10 +83,20 @@ void start_lock_checker() {
     std::thread(vexor_lockdep_thread_func).detach();
 }
 
-void set_up_process() {
-#ifdef M_MXFAST  // only glibc has fast bins; freed memory then merges again on a small machine
+// mallopt(3). Only glibc has fast bins; freed memory then merges again on a small machine. The two
+// thresholds rise with the largest piece ever freed unless they are set, and then a large message
+// would go on costing what it took.
+void keep_heap_small() {
+#ifdef M_MXFAST
+    constexpr int threshold = 256 * 1024;  // bytes
     mallopt(M_MXFAST, 0);
+    mallopt(M_MMAP_THRESHOLD, threshold);
+    mallopt(M_TRIM_THRESHOLD, threshold);
 #endif
+}
+
+void set_up_process() {
+    keep_heap_small();
     logsink_set_name("LUMD");
     std::srand(static_cast<unsigned>(std::time(nullptr)));  // the links' random delays
     prctl(PR_SET_NAME, "lumd:main");
