@@ -1,44 +1,25 @@
 // The platform's JSON files: a byte for which of them, then its content.
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 
 #include "antcfg.h"
 #include "factorydata.h"
 #include "file.h"
+#include "folder.h"
 #include "input.h"
 #include "krds.h"
 
 namespace {
 
-// $LUMD_PLATFORM_DIR, in memory where there is such a place.
-class Folder {
-  public:
-    Folder() {
-        std::string name = std::filesystem::exists("/dev/shm") ? "/dev/shm/lumd-fuzz-XXXXXX"
-                                                               : "/tmp/lumd-fuzz-XXXXXX";
-        fuzz::require(mkdtemp(name.data()) != nullptr);
-        setenv("LUMD_PLATFORM_DIR", name.c_str(), 1);
-        path_ = name;
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    [[nodiscard]] std::string file(const char* name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
-
+// The files of $LUMD_PLATFORM_DIR.
 struct Files {
-    Folder folder;
-    fuzz::File factory{folder.file("factory.json")};
-    fuzz::File radios{folder.file("radios.json")};
-    fuzz::File antennas{folder.file("antennas.json")};
+    Files() { setenv("LUMD_PLATFORM_DIR", folder.path().c_str(), 1); }
+
+    fuzz::Folder folder;
+    fuzz::File factory{folder.path() + "/factory.json"};
+    fuzz::File radios{folder.path() + "/radios.json"};
+    fuzz::File antennas{folder.path() + "/antennas.json"};
 };
 
 struct ReleaseTree {

@@ -56,11 +56,7 @@ AccessPoint& AccessPoint::instance() {
 }
 
 AccessPoint::AccessPoint() {
-    const bool in_memory = std::filesystem::exists("/dev/shm");
-    std::string name = in_memory ? "/dev/shm/lumd-fuzz-XXXXXX" : "/tmp/lumd-fuzz-XXXXXX";
-    fuzz::require(mkdtemp(name.data()) != nullptr);
-    folder_ = name;
-    setenv("LUMD_PLATFORM_DIR", folder_.c_str(), 1);
+    setenv("LUMD_PLATFORM_DIR", folder().c_str(), 1);
     put_file("factory.json", R"({"board":"b","hw":"h","serial":"s","mac":"00:11:22:33:44:50"})");
     put_file("antennas.json", R"({"antennas":[]})");
     put_file("radios.json",
@@ -70,16 +66,16 @@ AccessPoint::AccessPoint() {
     for (const std::string radio : {"wlan0", "wlan1"}) {
         for (const char* suffix : {"", "-va0", "-va1"}) {
             for (const std::string entries : {"/proc/", "/proc/net/rtk_wifi6/"})
-                std::filesystem::create_directories(folder_ + entries + radio + suffix);
+                std::filesystem::create_directories(folder() + entries + radio + suffix);
             put_file("/sys/class/net/" + radio + suffix + "/flags", "0x1003\n");
         }
     }
-    std::filesystem::create_directories(folder_ + "/tmp");
+    std::filesystem::create_directories(folder() + "/tmp");
     put_file("/var/run/hostapd.pid", "");
     // What the agent says in the system's log is neither kept nor passed on.
-    std::filesystem::create_symlink("/dev/null", folder_ + "/syslog");
+    std::filesystem::create_symlink("/dev/null", folder() + "/syslog");
     setlogmask(LOG_MASK(LOG_EMERG));
-    lab::set_root(folder_);
+    lab::set_root(folder());
     lab::install(this);
     reset();
 }
@@ -87,8 +83,6 @@ AccessPoint::AccessPoint() {
 AccessPoint::~AccessPoint() {
     lab::install(nullptr);
     lab::set_root("");
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
 }
 
 void AccessPoint::reset() {
@@ -110,13 +104,13 @@ void AccessPoint::answer_scans(std::string_view bytes) {
 }
 
 void AccessPoint::put_file(const std::string& path, std::string_view content) const {
-    const std::filesystem::path file = folder_ + (path.front() == '/' ? "" : "/") + path;
+    const std::filesystem::path file = folder() + (path.front() == '/' ? "" : "/") + path;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream{file, std::ios::binary} << content;
 }
 
 void AccessPoint::set_present(const std::string& path, bool present) const {
-    const std::string file = folder_ + path;
+    const std::string file = folder() + path;
     if (!present)
         unlink(file.c_str());
     else if (const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR); fd >= 0)

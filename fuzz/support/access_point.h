@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "folder.h"
 #include "kernel.h"
 
 class AccessPoint : public lab::Kernel {
@@ -33,7 +34,7 @@ class AccessPoint : public lab::Kernel {
     void print(std::string_view output) { tool_output_ = output; }
     [[nodiscard]] const std::string& tool_output() const { return tool_output_; }
 
-    [[nodiscard]] const std::string& folder() const { return folder_; }
+    [[nodiscard]] const std::string& folder() const { return folder_.path(); }
 
     // Makes an empty file of those that put_file() makes, or removes it.
     void set_present(const std::string& path, bool present) const;
@@ -49,7 +50,7 @@ class AccessPoint : public lab::Kernel {
     AccessPoint();
     void vendor_command(char* buffer) const;
 
-    std::string folder_;
+    const fuzz::Folder folder_;
     std::string tool_output_;
     bool answers_scans_ = false;
     bool answers_all_ = false;
