@@ -6,12 +6,18 @@
 // infinite waits stay what they are. Not scaled: file times, the kernel's own network timers,
 // name look-ups, CPU-time clocks.
 //
+// LAB_CLOCK_FILE names a file that the lab maps as well and in which it may change the speed while
+// the program runs (SharedSpeed; labap/clock.py writes it). A wait that has begun keeps the speed
+// it began with.
+//
 // Calls may come before any constructor ran (sanitizer runtimes read the clock while they start),
 // from any thread and from signal handlers: nothing here allocates or locks after the first call.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <time.h>
@@ -46,8 +52,26 @@ struct Real {
     int (*cond_clockwait)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
 };
 
+// From the time `since` on the real monotonic clock the scaled ones run at `speed`; they had gained
+// `elapsed` by then. Times in ns.
+struct alignas(8) Pace {
+    double speed;
+    std::int64_t since;
+    std::int64_t elapsed;
+};
+
+// The content of LAB_CLOCK_FILE, in the program's byte order. `changes` is odd while `pace` is
+// being written.
+struct SharedSpeed {
+    std::atomic<std::uint32_t> changes;
+    std::uint32_t unused;
+    Pace pace;
+};
+static_assert(sizeof(SharedSpeed) == 32);
+
 struct Clock {
-    double speed = 1.0;
+    Pace own{1.0, 0, 0};
+    const SharedSpeed* shared = nullptr;
     std::int64_t monotonic_start = 0;  // ns, where the scaled clock and the real one agree
     std::int64_t boot_start = 0;
     std::int64_t wall_start = 0;
@@ -94,6 +118,17 @@ std::int64_t real_now(const Real& real, clockid_t id) {
     return to_ns(now);
 }
 
+const SharedSpeed* map_shared_speed() {
+    const char* path = getenv("LAB_CLOCK_FILE");
+    const int fd = path != nullptr ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+    if (fd < 0) {
+        return nullptr;
+    }
+    void* memory = mmap(nullptr, sizeof(SharedSpeed), PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    return memory != MAP_FAILED ? static_cast<const SharedSpeed*>(memory) : nullptr;
+}
+
 double configured_speed() {
     const char* text = getenv("LAB_CLOCK_SPEED");
     const double speed = text != nullptr ? strtod(text, nullptr) : 1.0;
@@ -102,8 +137,9 @@ double configured_speed() {
 
 void start(Clock& clock) {
     resolve_all(clock.real);
-    clock.speed = configured_speed();
     clock.monotonic_start = real_now(clock.real, CLOCK_MONOTONIC);
+    clock.own = {configured_speed(), clock.monotonic_start, 0};
+    clock.shared = map_shared_speed();
     clock.boot_start = real_now(clock.real, CLOCK_BOOTTIME);
     clock.wall_start = real_now(clock.real, CLOCK_REALTIME);
 }
@@ -139,23 +175,46 @@ std::int64_t start_of(const Clock& clock, clockid_t id) {
     }
 }
 
+Pace pace_of(const Clock& clock) {
+    if (clock.shared == nullptr) {
+        return clock.own;
+    }
+    for (;;) {
+        const std::uint32_t before = clock.shared->changes.load(std::memory_order_acquire);
+        const Pace pace = clock.shared->pace;
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (before % 2 == 0 && before == clock.shared->changes.load(std::memory_order_relaxed)) {
+            return pace;
+        }
+    }
+}
+
 std::int64_t scaled_up(const Clock& clock, std::int64_t ns) {
-    return static_cast<std::int64_t>(static_cast<double>(ns) * clock.speed);
+    return static_cast<std::int64_t>(static_cast<double>(ns) * pace_of(clock).speed);
 }
 
 // A wait of `ns` on the scaled clock, in real time: rounded up, at least 1 when it was above 0.
 std::int64_t scaled_down(const Clock& clock, std::int64_t ns) {
-    return ns <= 0 ? ns : static_cast<std::int64_t>(static_cast<double>(ns) / clock.speed) + 1;
+    return ns <= 0 ? ns
+                   : static_cast<std::int64_t>(static_cast<double>(ns) / pace_of(clock).speed) + 1;
+}
+
+// What the scaled clocks have gained since they started.
+std::int64_t elapsed(const Clock& clock) {
+    const Pace pace = pace_of(clock);
+    const std::int64_t now = real_now(clock.real, CLOCK_MONOTONIC);
+    return pace.elapsed +
+           static_cast<std::int64_t>(static_cast<double>(now - pace.since) * pace.speed);
 }
 
 int scaled_now(clockid_t id, timespec* out) {
     const Clock& clock = the_clock();
-    const int result = clock.real.clock_gettime(id, out);
     const std::int64_t begin = start_of(clock, id);
-    if (result == 0 && begin >= 0) {
-        *out = to_timespec(begin + scaled_up(clock, to_ns(*out) - begin));
+    if (begin < 0) {
+        return clock.real.clock_gettime(id, out);
     }
-    return result;
+    *out = to_timespec(begin + elapsed(clock));
+    return 0;
 }
 
 // An absolute time of the scaled clock as the time at which the real one gets there.
@@ -164,7 +223,8 @@ timespec real_deadline(const Clock& clock, clockid_t id, const timespec& deadlin
     if (begin < 0) {
         return deadline;
     }
-    return to_timespec(begin + scaled_down(clock, to_ns(deadline) - begin));
+    const std::int64_t wait = to_ns(deadline) - (begin + elapsed(clock));
+    return to_timespec(real_now(clock.real, id) + scaled_down(clock, wait));
 }
 
 int real_milliseconds(const Clock& clock, int milliseconds) {

@@ -125,7 +125,7 @@ class Lab:
         self.build, self.speed = build or find_build(), speed
         self.extra_config, self.extra_environment = list(config), dict(environment or {})
         self.journal = Journal()
-        self.folder = self.ap = self.service = self.broker = self.lumd = None
+        self.folder = self.clock = self.ap = self.service = self.broker = self.lumd = None
 
     async def start(self, start_lumd=True):
         try:
@@ -146,9 +146,10 @@ class Lab:
         await self.broker.start([*self.build.emulator, self.build.bin / "msgbusd"],
                                 self._environment())
         await self._bus_is_there()
+        order = byte_order(self.build.bin / "lumd")
+        self.clock = LabClock(self.speed, self.folder / "clock", order)
         self.ap = AccessPoint(self.scenario, self.folder / "root", self.bus_path,
-                              self.folder / "platform", LabClock(self.speed),
-                              byte_order(self.build.bin / "lumd"), self.journal)
+                              self.folder / "platform", self.clock, order, self.journal)
         await self.ap.start()
         self.service = Service(journal=self.journal)
         self.service.subscribe_answers = [{"status": "success", "code": 200,
@@ -198,8 +199,8 @@ class Lab:
         options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"),
                                          "verify_asan_link_order=0"]))
         own = {"LAB_ROOT": str(self.ap.root), "LUMD_PLATFORM_DIR": str(self.folder / "platform"),
-               "LD_PRELOAD": " ".join(map(str, preload)), "LAB_CLOCK_SPEED": str(self.speed),
-               "ASAN_OPTIONS": options,
+               "LD_PRELOAD": " ".join(map(str, preload)), "ASAN_OPTIONS": options,
+               "LAB_CLOCK_FILE": str(self.folder / "clock"),
                "PATH": f"{TREE / 'lab' / 'bin'}:{os.environ.get('PATH', '')}"}
         return self._environment(**{**own, **self.extra_environment})
 
@@ -339,6 +340,10 @@ class LabHandle:
 
     def log_lines(self):
         return self.lab.log_lines()
+
+    def set_speed(self, speed):
+        """Of lumd's clock and of the lab's; for a lab that was not started at speed 1."""
+        self.do(lambda: self.lab.clock.set_speed(speed))
 
     def stop_lumd(self):
         """lumd's exit status after SIGTERM."""

@@ -1,8 +1,9 @@
-"""A day of an office in protocol time, with random faults.
+"""Days of an office in protocol time, with random faults.
 
-Every hour the service surveys the air, changes channels and asks for the radios; clients come, go
-and fade; twice the link is lost, once hostapd restarts, once the broker. Whatever the agent
-reports must be what the virtual access point is, and nothing may pile up.
+While the office is open the service surveys the air every hour, changes channels and asks for the
+radios; clients come, go and fade, and something breaks now and then. At night nobody asks for
+anything. Whatever the agent reports must be what the virtual access point is, nothing may be lost
+that the fault at work does not cost, and nothing may pile up.
 """
 import os
 import random
@@ -15,52 +16,73 @@ import pytest
 from lumdtest.lab import CONFIG, ask, radios
 from lumdtest.waiting import wait_until
 
-HOURS = int(os.environ.get("SOAK_HOURS", 7))
-SPEED = 120  # a wait of 20 s on the bus takes 170 ms; faster, and a busy machine looks like a fault
-HOUR = 3600 / SPEED  # in real seconds
+HOURS = int(os.environ.get("SOAK_HOURS", 24))
+OPEN = range(7, 21)   # hours of the day
+# A wait of 20 s on the bus takes 330 ms; faster, and a busy machine looks like a fault.
+SPEED = 60
+# Three unanswered pings take 90 ms; a machine that is busier than that costs a link, which is told.
+SPEED_WHEN_NOTHING_HAPPENS = 1000
+HOUR = 3600           # seconds of protocol time
+LINES_PER_IDLE_HOUR = 0
 GROWTH_KB = 8 * 1024
 # AddressSanitizer keeps freed memory for a while; that must not look like a leak.
 SMALL_QUARANTINE = {"ASAN_OPTIONS": "verify_asan_link_order=0:quarantine_size_mb=1"}
 CHANNELS = {0: [1, 6, 11], 1: [36, 44, 52, 100, 149]}
+RESULTS = "VEXOR_CMD_CUSTOM_SCAN_RESULTS"
 BROKER_GONE = re.compile(r"msgbus|Error: (path|no response|can't)|can't get value from|"
                          r"invalid data from the store")
+DRIVER_FAILS = re.compile(r"ioctl|scan|VEXOR|count|entries", re.IGNORECASE)
+HUBD_REFUSES = re.compile(r"Error: |Update Orvanta|update_orvanta", re.IGNORECASE)
 
 
-class Day:
+class Office:
     def __init__(self, lab, seed):
         self.lab, self.random = lab, random.Random(seed)
-        self.visitors, self.lines_seen, self.unexplained = 0, 0, []
+        self.visitors, self.read, self.unexplained = 0, {}, []
+        self.begun = self.now()
+        self.people = (self.somebody_comes, self.somebody_leaves, self.change_a_channel,
+                       self.a_radio_is_overloaded)
+        self.faults = (self.lose_the_link, self.refuse_the_subscription, self.restart_hostapd,
+                       self.restart_the_broker, self.fail_the_survey, self.refuse_a_channel)
+
+    def now(self):
+        return self.lab.lab.clock.now()
 
     # What the service and the people do
 
-    def survey(self):
+    def survey(self, passes=None):
         channels = sorted(self.random.sample(CHANNELS[0], 2) + self.random.sample(CHANNELS[1], 2))
-        vendor = self.random.random() < 0.3
+        vendor = passes is None and self.random.random() < 0.3
         answer = ask(self.lab, {"cmd": "rrm-update", "vexor-rrm-scanning": int(vendor),
                                 "rrm-scan-channels": " ".join(map(str, channels))},
                      "rrm-response", timeout=90)
         known = {entry["bssid"]: entry["channel"]
                  for entry in self.lab.ap("status")["neighbours"]}
-        assert len(answer["rf-environment"]) <= (1 if vendor else 5)
+        assert len(answer["rf-environment"]) in (passes or ((0, 1) if vendor else range(6)))
         for table in answer["rf-environment"]:
             for entry in table:
                 assert known[entry["bssid"]] == entry["channel"]
                 assert entry["channel"] in channels
 
-    def change_a_channel(self):
+    def ask_for_a_channel(self):
         number = self.random.randrange(2)
-        wanted = {"id": number, "channel": self.random.choice(CHANNELS[number]),
-                  "power": self.random.randint(10, 18)}
+        now = self.lab.ap("status")["radios"][number]["channel"]
+        channel = self.random.choice([one for one in CHANNELS[number] if one != now])
+        wanted = {"id": number, "channel": channel, "power": self.random.randint(10, 18)}
         since = self.lab.mark()
         self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": [wanted]})
         self.lab.wait("update-orvanta-response", since)
+        return wanted, since
+
+    def change_a_channel(self):
+        wanted, since = self.ask_for_a_channel()
         self.lab.wait("rrm-config-changed", since)
-        seen = radios(self.lab)[number]
+        seen = radios(self.lab)[wanted["id"]]
         assert (seen["channel"], seen["power"]) == (wanted["channel"], wanted["power"])
 
     def somebody_comes(self):
         self.visitors += 1
-        mac = f"02:ff:00:00:{self.visitors >> 8:02x}:{self.visitors & 255:02x}"
+        mac = f"02:ff:00:00:{self.visitors >> 8 & 255:02x}:{self.visitors & 255:02x}"
         since = self.lab.mark()
         self.lab.ap("station-add", vap=self.random.choice(["wlan0-va0", "wlan1-va0", "wlan1-va2"]),
                     mac=mac, rssi=self.random.randint(-85, -40))
@@ -85,6 +107,15 @@ class Day:
         since = self.lab.mark()
         self.lab.service("drop", hard=self.random.random() < 0.5)
         self.lab.wait("subscribe-response", since, timeout=60)
+
+    def refuse_the_subscription(self):
+        settings = self.lab.lab.service.subscribe_answers
+        self.lab.service("settings", subscribe_answers=[
+            {"status": "error", "code": 503, "timeout": 3}, *settings])
+        since = self.lab.mark()
+        self.lab.service("drop", hard=False)
+        self.lab.wait("subscribe-response", since, timeout=60, data={"status": "success"})
+        self.lab.service("settings", subscribe_answers=settings)
 
     def restart_hostapd(self):
         since = self.lab.mark()
@@ -120,6 +151,21 @@ class Day:
         time.sleep(0.2)
         return self.lab.events(since, what="rrm-client-disassoc")
 
+    def fail_the_survey(self):
+        lost = self.random.randint(1, 5)
+        self.lab.ap("fault-add", rule={"call": "vendor", "name": RESULTS, "times": lost,
+                                       "errno": self.random.choice(["EIO", "ENOMEM", "EBUSY"])})
+        self.survey(passes=range(6))
+        self.lab.ap("fault-clear")
+        self.explain(DRIVER_FAILS)
+
+    def refuse_a_channel(self):
+        self.lab.ap("daemon", name="hubd", answer="refuse")
+        self.ask_for_a_channel()
+        self.lab.ap("daemon", name="hubd", answer="normal")
+        self.settle()
+        self.explain(HUBD_REFUSES)
+
     # What must hold
 
     def settle(self):
@@ -137,50 +183,87 @@ class Day:
             {client["mac"]: client["rssi"] for radio in told
              for client in radio.get("assoclist", [])} == self.clients()
 
+    def new_lines(self):
+        """What the agent has logged since the last look."""
+        lines = []
+        for path in (self.lab.lab.lumd.output, self.lab.lab.lumd_log):
+            with open(path, encoding="utf-8", errors="replace") as file:
+                file.seek(self.read.get(path, 0))
+                lines += file.read().splitlines()
+                self.read[path] = file.tell()
+        return lines
+
     def explain(self, explained=None):
-        lines = self.lab.log_lines()
-        new, self.lines_seen = lines[self.lines_seen:], len(lines)
-        self.unexplained += [line for line in new if " error: " in line
+        lines = self.new_lines()
+        self.unexplained += [line for line in lines if " error: " in line
                              and not (explained and explained.search(line))]
+        return lines
 
-    def memory_kb(self):
-        with open(f"/proc/{self.lab.lab.lumd.pid}/status", encoding="ascii") as status:
-            return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+    def figures(self):
+        """Resident KiB, descriptors and threads of the agent."""
+        process = f"/proc/{self.lab.lab.lumd.pid}"
+        with open(f"{process}/status", encoding="ascii") as status:
+            resident = int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+        return resident, len(os.listdir(f"{process}/fd")), len(os.listdir(f"{process}/task"))
 
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.lab.lab.lumd.pid}/fd"))
+    # Hours
 
-    def threads(self):
-        return len(os.listdir(f"/proc/{self.lab.lab.lumd.pid}/task"))
+    def busy_hour(self, fault):
+        self.survey()
+        for act in self.random.choices(self.people, k=3):
+            act()
+        if fault is not None:
+            fault()
+
+    def sleep_until(self, hour):
+        """Nothing is asked until the hour is over; what the agent logs, and links it lost."""
+        since = self.lab.mark()
+        self.lab.set_speed(SPEED_WHEN_NOTHING_HAPPENS)
+        while self.now() < self.begun + hour * HOUR:
+            time.sleep(0.02)
+        self.lab.set_speed(SPEED)
+        lost = self.lab.events(since, what="subscribe-request")
+        if lost:
+            self.settle()
+        return self.explain(), len(lost)
+
+
+def plan_of_faults(office):
+    """The fault of each open hour: every kind once in the first day, then one in three hours."""
+    opens = [hour for hour in range(HOURS) if hour % 24 in OPEN]
+    first = dict(zip(office.random.sample(opens[:len(OPEN)], len(office.faults)), office.faults))
+    return {hour: first[hour] if hour in first else office.random.choice(office.faults)
+            for hour in opens if hour in first or hour >= 24 and office.random.random() < 1 / 3}
 
 
 @pytest.mark.soak
-def test_a_day_in_the_office(start_lab):
+def test_days_in_the_office(start_lab):
     seed = int(os.environ.get("SOAK_SEED", random.randrange(1 << 32)))
     print(f"SOAK_SEED={seed}")
     lab = start_lab("office", speed=SPEED, environment=SMALL_QUARANTINE)
-    day = Day(lab, seed)
-    hours = day.random.sample(range(1, HOURS), 4)
-    faults = dict(zip(hours, (day.lose_the_link, day.lose_the_link, day.restart_hostapd,
-                              day.restart_the_broker)))
-    people = (day.somebody_comes, day.somebody_leaves, day.change_a_channel,
-              day.a_radio_is_overloaded)
-    first = None
+    office = Office(lab, seed)
+    faults = plan_of_faults(office)
+    first, links_lost, idle_lines = None, 0, []
     for hour in range(HOURS):
-        begun = time.monotonic()
-        day.survey()
-        for act in day.random.choices(people, k=3):
-            act()
-        if hour in faults:
-            print(f"{hour:2}:00 {faults[hour].__name__}")
-            faults[hour]()
-        day.settle()
-        assert day.tells_the_truth(), f"seed {seed}, hour {hour}"
-        day.explain()
-        assert day.unexplained == [], f"seed {seed}, hour {hour}"
-        figures = (day.memory_kb(), day.descriptors(), day.threads())
-        print(f"{hour:2}:00 {figures[0]} KiB, {figures[1]} descriptors, {figures[2]} threads")
-        first = figures if hour == 0 else first
-        time.sleep(max(0.0, HOUR - (time.monotonic() - begun)))
+        fault = faults.get(hour)
+        if hour % 24 in OPEN:
+            office.busy_hour(fault)
+        office.settle()
+        office.explain()
+        lines, lost = office.sleep_until(hour + 1)
+        links_lost += lost
+        assert office.tells_the_truth(), f"seed {seed}, hour {hour}"
+        office.explain()
+        assert office.unexplained == [], "\n".join([f"seed {seed}, hour {hour}",
+                                                    *office.unexplained])
+        if hour % 24 not in OPEN and not lost:
+            idle_lines.append(len(lines))
+        figures = office.figures()
+        first = first or figures
+        print(f"day {hour // 24 + 1} {hour % 24:2}:00 {figures[0]} KiB, {figures[1]} descriptors, "
+              f"{figures[2]} threads{' ' + fault.__name__ if fault else ''}", flush=True)
+    print(f"{len(faults)} faults; {links_lost} links lost while nothing happened, which the "
+          f"machine was too busy for; at most {max(idle_lines)} lines logged in an idle hour")
+    assert max(idle_lines) <= LINES_PER_IDLE_HOUR
     assert figures[0] - first[0] < GROWTH_KB
     assert figures[1:] == first[1:]

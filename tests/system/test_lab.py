@@ -7,6 +7,7 @@ import struct
 import subprocess
 import sys
 import textwrap
+import time
 
 import pytest
 
@@ -425,6 +426,26 @@ def test_the_fast_clock_speeds_up_reading_and_waiting():
     result = subprocess.run(["/usr/bin/python3", "-c", code], env=environment, text=True,
                             capture_output=True, timeout=60, check=True)
     assert float(result.stdout) >= 5
+
+
+def test_the_fast_clock_follows_a_change_of_its_speed(tmp_path):
+    shared = clock.LabClock(1, tmp_path / "clock")
+    environment = {**os.environ, "LAB_CLOCK_FILE": str(tmp_path / "clock"),
+                   "LD_PRELOAD": str(harness.find_build().lib / "liblabclock.so")}
+    code = "import time\nfor _ in range(3): input(); print(time.monotonic(), flush=True)"
+    least, most = [], []  # how far the program's clock may be ahead of the lab's
+    with subprocess.Popen(["/usr/bin/python3", "-c", code], env=environment, text=True,
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE) as program:
+        for speed in (1, 1e6, 1):
+            shared.set_speed(speed)
+            before = shared.now()
+            program.stdin.write("\n")
+            program.stdin.flush()
+            reading = float(program.stdout.readline())
+            least.append(reading - shared.now())
+            most.append(reading - before)
+    assert max(least) <= min(most)
+    assert shared.now() - time.monotonic() > 1
 
 
 # The service
