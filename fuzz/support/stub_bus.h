@@ -14,7 +14,7 @@ namespace stub_bus {
 using Daemon = std::function<std::optional<std::string>(std::string_view request)>;
 
 // Who answers from now on; at first a configuration store with two VAPs per radio, "home" and
-// "guest", and a network manager that agrees to everything.
+// one with a quotation mark and a line end, and a network manager that agrees to everything.
 void serve(Daemon daemon);
 std::optional<std::string> agreeable(std::string_view request);
 
