@@ -10,6 +10,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from statistics import median
 
 TREE = pathlib.Path(__file__).resolve().parent.parent
 BIN = pathlib.Path(os.environ["LUMD_BIN_DIR"])
@@ -21,15 +22,20 @@ from labap.harness import running_lab  # noqa: E402
 PAIRS = [
     ("lock_wrapper", "lock_plain"), ("lock_wrapper_recursive", "lock_plain_recursive"),
     ("queue_1_producer", None), ("queue_4_producers", None),
+    ("thread_there_and_back", None),
     ("timers/7", None), ("timers/1000", None),
     ("subscribe_request", "subscribe_request_json_c"),
     ("fbt_info_5_MiB", "fbt_info_5_MiB_json_c"),
     ("scan_4680_entries", "scan_4680_entries_json_c"),
     ("overload_512_clients", None),
 ]
-FIGURES = [f"{way}_{size}" for size in ("1K", "64K") for way in ("up", "down", "both")]
+WAYS = ("up", "down", "both_up", "both_down")
+FIGURES = [f"{way}_{size}" for size in ("1K", "64K") for way in WAYS]
 DELAYS = [f"{way}_{part}" for way in ("up", "down") for part in ("p50", "p99")]
 IDLE_SECONDS = 20.0
+ROUNDS = 5
+SERVICE_ALLOWS = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
+POWERS = range(10, 17)
 LARGEST = 5 * 1024 * 1024
 
 
@@ -44,14 +50,22 @@ def ratio(value, other):
 # ---- micro
 
 def run_micro():
-    output = subprocess.run([BIN / "bench_micro", "--benchmark_format=json"], check=True,
-                            stdout=subprocess.PIPE).stdout
-    times = {entry["name"].removesuffix("/real_time").removesuffix("/threads:1"):
-             entry["real_time"] for entry in json.loads(output)["benchmarks"]}
+    """Medians of interleaved repetitions; CPU time, but real time where threads contend."""
+    output = subprocess.run([BIN / "bench_micro", "--benchmark_format=json",
+                             "--benchmark_repetitions=5", "--benchmark_min_time=0.1",
+                             "--benchmark_enable_random_interleaving=true",
+                             "--benchmark_report_aggregates_only=true"],
+                            check=True, stdout=subprocess.PIPE).stdout
+    times = {}
+    for entry in json.loads(output)["benchmarks"]:
+        name, *options = entry["run_name"].split("/")
+        if options and options[0].isdigit():
+            name += "/" + options[0]
+        if entry["aggregate_name"] == "median":
+            times[name] = entry["real_time" if "real_time" in options else "cpu_time"]
     print("\nMicro: nanoseconds a run, and how many times its reference's")
     for name, reference in PAIRS:
-        if name in times:
-            line(name, f"{times[name]:.1f}", ratio(times[name], times.get(reference)))
+        line(name, f"{times[name]:.1f}", ratio(times[name], times.get(reference)))
 
 
 # ---- relays
@@ -129,19 +143,55 @@ def measure_mosquitto(folder):
             return figures(load)
 
 
-def run_system():
-    with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
-        lumd = measure_lumd(pathlib.Path(folder))
-        mosquitto = measure_mosquitto(pathlib.Path(folder))
-        bare = measure_bare()
-    print("\nPortal: messages a second (up: bus to service), and how many times as many as")
+def print_relays(title, names, rounds):
+    """Medians of the rounds: each ratio is one within its round."""
+    print(f"\n{title}")
     line("", "lumd", "bare client", "mosquitto")
-    for name in FIGURES:
-        line(name, f"{lumd[name]:.0f}", ratio(lumd[name], bare[name]),
-             ratio(lumd[name], mosquitto.get(name)))
-    print("\nPortal: microseconds at 1000 messages a second each way, and how many times mosquitto's")
-    for name in DELAYS:
-        line(name, f"{lumd[name]:.0f}", ratio(lumd[name], mosquitto[name]))
+    for name in names:
+        def times(other):
+            return median([one["lumd"][name] / one[other][name] for one in rounds])
+        line(name, f"{median([one['lumd'][name] for one in rounds]):.0f}",
+             f"{times('bare'):.2f}", f"{times('mosquitto'):.2f}")
+
+
+def run_system(count):
+    rounds = []
+    with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
+        for _ in range(count):
+            rounds.append({"lumd": measure_lumd(pathlib.Path(folder)),
+                           "mosquitto": measure_mosquitto(pathlib.Path(folder)),
+                           "bare": measure_bare()})
+    print_relays(f"Portal: messages a second (up: bus to service), median of {count} rounds, and "
+                 "how many times as many as", FIGURES, rounds)
+    print_relays("Portal: microseconds at 1000 messages a second each way, and how many times "
+                 "those of", DELAYS, rounds)
+
+
+# ---- from one event to the next, in the office scenario in real time
+
+def milliseconds_to(lab, first, what):
+    return (lab.wait(what, first["n"])["t"] - first["t"]) * 1000
+
+
+def change_power(lab, power):
+    since = lab.mark()
+    lab.send({"cmd": "rrm-info", **SERVICE_ALLOWS, "radios": [{"id": 0, "power": power}]})
+    told = milliseconds_to(lab, lab.wait("rrm-info", since), "update-orvanta")
+    lab.wait("update-orvanta-response", since)
+    return told
+
+
+def run_events(count):
+    link_up, told = [], []
+    for _ in range(count):
+        with running_lab("office", mode="rrm", config=["log_level=1"]) as lab:
+            link_up.append(milliseconds_to(lab, lab.wait("connected"), "subscribe-request"))
+            lab.wait_subscribed()
+            lab.settle()
+            told += [change_power(lab, power) for power in POWERS]
+    print(f"\nMilliseconds, median and longest of {len(link_up)} and {len(told)}")
+    line("link up to subscribe request", f"{median(link_up):.1f}", f"{max(link_up):.1f}")
+    line("rrm-info to the frame at hubd", f"{median(told):.1f}", f"{max(told):.1f}")
 
 
 # ---- idle
@@ -193,17 +243,19 @@ def run_idle(seconds):
 
 def main():
     parser = argparse.ArgumentParser(prog="bench/run")
-    parser.add_argument("parts", nargs="*", choices=["micro", "system", "idle", []])
-    parser.add_argument("--quick", action="store_true", help="a shorter idle sample")
+    parser.add_argument("parts", nargs="*", choices=[*PARTS, []])
+    parser.add_argument("--quick", action="store_true", help="fewer rounds, a shorter idle sample")
     options = parser.parse_args()
-    parts = options.parts or ["micro", "system", "idle"]
-    if "micro" in parts:
-        run_micro()
-    if "system" in parts:
-        run_system()
-    if "idle" in parts:
-        run_idle(5.0 if options.quick else IDLE_SECONDS)
+    for part in options.parts or PARTS:
+        PARTS[part](options.quick)
 
+
+PARTS = {
+    "micro": lambda quick: run_micro(),
+    "system": lambda quick: run_system(1 if quick else ROUNDS),
+    "events": lambda quick: run_events(1 if quick else ROUNDS),
+    "idle": lambda quick: run_idle(5.0 if quick else IDLE_SECONDS),
+}
 
 if __name__ == "__main__":
     main()

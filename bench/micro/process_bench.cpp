@@ -1,11 +1,16 @@
 // The process core beside what it is made of.
 #include <benchmark/benchmark.h>
 #include <json-c/json.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "LockdepMutex.h"
 #include "json_reader.h"
@@ -46,6 +51,31 @@ void queue(benchmark::State& state) {
 }
 BENCHMARK(queue)->Name("queue_1_producer")->UseRealTime();
 BENCHMARK(queue)->Name("queue_4_producers")->Threads(4)->UseRealTime();
+
+// To wake a thread that waits, and to be woken by it: what two workers on a message's way cost when
+// nothing keeps them awake.
+void wake_up(benchmark::State& state) {
+    const int there = eventfd(0, EFD_CLOEXEC);
+    const int back = eventfd(0, EFD_CLOEXEC);
+    std::uint64_t value = 1;
+    std::thread other([&] {
+        std::uint64_t one = 1;
+        while (read(there, &one, sizeof one) > 0 && one == 1)
+            if (write(back, &one, sizeof one) < 0)
+                return;
+    });
+    for (auto _ : state) {
+        if (write(there, &value, sizeof value) < 0 || read(back, &value, sizeof value) < 0)
+            state.SkipWithError("no event");
+    }
+    value = 2;  // ends the other
+    if (write(there, &value, sizeof value) < 0)
+        std::terminate();
+    other.join();
+    close(there);
+    close(back);
+}
+BENCHMARK(wake_up)->Name("thread_there_and_back")->UseRealTime();
 
 // A timer that is removed and armed again among others, as the ping timer is.
 void timers(benchmark::State& state) {

@@ -6,135 +6,106 @@
 //
 // Prints one line "NAME VALUE" per figure: messages per second and microseconds.
 
-#include <algorithm>
 #include <array>
-#include <chrono>
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <semaphore>
-#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "delays.h"
 #include "peers.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int local_module = 3;  // whom lumd's portal mode talks to
 constexpr int agent_module = 2;
 constexpr std::ptrdiff_t most_in_flight = 64;
-constexpr int rounds = 3;  // the best one counts: others use the machine too
-constexpr std::size_t latency_messages = 3000;
-constexpr std::chrono::microseconds latency_period{1000};
+constexpr std::chrono::milliseconds sending_time{700};
+constexpr std::size_t end_bytes = 64;  // of the message that says that no more come
 
 struct Load {
     const char* name;
     std::size_t bytes;
-    std::size_t messages;
     std::ptrdiff_t in_flight;
 };
-constexpr std::array<Load, 2> loads = {
-    {{"1K", 1024, 20000, most_in_flight}, {"64K", 65536, 1000, 4}}};
-
-// A JSON object of exactly `bytes` bytes; lumd looks into what it sends to the service.
-std::string make_message(std::size_t bytes, std::size_t number) {
-    std::array<char, 64> head;
-    std::snprintf(head.data(), head.size(), "{\"number\":%010zu,\"pad\":\"", number);
-    std::string text = head.data();
-    text.append(bytes - text.size() - 2, 'x');
-    return text + "\"}";
-}
-
-std::size_t number_of(std::string_view message) {
-    return std::strtoull(std::string(message.substr(10, 10)).c_str(), nullptr, 10);
-}
+constexpr std::array<Load, 2> loads = {{{"1K", 1024, most_in_flight}, {"64K", 65536, 4}}};
 
 void report(const std::string& name, double value) {
     std::printf("%s %.1f\n", name.c_str(), value);
     std::fflush(stdout);
 }
 
-// One direction of a relay, with a bounded number of messages on their way.
-void carry(Peer& from, Peer& to, const Load& load) {
+double rate(std::size_t messages, Clock::time_point start, Clock::time_point end = Clock::now()) {
+    const std::chrono::duration<double> taken = end - start;
+    return static_cast<double>(messages) / taken.count();
+}
+
+// Messages a second in one direction, with a bounded number on their way.
+double carry(Peer& from, Peer& to, const Load& load) {
     std::counting_semaphore<most_in_flight> room{load.in_flight};
+    const auto start = Clock::now();
     std::thread sender([&] {
-        const std::string message = make_message(load.bytes, 0);
-        for (std::size_t i = 0; i < load.messages; i++) {
+        const std::string message = make_message(load.bytes);
+        while (Clock::now() - start < sending_time) {
             room.acquire();
             from.send(message);
         }
+        from.send(make_message(end_bytes));
     });
-    for (std::size_t i = 0; i < load.messages; i++) {
-        if (to.receive().size() != load.bytes)
-            fail("a message of another length has come");
+    std::size_t received = 0;
+    while (to.receive().size() == load.bytes) {
+        received++;
         room.release();
     }
+    const double result = rate(received, start);
     sender.join();
-}
-
-double best_rate(const Load& load, const std::function<void()>& run) {
-    double best = 0;
-    for (int round = 0; round < rounds; round++) {
-        const auto start = Clock::now();
-        run();
-        const std::chrono::duration<double> taken = Clock::now() - start;
-        best = std::max(best, static_cast<double>(load.messages) / taken.count());
-    }
-    return best;
-}
-
-void measure_throughput(Peer& local, Peer& service, std::span<const Load> some) {
-    for (const Load& load : some) {
-        const std::string name = load.name;
-        report("up_" + name, best_rate(load, [&] { carry(local, service, load); }));
-        report("down_" + name, best_rate(load, [&] { carry(service, local, load); }));
-        report("both_" + name, best_rate(load, [&] {
-                   std::thread other([&] { carry(local, service, load); });
-                   carry(service, local, load);
-                   other.join();
-               }));
-    }
-}
-
-// Microseconds from send to receipt, one message a period, ascending.
-std::vector<double> delays(Peer& from, Peer& to) {
-    std::vector<Clock::time_point> sent(latency_messages);
-    std::vector<double> result(latency_messages);
-    std::thread sender([&] {
-        const auto start = Clock::now();
-        for (std::size_t i = 0; i < latency_messages; i++) {
-            std::this_thread::sleep_until(start + i * latency_period);
-            const std::string message = make_message(256, i);
-            sent[i] = Clock::now();
-            from.send(message);
-        }
-    });
-    for (std::size_t i = 0; i < latency_messages; i++) {
-        const std::size_t number = number_of(to.receive());
-        if (number != i)
-            fail("a message is lost or out of order");
-        result[i] = std::chrono::duration<double, std::micro>(Clock::now() - sent[i]).count();
-    }
-    sender.join();
-    std::sort(result.begin(), result.end());
     return result;
 }
 
-void report_delays(const std::string& name, const std::vector<double>& sorted) {
-    report(name + "_p50", sorted[sorted.size() / 2]);
-    report(name + "_p99", sorted[sorted.size() * 99 / 100]);
+void measure_throughput(Peer& local, Peer& service) {
+    for (const Load& load : loads) {
+        const std::string name = load.name;
+        report("up_" + name, carry(local, service, load));
+        report("down_" + name, carry(service, local, load));
+        double up = 0;
+        std::thread other([&] { up = carry(local, service, load); });
+        const double down = carry(service, local, load);
+        other.join();
+        report("both_up_" + name, up);
+        report("both_down_" + name, down);
+    }
+}
+
+void send_periodically(const std::function<void(const std::string&)>& send) {
+    const auto start = Clock::now();
+    for (std::size_t i = 0; i < delay_messages; i++) {
+        std::this_thread::sleep_until(start + i * delay_period);
+        send(make_message(delay_message_bytes));
+    }
+}
+
+Percentiles delays(Peer& from, Peer& to) {
+    std::vector<double> values;
+    std::thread sender(
+        [&] { send_periodically([&](const std::string& message) { from.send(message); }); });
+    while (values.size() < delay_messages)
+        values.push_back(delay_of(to.receive()));
+    sender.join();
+    return percentiles(values);
+}
+
+void report_delays(const std::string& name, const Percentiles& values) {
+    report(name + "_p50", values.p50);
+    report(name + "_p99", values.p99);
 }
 
 void measure_latency(Peer& local, Peer& service) {
-    std::vector<double> up;
+    Percentiles up{};
     std::thread other([&] { up = delays(local, service); });
-    const std::vector<double> down = delays(service, local);
+    const Percentiles down = delays(service, local);
     other.join();
     report_delays("up", up);
     report_delays("down", down);
@@ -150,7 +121,7 @@ int listen_and_tell() {
 
 // lumd tells its local side about the link first.
 void warm_up(Peer& local, Peer& service) {
-    const std::string message = make_message(64, 0);
+    const std::string message = make_message(end_bytes);
     service.send(message);
     while (local.receive() != message)
         continue;
@@ -158,66 +129,122 @@ void warm_up(Peer& local, Peer& service) {
     static_cast<void>(service.receive());
 }
 
-void measure(Peer& local, Peer& service, std::span<const Load> some) {
+void measure(Peer& local, Peer& service) {
     warm_up(local, service);
     measure_latency(local, service);
-    measure_throughput(local, service, some);
+    measure_throughput(local, service);
 }
 
 void measure_lumd(const std::string& socket_path) {
     const auto local = make_bus_module(socket_path, local_module, agent_module);
     const auto service = make_service(listen_and_tell());
-    measure(*local, *service, loads);
+    measure(*local, *service);
 }
 
 void measure_mqtt(int port, int websocket_port) {
     const auto local = make_mqtt_on_tcp(port);
     const auto service = make_mqtt_on_websocket(websocket_port);
-    // Messages of 64 KiB stall between the broker's websocket listener and this client.
-    measure(*local, *service, std::span(loads).first(1));
+    measure(*local, *service);
 }
 
-// The client sends as fast as it can messages of the size that the last message named, or
-// discards what comes; a pong says that it has read all.
-void measure_bare() {
-    Stream stream(Stream::accept_tcp(listen_and_tell()));
-    Websocket::accept_handshake(stream);
-    Websocket link(stream, false);
-    const auto discard = [&](const Load& load) {
-        const std::string message = make_message(load.bytes, 0);
-        for (std::size_t i = 0; i < load.messages; i++)
-            link.write(Websocket::TEXT, message);
-        link.write(Websocket::PING, "all");
-        while (link.read() != "all")
+// The bare client does what it is ordered in binary messages and discards all others; a pong says
+// that it has read all.
+class BareClient {
+  public:
+    BareClient() : stream_(Stream::accept_tcp(listen_and_tell())) {
+        Websocket::accept_handshake(stream_);
+    }
+
+    double send(const Load& load) {
+        const auto start = Clock::now();
+        order_messages(load);
+        std::size_t received = 0;
+        while (link_.read().size() == load.bytes)
+            received++;
+        return rate(received, start);
+    }
+
+    double discard(const Load& load) {
+        const auto start = Clock::now();
+        const std::size_t sent = push(load, start);
+        while (link_.read() != all)
             continue;
-    };
-    const auto order = [&](const Load& load) {
-        link.write(Websocket::BINARY,
-                   std::to_string(load.bytes) + " " + std::to_string(load.messages));
-    };
-    const auto take = [&](const Load& load) {
-        for (std::size_t i = 0; i < load.messages; i++)
-            static_cast<void>(link.read());
-    };
+        return rate(sent, start);
+    }
+
+    void both(const Load& load) {
+        const auto start = Clock::now();
+        std::size_t sent = 0;
+        order_messages(load);
+        std::thread other([&] { sent = push(load, start); });
+        std::size_t received = 0;
+        double up = 0;
+        Clock::time_point all_read{};
+        while (up == 0 || all_read == Clock::time_point{}) {
+            const std::string_view message = link_.read();
+            if (message == all)
+                all_read = Clock::now();
+            else if (message.size() == load.bytes)
+                received++;
+            else
+                up = rate(received, start, Clock::now());
+        }
+        other.join();
+        const std::string name = load.name;
+        report("both_up_" + name, up);
+        report("both_down_" + name, rate(sent, start, all_read));
+    }
+
+    void measure_latency() {
+        link_.write(Websocket::BINARY, "delays");
+        std::thread sender([&] {
+            send_periodically([&](const std::string& m) { link_.write(Websocket::TEXT, m); });
+        });
+        std::vector<double> values;
+        std::string answer;
+        while (values.size() < delay_messages || answer.empty()) {
+            const std::string_view message = link_.read();
+            if (message.size() == delay_message_bytes)
+                values.push_back(delay_of(message));
+            else
+                answer = message;
+        }
+        sender.join();
+        Percentiles down{};
+        std::sscanf(answer.c_str(), "%lf %lf", &down.p50, &down.p99);
+        report_delays("up", percentiles(values));
+        report_delays("down", down);
+    }
+
+  private:
+    static constexpr const char* all = "all";
+
+    void order_messages(const Load& load) {
+        link_.write(Websocket::BINARY, "send " + std::to_string(load.bytes) + " " +
+                                           std::to_string(sending_time.count()));
+    }
+
+    std::size_t push(const Load& load, Clock::time_point start) {
+        const std::string message = make_message(load.bytes);
+        std::size_t sent = 0;
+        for (; Clock::now() - start < sending_time; sent++)
+            link_.write(Websocket::TEXT, message);
+        link_.write(Websocket::PING, all);
+        return sent;
+    }
+
+    Stream stream_;
+    Websocket link_{stream_, false};
+};
+
+void measure_bare() {
+    BareClient client;
+    client.measure_latency();
     for (const Load& load : loads) {
         const std::string name = load.name;
-        report("up_" + name, best_rate(load, [&] {
-                   order(load);
-                   take(load);
-               }));
-        report("down_" + name, best_rate(load, [&] { discard(load); }));
-        report("both_" + name, best_rate(load, [&] {
-                   order(load);
-                   const std::string message = make_message(load.bytes, 0);
-                   std::thread other([&] {
-                       for (std::size_t i = 0; i < load.messages; i++)
-                           link.write(Websocket::TEXT, message);
-                       link.write(Websocket::PING, "all");
-                   });
-                   for (std::size_t left = load.messages + 1; left > 0; left--)
-                       static_cast<void>(link.read());
-                   other.join();
-               }));
+        report("up_" + name, client.send(load));
+        report("down_" + name, client.discard(load));
+        client.both(load);
     }
 }
 
