@@ -2,6 +2,7 @@
 import pytest
 
 from lumdtest.lab import Labs, ask, send_bytes
+from lumdtest.waiting import wait_until
 
 RECEIVED, REJECTED, UPDATE = "mac-list-received", "mac-list-rejected", "update-wids-mac-lists"
 MIB = 1024 * 1024
@@ -95,11 +96,16 @@ def test_a_hubd_that_is_gone_is_told_in_one_line_and_the_next_list_is_taken(star
     lab = start_lab(mode="wids", speed=1)
     lab.ap("daemon", name="hubd", action="stop")
     ask(lab, {"Name": "lab-list"}, RECEIVED)
+    wait_until(lambda: told(lab), "the agent tells of the lost list")  # after its acknowledgement
     lab.ap("daemon", name="hubd", action="start")
     since = lab.mark()
     ask(lab, {"Name": "lab-list"}, RECEIVED)
     lab.wait(UPDATE, since)
-    assert sum("Error: no response" in line for line in lab.log_lines()) == 1
+    assert len(told(lab)) == 1
+
+
+def told(lab):
+    return [line for line in lab.log_lines() if "Error: no response" in line]
 
 
 def test_lists_arrive_again_after_the_link_was_lost(start_lab):
