@@ -84,6 +84,7 @@ def test_a_changed_configuration(talk):
 def test_a_changed_configuration_with_clients(talk):
     lab, texts = talk
     lab.send({"cmd": "rrm-info", **CONFIG})
+    ask(lab, {"cmd": "rrm-request-mode"}, "rrm-mode-response")  # 802.11v is on
     lab.ap("station-remove", mac="02:00:00:00:01:01")
     lab.wait("rrm-client-disassoc")
     since = lab.mark()
