@@ -2,6 +2,8 @@
 
 #include <json-c/json.h>
 
+#include "text.h"
+
 namespace {
 
 // The value of `key`, borrowed; null also for a JSON null. Sets `found` when there is such a key.
@@ -74,5 +76,5 @@ bool json_reader::is_object() const {
 }
 
 const char* json_reader::serialize() const {
-    return json_object_to_json_string_ext(msg, JSON_C_TO_STRING_PLAIN);
+    return text_of(json_object_to_json_string_ext(msg, JSON_C_TO_STRING_PLAIN));
 }

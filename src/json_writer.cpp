@@ -4,9 +4,24 @@
 
 #include <utility>
 
+#include "lum_trace.h"
+#include "text.h"
+
+namespace {
+
+// Only memory can be missing. A message without the member goes its way, for what it lacks the
+// receiver takes as not told. An element of an array has no name.
+void report_lost(const char* member) {
+    trace.error("not enough memory for '%s' of a message\n", member != nullptr ? member : "[]");
+}
+
+}  // namespace
+
 json_writer::json_writer(const std::string& service, const std::string& cmd,
                          const std::string& ap_mac, const std::string& version)
     : obj(json_object_new_object()), is_array(false), parent(nullptr) {
+    if (fail())
+        report_lost(cmd.c_str());
     const std::pair<const char*, const std::string&> header[] = {
         {"version", version}, {"service", service}, {"cmd", cmd}, {"ap-mac", ap_mac}};
     for (const auto& [key, value] : header) {
@@ -19,12 +34,15 @@ json_writer::json_writer(bool array, const json_writer& parent_writer, const cha
     : obj(array ? json_object_new_array() : json_object_new_object()),
       is_array(array),
       parent(&parent_writer) {
-    const int result = parent_writer.fail() ? -1
-                       : parent_writer.is_array
-                           ? json_object_array_add(parent_writer.obj, obj)
-                           : json_object_object_add(parent_writer.obj, key, obj);
-    if (result != 0)
-        json_object_put(std::exchange(obj, nullptr));
+    if (obj != nullptr && !parent_writer.fail() && parent_writer.adopt(key, obj) == 0)
+        return;
+    if (!parent_writer.fail())
+        report_lost(key);
+    json_object_put(std::exchange(obj, nullptr));
+}
+
+int json_writer::adopt(const char* key, json_object* child) const {
+    return is_array ? json_object_array_add(obj, child) : json_object_object_add(obj, key, child);
 }
 
 json_writer::~json_writer() {
@@ -54,17 +72,23 @@ void json_writer::insert_int(const char* key, int value) {
 }
 
 void json_writer::insert(const char* key, json_object* value) {
-    if (fail() || value == nullptr) {
-        json_object_put(value);
+    if (!fail() && value != nullptr && put(key, value) == 0)
         return;
-    }
-    const int result = is_array
-                           ? json_object_array_put_idx(obj, static_cast<std::size_t>(idx++), value)
-                           : json_object_object_add(obj, key, value);
-    if (result != 0)
-        json_object_put(value);
+    if (!fail())
+        report_lost(key);
+    json_object_put(value);
+}
+
+int json_writer::put(const char* key, json_object* value) {
+    return is_array ? json_object_array_put_idx(obj, static_cast<std::size_t>(idx++), value)
+                    : json_object_object_add(obj, key, value);
 }
 
 const char* json_writer::serialize() const {
-    return json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
+    if (fail())
+        return "";
+    const char* text = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
+    if (text == nullptr)
+        report_lost("text");
+    return text_of(text);
 }

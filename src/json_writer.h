@@ -39,7 +39,7 @@ class json_writer {
     void insert_string(const char* key, const std::string& value);
     void insert_int(const char* key, int value);
 
-    // json-c's plain text form: no blanks. Belongs to the writer.
+    // json-c's plain text form: no blanks. Belongs to the writer. Empty without memory for it.
     [[nodiscard]] const char* serialize() const;
 
     // True when json-c had no memory for the object.
@@ -48,6 +48,9 @@ class json_writer {
   private:
     // Takes over `value`.
     void insert(const char* key, json_object* value);
+    // 0, and the child is this object's; otherwise it is still the caller's.
+    [[nodiscard]] int adopt(const char* key, json_object* child) const;
+    [[nodiscard]] int put(const char* key, json_object* value);
 
     json_object* obj;
     bool is_array;
