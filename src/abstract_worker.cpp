@@ -8,7 +8,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
 #include <utility>
+
+#include "lum_trace.h"
 
 abstract_worker::abstract_worker(const volatile bool& worker_run_flag, std::string worker_name,
                                  int worker_execute_delay, int worker_external_loop_delay)
@@ -64,7 +67,12 @@ void abstract_worker::disconnect() {
 }
 
 void abstract_worker::start_on_dedicated_thread() {
-    th = std::thread(&abstract_worker::func, this);
+    try {
+        th = std::thread(&abstract_worker::func, this);
+    } catch (const std::system_error& error) {
+        trace.error("Cannot start the thread of worker '%s': %s\n", name.c_str(), error.what());
+        std::exit(-1);
+    }
     started = true;
 }
 

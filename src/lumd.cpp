@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <system_error>
 #include <thread>
 
 #include "LockdepMutex.h"
@@ -80,7 +81,12 @@ void start_lock_checker() {
     if (std::getenv("VEXOR_LOCKDEP_DEBUG") == nullptr)
         return;
     LockdepStorage::lockdep_debug = true;
-    std::thread(vexor_lockdep_thread_func).detach();
+    try {
+        std::thread(vexor_lockdep_thread_func).detach();
+    } catch (const std::system_error& error) {  // the agent does its work without it
+        LockdepStorage::lockdep_debug = false;
+        logsink_message(SINK_ERROR, "Cannot start the lock checker: %s", error.what());
+    }
 }
 
 // mallopt(3). Only glibc has fast bins; freed memory then merges again on a small machine. The two
