@@ -30,7 +30,8 @@ constexpr seconds kSendStallLimit{10};
 // What may arrive while one frame waits to be sent: far more than a broker has for us by then.
 constexpr std::size_t kMaxQueuedWhileSending = std::size_t{64} * 1024 * 1024;
 
-// poll(2) for one descriptor until the deadline, signals ignored; the events, or 0.
+// poll(2) for one descriptor until the deadline, signals ignored; the events, or 0, also when the
+// kernel cannot wait.
 short await(int fd, short events, Connection::Clock::time_point deadline) {
     for (;;) {
         const auto left = ceil<milliseconds>(deadline - Connection::Clock::now()).count();
@@ -39,7 +40,7 @@ short await(int fd, short events, Connection::Clock::time_point deadline) {
         const int count = poll(&entry, 1, timeout);
         if (count > 0)
             return entry.revents;
-        if (count == 0 && timeout < INT_MAX)
+        if (count < 0 ? errno != EINTR : timeout < INT_MAX)
             return 0;
     }
 }
