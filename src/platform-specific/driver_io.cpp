@@ -50,11 +50,12 @@ std::string format_cut(std::size_t size, const char* format, ...) {
 }
 
 bool write_entry(const std::string& path, std::string_view text) {
-    const file_ptr file{std::fopen(path.c_str(), "w+")};
+    file_ptr file{std::fopen(path.c_str(), "w+")};
     if (!file)
         return false;
-    std::fwrite(text.data(), 1, text.size(), file.get());
-    return true;
+    const bool kept = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
+    // What the kernel says of the text comes with the write, which may be as late as this.
+    return std::fclose(file.release()) == 0 && kept;
 }
 
 pipe_ptr open_read_pipe(const std::string& command) {

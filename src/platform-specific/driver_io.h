@@ -30,7 +30,7 @@ inline constexpr std::size_t wpa_cli_command_size = 1024;
 [[nodiscard, gnu::format(printf, 2, 3)]] std::string format_cut(std::size_t size,
                                                                 const char* format, ...);
 
-// Writes one text to a procfs entry; false when it cannot be opened.
+// Writes one text to a procfs entry; false when it cannot be opened or does not take the text.
 [[nodiscard]] bool write_entry(const std::string& path, std::string_view text);
 
 // A child of popen(3); closing waits for its end.
