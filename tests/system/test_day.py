@@ -26,14 +26,14 @@ SPEED = int(os.environ.get("SOAK_SPEED", 60))
 SPEED_WHEN_NOTHING_HAPPENS = int(os.environ.get("SOAK_IDLE_SPEED", 1000))
 HOUR = 3600           # seconds of protocol time
 LINES_PER_IDLE_HOUR = 0
-LOOKS = 20            # the agent opens a socket for each command of a moment
+LOOKS = 10            # the agent opens a socket for each command of a moment
 GROWTH_KB = 8 * 1024
 # AddressSanitizer keeps freed memory for a while; that must not look like a leak.
 SMALL_QUARANTINE = {"ASAN_OPTIONS": "verify_asan_link_order=0:quarantine_size_mb=1"}
 CHANNELS = {0: [1, 6, 11], 1: [36, 44, 52, 100, 149]}
 RESULTS = "VEXOR_CMD_CUSTOM_SCAN_RESULTS"
 NO_ANSWER = re.compile(r"msgbus|Error: (path|no response|can't)|can't get value from|"
-                         r"invalid data from the store")
+                       r"cannot take  value|invalid data from the store")
 DRIVER_FAILS = re.compile(r"ioctl|scan|VEXOR|count|entries", re.IGNORECASE)
 HUBD_REFUSES = re.compile(r"Error: |Update Orvanta|update_orvanta", re.IGNORECASE)
 
@@ -207,8 +207,11 @@ class Office:
         process = f"/proc/{self.lab.lab.lumd.pid}"
         with open(f"{process}/status", encoding="ascii") as status:
             resident = int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
-        descriptors = min(len(os.listdir(f"{process}/fd")) for _ in range(LOOKS))
-        return resident, descriptors, len(os.listdir(f"{process}/task"))
+        descriptors = set()
+        for _ in range(LOOKS):
+            descriptors.add(len(os.listdir(f"{process}/fd")))
+            time.sleep(0.01)
+        return resident, min(descriptors), len(os.listdir(f"{process}/task"))
 
     # Hours
 
