@@ -65,6 +65,7 @@ stage_tidy() {
 
 stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
 stage_mips() { scripts/mips; }
+stage_faults() { scripts/faults; }
 stage_soak() { scripts/soak; }
 
 packages_of() {

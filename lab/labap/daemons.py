@@ -99,7 +99,7 @@ class Daemon:
         if answer is None or not self.running:
             return
         self._bus.answer(frame, answer)
-        what = answer.get("command") if isinstance(answer, dict) else "garbage"
+        what = answer.get("command", "message") if isinstance(answer, dict) else "garbage"
         self.journal.add(self.name, msgbus.NAMES.get(frame.src, str(frame.src)), what, answer)
 
     def _shaped(self, behaviour, message):

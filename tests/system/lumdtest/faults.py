@@ -76,13 +76,15 @@ class Symbols:
 
 
 def short(name):
-    """A function's name without its parameters and its anonymous namespace."""
-    name = name.replace("(anonymous namespace)::", "").replace("[abi:cxx11]", "")
-    name = re.sub(r"\{lambda\(.*?\)#\d+\}", "lambda", name)
-    name = re.sub(r"\(.*?\)(?= const| noexcept|::|$)", "", name)
-    while "<" in name and "operator<" not in name and (cut := re.sub(r"<[^<>]*>", "", name)) != name:
-        name = cut
-    return name.replace(" const", "").rpartition(" ")[2]
+    """A function's name without its result, its parameters and those of its templates."""
+    name = name.replace("(anonymous namespace)::", "").replace("operator()", "operator")
+    depth, kept = 0, []
+    for character in name.replace("->", ""):
+        depth += character in "<("
+        if depth == 0:
+            kept.append(character)
+        depth -= character in ">)"
+    return "".join(kept).replace(" const", "").replace("[abi:cxx11]", "").split(" ")[-1]
 
 
 def fallible_calls(program, library):

@@ -1,6 +1,7 @@
 """What the agent is asked to do while calls of its fail. Each operation tells in one word or two
 what came of it: DONE when all that belongs to it did."""
 import asyncio
+import json
 import signal
 import time
 
@@ -9,6 +10,8 @@ from .lab import CONFIG, LabError, ask
 from labservice.server import ServiceError
 
 DONE, NOTHING = "done", "not done"
+ENOUGH_TO_ROTATE = 5  # large messages, each dumped to a log of a mebibyte
+BURST = 100
 NO_LINK_PAUSE = 0.1  # real seconds
 MAC, SSID = "00:11:22:33:44:50", "office"
 
@@ -57,13 +60,13 @@ class Operations:
         return DONE if channels == {6, 36} else "incomplete" if channels else "empty"
 
     def channel_and_power(self):
-        first = self._next() % 2
-        for radio, channel in ((0, (1, 11)[first]), (1, (44, 100)[first])):
+        for number, radio in enumerate(self.lab.ap("status")["radios"]):
+            low, high = ((1, 11), (44, 100))[number]
+            channel, power = (high, 14) if radio["channel"] == low else (low, 12)
             since = self.lab.mark()
             self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": [
-                {"id": radio, "channel": channel, "power": (12, 14)[first]}]})
-            self._wait("update-orvanta", since, predicate=lambda event, wanted=channel:
-                       event["data"]["params"].get("channel") == str(wanted))
+                {"id": number, "channel": channel, "power": power}]})
+            self._wait("update-orvanta", since, data={"params": {"channel": str(channel)}})
             self._wait("rrm-config-changed", since)
 
     def neighbours(self):
@@ -141,16 +144,28 @@ class Operations:
         finally:
             self.lab.ap("hostapd", action="start")
         self._wait("rrm-config-changed", since)
+        return self.report()
 
     def link(self):
         since = self.lab.mark()
         self.lab.service("drop", hard=self._next() % 2 == 0)
         self._wait("subscribe-response", since)
+        return self.report()
 
     def large_messages(self):
         """Longer than one read, one write and one line of the log."""
         self.lab.send({"cmd": "rrm-info", **CONFIG, "radios": [], "padding": "x" * 300_000})
         return self.report()
+
+    def log(self):
+        """As many lines as make the log start a new file."""
+        path = self.lab.lab.lumd_log
+        before = _identity(path)
+        for _ in range(ENOUGH_TO_ROTATE):
+            self.large_messages()
+            if _identity(path) != before:
+                return self.report()
+        raise LabError("no new file")
 
     def bus(self):
         restart_broker(self.lab)
@@ -173,10 +188,42 @@ class Operations:
     # Portal and WIDS mode
 
     def relay(self):
+        """To the bus and back."""
+        self.lab.ap("portal-echo")
         text = {"number": self._next()}
         since = self.lab.mark()
-        self.lab.ap("portal-send", message=text)
-        self._wait("message", since, data=text)
+        self.lab.send(json.dumps(text))
+        self._wait("message", since, to="portal", data=text)
+        self._wait("message", since, to="service", data=text)
+
+    def burst(self):
+        """More messages at once than the link takes one by one."""
+        since = self.lab.mark()
+        texts = [{"number": self._next()} for _ in range(BURST)]
+
+        def send():
+            for text in texts:
+                self.lab.lab.ap.portal_send(text)
+
+        self.lab.do(send)
+        self._wait("message", since, to="service", data=texts[-1])
+
+    def bus_of_the_portal(self):
+        restart_broker(self.lab)
+        return self.relay_again()
+
+    def relay_again(self):
+        """The agent comes back to the bus in its own time."""
+        deadline = time.monotonic() + self.patience
+        while time.monotonic() < deadline:
+            since = self.lab.mark()
+            self.lab.send(json.dumps({"number": self._next()}))
+            try:
+                self.lab.wait("message", since, timeout=0.3, to="portal")
+                return self.relay()
+            except LabError:
+                continue
+        raise LabError("no relay")
 
     def connection(self):
         since = self.lab.mark()
@@ -196,10 +243,18 @@ class Operations:
         self._wait("mac-list-rejected", since)
 
 
+def _identity(path):
+    return path.stat().st_ino if path.exists() else None
+
+
+def _objects(radio, key):
+    return [item for item in radio.get(key) or [] if isinstance(item, dict)]
+
+
 def _told(radios):
     return [(radio.get("channel"), radio.get("power"), radio.get("status"),
-             {client.get("mac"): client.get("rssi") for client in radio.get("assoclist", [])},
-             [vap.get("ssid") for vap in radio.get("vaps", [])]) for radio in radios]
+             {client.get("mac"): client.get("rssi") for client in _objects(radio, "assoclist")},
+             [vap.get("ssid") for vap in _objects(radio, "vaps")]) for radio in radios if isinstance(radio, dict)]
 
 
 def _real(radios):
