@@ -67,7 +67,7 @@ def test_a_list_of_a_mebibyte_passes_whole(lab):
 
 
 def test_the_acknowledgement_does_not_wait_for_hubd(lab):
-    lab.ap("daemon", name="hubd", delay=3)
+    lab.ap("daemon", name="hubd", delay=15)
     since = lab.mark()
     ask(lab, {"Name": "lab-list"}, RECEIVED)
     lab.wait(f"{UPDATE}-response", since)

@@ -306,6 +306,12 @@ TEST_F(ConfigurationTest, FastTransitionLooksAtTheSecurityModeBeforeItsOwnValue)
                                             "/interface/wlan1-vap2/vap/ap-security/mode"));
 }
 
+TEST_F(ConfigurationTest, FastTransitionIsOffWithoutAValueAndTheModeIsNotAskedFor) {
+    vaultd.set("/interface/wlan1-vap2/vap/ap-security/mode", "WPA2_PSK");
+    EXPECT_FALSE(helper.is_fbt_enabled(1, 2));
+    EXPECT_THAT(vaultd.paths(), ElementsAre("/interface/wlan1-vap2/vap/ft-config/enabled"));
+}
+
 TEST_F(IpcHelperTest, FastTransitionAsksTheDerivedClassAboutTheSecurityMode) {
     class open_vaps : public helper_under_test {
       public:

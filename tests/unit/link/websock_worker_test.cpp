@@ -171,6 +171,7 @@ TEST_P(InternalMessage, IsKnownByItsServiceAlone) {
 INSTANTIATE_TEST_SUITE_P(
     Texts, InternalMessage,
     testing::Values(internal_case{"", false, {}}, internal_case{"no json", false, {}},
+                    internal_case{R"({"service":"internal-ipc")", false, {}},
                     internal_case{"{", false, {}}, internal_case{"[1,2]", false, {}},
                     internal_case{"17", false, {}}, internal_case{"null", false, {}},
                     internal_case{"{}", false, {}},
