@@ -307,8 +307,8 @@ int websock_worker::process_client_receive_pong() {
 
 // The library keeps the unsent rest of one write only: a further write on top of it would break
 // the stream, so each asks first. The rest goes out in the next callback. With nothing left to
-// send execute() asks again in its time; at once would mean a busy loop, for a socket is nearly
-// always writable.
+// send execute() asks again once there is something to do; to ask at once would mean a busy loop,
+// for a socket is nearly always writable.
 int websock_worker::process_client_writeable(lws* wsi) {
     send_due_ping(wsi);
     const auto send = [this, wsi](const buffer_info_ptr& buffer) {
