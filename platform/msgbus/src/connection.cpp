@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 
 #include "logsink.h"
 
@@ -178,8 +179,12 @@ bool Connection::send(message_header_s header, std::span<const std::uint8_t> pay
 bool Connection::send_later(message_header_s header, std::span<const std::uint8_t> payload) {
     if (payload.size() > kLongestGathered)
         return send(header, payload);
+    try {
+        unsent_.reserve(kMaxGathered);
+    } catch (const std::bad_alloc&) {  // no call of this library throws
+        return send(header, payload);
+    }
     header.len = static_cast<std::uint32_t>(payload.size());
-    unsent_.reserve(kMaxGathered);
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&header);
     unsent_.insert(unsent_.end(), bytes, bytes + sizeof header);
     unsent_.insert(unsent_.end(), payload.begin(), payload.end());

@@ -144,6 +144,7 @@ void msgbus_set_module_loop(msgbus_context* ctx, int run) {
 }
 
 int msgbus_get_module_loop(msgbus_context* ctx) {
+    ctx->just_looked = false;
     if (ctx->run && !ctx->connection.has_frames()) {
         ctx->connection.fill();
         ctx->just_looked = !ctx->connection.has_frames();
@@ -152,6 +153,7 @@ int msgbus_get_module_loop(msgbus_context* ctx) {
 }
 
 void msgbus_peer_start(msgbus_context* ctx) {
+    ctx->just_looked = false;
     ctx->connection.discard();
     if (!ctx->connection.connected()) {
         ctx->awaited = 0;
@@ -194,6 +196,7 @@ void msgbus_send_answer(msgbus_context* ctx, const message_s* request, const voi
 
 cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
                                  int timeout) {
+    ctx->just_looked = false;
     msgbus_flush(ctx);
     const auto deadline = Connection::Clock::now() + std::chrono::seconds{timeout};
     Tree answer = command ? await_answer(*ctx, command, deadline) : nullptr;
