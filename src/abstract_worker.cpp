@@ -11,6 +11,8 @@
 #include <system_error>
 #include <utility>
 
+#include "logsink.h"
+
 abstract_worker::abstract_worker(const volatile bool& worker_run_flag, std::string worker_name,
                                  int worker_execute_delay, int worker_external_loop_delay)
     : run_flag(worker_run_flag),
@@ -68,7 +70,8 @@ void abstract_worker::start_on_dedicated_thread() {
     try {
         th = std::thread(&abstract_worker::func, this);
     } catch (const std::system_error& error) {
-        std::printf("Cannot start the thread of worker '%s': %s\n", name.c_str(), error.what());
+        logsink_message(SINK_ERROR, "Cannot start the thread of worker '%s': %s", name.c_str(),
+                        error.what());
         std::exit(-1);
     }
     started = true;

@@ -6,7 +6,8 @@
  * in local time, one line per message: a line feed at the end of the text is not doubled, a line
  * feed inside it becomes a blank. The file is rotated at
  * LOGSINK_ROTATE_BYTES to FILE.1, FILE.2, ..., FILE.<LOGSINK_KEPT_FILES>. A file that cannot be
- * written is reported once to syslog and never stops the caller: each later line tries again.
+ * written is reported to syslog, once until it has been written again, and never stops the caller:
+ * each later line tries again.
  *
  * Threads: every operation may be called from any thread; lines are never torn.
  */

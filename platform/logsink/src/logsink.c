@@ -25,7 +25,7 @@ static struct {
     char path[PATH_MAX];
     int fd; /* of the file at `path`, or -1 */
     off_t size;
-    bool failure_reported; /* since the file was set */
+    bool failure_reported; /* since the file was set, or written last */
 } sink = {.mutex = PTHREAD_MUTEX_INITIALIZER, .fd = -1};
 
 static const struct severity {
@@ -132,7 +132,9 @@ static void append_line(const struct severity* severity, char* text, size_t len)
         return;
     if (sink.size > 0 && sink.size + (off_t)total > LOGSINK_ROTATE_BYTES && !rotate_file())
         return;
-    if (!write_all(text, total))
+    if (write_all(text, total))
+        sink.failure_reported = false;
+    else
         report_file_failure("write");
 }
 

@@ -23,6 +23,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
+using testing::StartsWith;
 
 class Logsink : public testing::Test {
   protected:
@@ -184,6 +185,21 @@ TEST_F(Logsink, WritesAgainWhenTheFileHasBecomeWritable) {
     std::filesystem::create_directory(directory / "late");
     logsink_message(SINK_INFO, "two");
     EXPECT_THAT(lines("late/log"), ElementsAre(HasSubstr("info: two")));
+}
+
+TEST_F(Logsink, ReportsTheNextFailureOfAFileThatWasWrittenInBetween) {
+    logsink_set_file((directory / "late/log").c_str());
+    logsink_message(SINK_INFO, "one");
+    std::filesystem::create_directory(directory / "late");
+    logsink_message(SINK_INFO, "two");
+    std::filesystem::create_directories(directory / "late/log.1/inside");
+    std::filesystem::create_directories(directory / "late/log.2/inside");
+    directory.write("late/log.3", "");
+    take_syslog();
+    logsink_message(SINK_INFO, "%s", std::string(LOGSINK_ROTATE_BYTES, 'x').c_str());
+    const std::vector<SyslogLine> sent = take_syslog();
+    ASSERT_THAT(sent, SizeIs(2));
+    EXPECT_THAT(sent[1].text, StartsWith("cannot rotate log file"));
 }
 
 TEST_F(Logsink, ReportsAFileThatCannotBeRotatedAndGoesOn) {
