@@ -2,9 +2,9 @@
 #include <memory>
 
 #include "input.h"
-#include "json_reader.h"
 #include "live_driver.h"
 #include "quiet.h"
+#include "report.h"
 #include "safe_queue.h"
 #include "wids_worker.h"
 
@@ -22,9 +22,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         from_service.enqueue(message);
         worker.execute();
     }
-    while (to_service.dequeue([](const buffer_info_ptr& reply) {
-        fuzz::require(json_reader{reply->text().c_str()}.is_object());
-    })) {
-    }
+    fuzz::check_reports(to_service);
     return 0;
 }

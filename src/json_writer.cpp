@@ -2,6 +2,9 @@
 
 #include <json-c/json.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 #include "lum_trace.h"
@@ -13,6 +16,46 @@ namespace {
 // receiver takes as not told. An element of an array has no name.
 void report_lost(const char* member) {
     trace.error("not enough memory for '%s' of a message\n", member != nullptr ? member : "[]");
+}
+
+// The bytes of the character that `text` begins with, 0 where none begins (RFC 3629, section 4).
+std::size_t utf8_length(std::string_view text) {
+    const auto byte = [text](std::size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+    };
+    const unsigned lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    if (lead < 0xC2 || lead > 0xF4)
+        return 0;
+    // Neither longer than needed nor a surrogate nor beyond U+10FFFF.
+    const unsigned least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (byte(1) < least || byte(1) > most)
+        return 0;
+    const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    for (std::size_t i = 2; i < length; i++)
+        if ((byte(i) & 0xC0U) != 0x80)
+            return 0;
+    return length;
+}
+
+std::string to_utf8(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        result += length == 0 ? "\uFFFD" : text.substr(0, length);
+        text.remove_prefix(std::max(length, std::size_t{1}));
+    }
+    return result;
+}
+
+json_object* new_string(std::string_view text) {
+    const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    std::string utf8;
+    if (!std::all_of(text.begin(), text.end(), is_ascii))
+        text = utf8 = to_utf8(text);
+    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
 }
 
 }  // namespace
@@ -60,11 +103,11 @@ json_writer json_writer::make_array(const char* key) const {
 
 void json_writer::insert_string(const char* key, const char* value) {
     if (value != nullptr)
-        insert(key, json_object_new_string(value));
+        insert(key, new_string(value));
 }
 
 void json_writer::insert_string(const char* key, const std::string& value) {
-    insert(key, json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+    insert(key, new_string(value));
 }
 
 void json_writer::insert_int(const char* key, int value) {

@@ -3,9 +3,8 @@
 #include <memory>
 
 #include "clock.h"
-#include "input.h"
-#include "json_reader.h"
 #include "live_driver.h"
+#include "report.h"
 
 namespace {
 
@@ -45,7 +44,7 @@ void RrmSession::bus_sends(std::string_view text) {
 
 void RrmSession::pass() {
     worker_.execute();
-    check_reports();
+    fuzz::check_reports(to_websocket_);
 }
 
 void RrmSession::turn() {
@@ -58,7 +57,7 @@ void RrmSession::turn() {
         return;
     }
     worker_.__disconnect();
-    check_reports();
+    fuzz::check_reports(to_websocket_);
     connected_ = false;
 }
 
@@ -69,12 +68,5 @@ void RrmSession::let_time_pass() {
     for (int i = 0; i < steps; ++i) {
         fuzz::advance_clock(step);
         pass();
-    }
-}
-
-void RrmSession::check_reports() {
-    while (to_websocket_.dequeue([](const buffer_info_ptr& report) {
-        fuzz::require(json_reader{report->text().c_str()}.is_object());
-    })) {
     }
 }

@@ -30,8 +30,6 @@ class RrmSession {
     void let_time_pass();
 
   private:
-    void check_reports();
-
     safe_queue from_websocket_;
     safe_queue to_websocket_;
     safe_queue from_ipc_;

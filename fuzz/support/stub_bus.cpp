@@ -25,7 +25,7 @@ constexpr std::array settings = {
     Setting{"-va0/common/enabled", "true"},
     Setting{"-va1/common/enabled", "true"},
     Setting{"-va0/vap/ssid", "home"},
-    Setting{"-va1/vap/ssid", R"(gu\"e\nst)"},  // an SSID is any octets
+    Setting{"-va1/vap/ssid", "gu\\\"\xE9\\nst"},  // an SSID is any octets
     Setting{"/vap/w80211kv-config/enabled", "true"},
     Setting{"/vap/ft-config/enabled", "true"},
     Setting{"-va0/vap/ap-security/mode", "WPA2"},

@@ -14,7 +14,8 @@ namespace stub_bus {
 using Daemon = std::function<std::optional<std::string>(std::string_view request)>;
 
 // Who answers from now on; at first a configuration store with two VAPs per radio, "home" and
-// one with a quotation mark and a line end, and a network manager that agrees to everything.
+// one with a quotation mark, a line end and a byte that is no UTF-8, and a network manager that
+// agrees to everything.
 void serve(Daemon daemon);
 std::optional<std::string> agreeable(std::string_view request);
 

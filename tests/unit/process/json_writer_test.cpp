@@ -21,6 +21,36 @@ TEST(JsonWriter, LeavesEmptyHeaderTextsOut) {
     EXPECT_STREQ(json_writer("", "", "", "").serialize(), "{}");
 }
 
+// The text as a service finds it in a message.
+std::string as_received(const std::string& text) {
+    json_writer writer{"", "", "", ""};
+    writer.insert_string("", text);
+    const std::string message = writer.serialize();
+    return message.substr(5, message.size() - 7);  // without {"":" and "}
+}
+
+TEST(JsonWriter, KeepsTextsOfAnyScript) {
+    // The first and the last character of each length, and the neighbours of the surrogates.
+    for (const char* text : {"caf\u00e9", "\x7F", "\u0080", "\u07FF", "\u0800", "\uD7FF", "\uE000",
+                             "\uFFFF", "\U00010000", "\U0010FFFF"})
+        EXPECT_EQ(as_received(text), text);
+}
+
+TEST(JsonWriter, ReplacesEachByteThatIsNoUtf8) {
+    EXPECT_EQ(as_received("caf\xE9 1"), "caf\uFFFD 1");
+    EXPECT_EQ(as_received("\xC3\xA9\xA9"), "\u00e9\uFFFD");
+    for (const char* one : {"\x80", "\xBF", "\xC2", "\xE2", "\xF0", "\xF5", "\xFF"}) {
+        EXPECT_EQ(as_received(one), "\uFFFD");
+        EXPECT_EQ(as_received(one + std::string("x")), "\uFFFDx");
+    }
+    for (const char* two : {"\xC0\x80", "\xC1\xBF", "\xE2\x82", "\xF0\x9F"})
+        EXPECT_EQ(as_received(two), "\uFFFD\uFFFD");
+    for (const char* three : {"\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x9F\x98"})
+        EXPECT_EQ(as_received(three), "\uFFFD\uFFFD\uFFFD");
+    for (const char* four : {"\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80"})
+        EXPECT_EQ(as_received(four), "\uFFFD\uFFFD\uFFFD\uFFFD");
+}
+
 class JsonWriterTest : public testing::Test {
   protected:
     json_writer writer{"", "", "", ""};
