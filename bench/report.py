@@ -225,21 +225,30 @@ def send_largest(lab, mode):
     lab.send({"cmd": "fbt-info" if mode == "rrm" else "unknown", "vaps": [vap] * count})
 
 
+def cost(pid, seconds):
+    """Milliseconds of CPU time a minute and wake-ups a second."""
+    before = totals(pid)
+    time.sleep(seconds)
+    cpu, wakes = [after - first for after, first in zip(totals(pid), before)]
+    return cpu * 60 / seconds, wakes / seconds
+
+
 def run_idle(seconds):
-    print(f"\nIdle over {seconds:g} s: ms of CPU time a minute, wake-ups a second, KiB resident and "
-          "private, private after a message of 5 MiB")
-    for mode in ("rrm", "portal", "wids"):
-        with running_lab("office", mode=mode, config=["log_level=1"]) as lab:
+    print(f"\nIdle over {seconds:g} s: ms of CPU time a minute, how many times that of as many "
+          "threads that only wait,\nwake-ups a second, KiB resident and private, private after a "
+          "message of 5 MiB")
+    for mode, workers in (("rrm", 3), ("portal", 2), ("wids", 2)):
+        with running_lab("office", mode=mode, config=["log_level=1"]) as lab, \
+                program(BIN / "bench_waits", workers) as waits:
             lab.wait_subscribed() if mode == "rrm" else lab.wait("connected")
             lab.settle()
             pid = lab.lab.lumd.pid
-            before = totals(pid)
-            time.sleep(seconds)
-            cpu, wakes = [after - first for after, first in zip(totals(pid), before)]
+            cpu, wakes = cost(pid, seconds)
+            least, _ = cost(waits.pid, seconds)
             resident, private = memory(pid)
             send_largest(lab, mode)
             time.sleep(3)
-            line(mode, f"{cpu * 60 / seconds:.1f}", f"{wakes / seconds:.1f}", resident, private,
+            line(mode, f"{cpu:.1f}", ratio(cpu, least), f"{wakes:.1f}", resident, private,
                  memory(pid)[1])
 
 

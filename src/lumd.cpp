@@ -91,13 +91,15 @@ void start_lock_checker() {
 
 // mallopt(3). Only glibc has fast bins; freed memory then merges again on a small machine. The two
 // thresholds rise with the largest piece ever freed unless they are set, and then a large message
-// would go on costing what it took.
+// would go on costing what it took. A message passes from thread to thread: with a heap for each of
+// them it would leave its holes in several.
 void keep_heap_small() {
 #ifdef M_MXFAST
     constexpr int threshold = 256 * 1024;  // bytes
     mallopt(M_MXFAST, 0);
     mallopt(M_MMAP_THRESHOLD, threshold);
     mallopt(M_TRIM_THRESHOLD, threshold);
+    mallopt(M_ARENA_MAX, 1);
 #endif
 }
 
