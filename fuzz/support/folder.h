@@ -1,4 +1,4 @@
-// Folder: a folder of the process's own, in memory where there is such a place, removed at its end.
+// Folder: a folder of the process's own below $TMPDIR, removed at its end.
 #ifndef FUZZ_FOLDER_H
 #define FUZZ_FOLDER_H
 
@@ -12,8 +12,7 @@ namespace fuzz {
 
 class Folder {
   public:
-    Folder() : path_(std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp") {
-        path_ += "/lumd-fuzz-XXXXXX";
+    Folder() : path_(std::filesystem::temp_directory_path() / "lumd-fuzz-XXXXXX") {
         require(mkdtemp(path_.data()) != nullptr);
     }
     Folder(const Folder&) = delete;
