@@ -128,8 +128,6 @@ int json_writer::put(const char* key, json_object* value) {
 }
 
 const char* json_writer::serialize() const {
-    if (fail())
-        return "";
     const char* text = json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN);
     if (text == nullptr)
         report_lost("text");

@@ -41,7 +41,8 @@ class json_writer {
     void insert_string(const char* key, const std::string& value);
     void insert_int(const char* key, int value);
 
-    // json-c's plain text form: no blanks. Belongs to the writer. Empty without memory for it.
+    // json-c's plain text form: no blanks; "null" after fail(). Belongs to the writer. Empty
+    // without memory for it.
     [[nodiscard]] const char* serialize() const;
 
     // True when json-c had no memory for the object.

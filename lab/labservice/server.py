@@ -101,7 +101,7 @@ class Service:
         try:
             async for text in link:
                 await self._receive(link, text)
-        except websockets.ConnectionClosed:
+        except (websockets.ConnectionClosed, ServiceError):
             pass
         finally:
             self.links.remove(link)
@@ -143,7 +143,8 @@ class Service:
         return next(iter(self.aps.values()))
 
     async def send(self, message, link=None, pieces=1):
-        """Sends a text as it is, or an object with the header filled in where it has none."""
+        """Sends a text as it is, or an object with the header filled in where it has none.
+        ServiceError when nobody is there, or no longer."""
         link = link or (self.links[-1] if self.links else None)
         if link is None:
             raise ServiceError("no access point is connected")
@@ -155,7 +156,10 @@ class Service:
         self.journal.add("service", "lumd", what, message)
         size = -(-len(text) // max(pieces, 1)) or 1
         parts = [text[at:at + size] for at in range(0, len(text), size)] or [""]
-        await link.send(parts if len(parts) > 1 else parts[0])
+        try:
+            await link.send(parts if len(parts) > 1 else parts[0])
+        except websockets.ConnectionClosed as lost:
+            raise ServiceError("the access point has just gone") from lost
 
     async def drop(self, hard=False):
         """Closes every connection; `hard` without a Close frame."""

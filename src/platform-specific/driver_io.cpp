@@ -53,9 +53,12 @@ bool write_entry(const std::string& path, std::string_view text) {
     file_ptr file{std::fopen(path.c_str(), "w+")};
     if (!file)
         return false;
-    const bool kept = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
+    const bool taken = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
     // What the kernel says of the text comes with the write, which may be as late as this.
-    return std::fclose(file.release()) == 0 && kept;
+    const bool closed = std::fclose(file.release()) == 0;
+    if (!taken || !closed)
+        trace.error("<%s:%d> cannot write procfs entry(%s)\n", __func__, __LINE__, path.c_str());
+    return true;
 }
 
 pipe_ptr open_read_pipe(const std::string& command) {

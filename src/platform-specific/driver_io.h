@@ -30,7 +30,8 @@ inline constexpr std::size_t wpa_cli_command_size = 1024;
 [[nodiscard, gnu::format(printf, 2, 3)]] std::string format_cut(std::size_t size,
                                                                 const char* format, ...);
 
-// Writes one text to a procfs entry; false when it cannot be opened or does not take the text.
+// Writes one text to a procfs entry; false when it cannot be opened. One that does not take the
+// text is an error line and no failure: a driver may take a command and say otherwise.
 [[nodiscard]] bool write_entry(const std::string& path, std::string_view text);
 
 // A child of popen(3); closing waits for its end.

@@ -21,7 +21,7 @@ from labap import scenario as scenarios  # noqa: E402
 from labap.accesspoint import AccessPoint  # noqa: E402
 from labservice import checker, tables  # noqa: E402
 from labservice.model import ApModel  # noqa: E402
-from labservice.server import Service  # noqa: E402
+from labservice.server import Service, ServiceError, until  # noqa: E402
 
 ORDERS = pytest.mark.parametrize("order", ["<", ">"])
 
@@ -518,6 +518,23 @@ def test_the_service_answers_a_subscription_and_counts_complaints():
     assert list(second)[:5] == ["version", "service", "cmd", "ap-mac", "status"]
     assert service.ap().mac == "00:11:22:33:44:50"
     assert len(service.complaints) == 1
+
+
+def test_the_service_refuses_to_send_to_an_access_point_that_has_just_gone():
+    async def talk():
+        service = Service()
+        await service.start()
+        url = f"ws://127.0.0.1:{service.port}/agent"
+        async with websockets.connect(url, subprotocols=["websock-rrm"]):
+            await until(lambda: service.links)
+            link = service.links[0]
+            link.transport.abort()
+            await link.wait_closed()
+            with pytest.raises(ServiceError, match="gone"):
+                await service.send({"cmd": "rrm-info"}, link)
+        await service.stop()
+
+    run(talk())
 
 
 def test_waiting_for_an_event_ends_with_none_in_bounded_time():

@@ -122,8 +122,8 @@ void msgbus_send_later(msgbus_context* ctx, const void* data, uint8_t dst, size_
  * context. */
 void msgbus_flush(msgbus_context* ctx);
 
-/* The same as msgbus_send() as an answer to `request`: to its sender and under its message number.
- */
+/* The same as msgbus_send() as an answer to `request`: to its sender and under its message
+ * number. */
 void msgbus_send_answer(msgbus_context* ctx, const struct message_s* request, const void* data,
                         size_t len);
 

@@ -10,6 +10,7 @@ namespace call_faults {
 
 std::atomic<int> socket_error{0};
 std::atomic<int> popen_error{0};
+std::atomic<int> fwrite_error{0};
 std::atomic<int> memory_error{0};
 
 }  // namespace call_faults
@@ -30,6 +31,15 @@ extern "C" FILE* popen(const char* command, const char* mode) {
     }
     return reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "popen"))(command,
                                                                                             mode);
+}
+
+extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t count, FILE* file) {
+    if (const int error = call_faults::fwrite_error) {
+        errno = error;
+        return 0;
+    }
+    return reinterpret_cast<std::size_t (*)(const void*, std::size_t, std::size_t, FILE*)>(
+        dlsym(RTLD_NEXT, "fwrite"))(data, size, count, file);
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {

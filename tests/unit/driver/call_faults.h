@@ -11,6 +11,7 @@ namespace call_faults {
 // errno to fail with; 0 lets the call through.
 extern std::atomic<int> socket_error;
 extern std::atomic<int> popen_error;
+extern std::atomic<int> fwrite_error;
 extern std::atomic<int> memory_error;  // of new (std::nothrow) T[n]
 
 class Fault {
@@ -29,6 +30,9 @@ struct NoSocket : Fault {
 };
 struct NoPipe : Fault {
     NoPipe() : Fault(popen_error, EMFILE) {}
+};
+struct NoRoom : Fault {
+    NoRoom() : Fault(fwrite_error, ENOSPC) {}
 };
 struct NoMemory : Fault {
     NoMemory() : Fault(memory_error, ENOMEM) {}

@@ -4,6 +4,7 @@
 
 namespace {
 
+using call_faults::NoRoom;
 using call_faults::NoSocket;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -227,6 +228,15 @@ TEST_F(Rtl8192cdTest, RefusesAnSsidThatWouldBeginAnotherCommand) {
     EXPECT_EQ(add_neighbour(6, 0, "net\rdelall"), -1);
     EXPECT_THAT(kernel.writes(), IsEmpty());
     EXPECT_EQ(errors(), 2);
+}
+
+TEST_F(Rtl8192cdTest, AnEntryThatDoesNotTakeANeighbourIsAnErrorLineAndNoFailure) {
+    const NoRoom no_room;
+    EXPECT_EQ(add_neighbour(6, 0), 0);
+    EXPECT_EQ(logged(R"(error: <write_entry:\d+> cannot write procfs entry)"
+                     R"(\(/proc/wlan0/rm_neighbor_report\))"),
+              1);
+    EXPECT_EQ(logged("Error rrm_nbr_add_nbr"), 0);
 }
 
 TEST_F(Rtl8192cdTest, MentionsALostNeighbourAtDebugLevel) {
