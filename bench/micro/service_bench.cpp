@@ -197,7 +197,7 @@ class AnsweringKernel : public lab::Kernel {
         entry.signal = -61;
         entry.tx_power = 68;
         entry.chanspec = 0xD028;  // channel 40 at 5 GHz, 20 MHz
-        std::memcpy(answer_.data() + vexor_scan_entries::offset +
+        std::memcpy(answer_.data() + scan_result_s::aps::offset +
                         static_cast<std::size_t>(number) * sizeof entry,
                     &entry, sizeof entry);
     }

@@ -40,7 +40,7 @@ void no_filler(vexor_command&, int, unsigned) {}
 void no_parser() {}
 
 void fill_capacity(vexor_command& record, int factor, unsigned size) {
-    record.scan_result.size = vexor_scan_entries::capacity(factor, size);
+    record.scan_result.size = scan_result_s::aps::capacity(factor, size);
 }
 
 // Channels as the record carries them, ascending. Left out is what does not fit 16 bits and what
@@ -48,7 +48,7 @@ void fill_capacity(vexor_command& record, int factor, unsigned size) {
 std::vector<std::uint16_t> scan_channels(const std::set<unsigned>& channels) {
     std::vector<std::uint16_t> result;
     for (const unsigned channel : channels)
-        if (channel <= UINT16_MAX && result.size() < vexor_scan_channels::room)
+        if (channel <= UINT16_MAX && result.size() < vexor_custom_scan_s::channels::room)
             result.push_back(static_cast<std::uint16_t>(channel));
     return result;
 }
@@ -64,10 +64,10 @@ std::uint16_t held(std::uint32_t reported, const char* function) {
 
 void append(ap_table& table, const vexor_command& answer, const driver_realtek& drv, scan_kind kind,
             const char* function) {
-    const std::uint16_t count = held<vexor_scan_entries>(answer.scan_result.size, function);
+    const std::uint16_t count = held<scan_result_s::aps>(answer.scan_result.size, function);
     table.reserve(table.size() + count);
     for (std::uint16_t i = 0; i < count; ++i)
-        table.push_back(scan_result_entry{drv, vexor_scan_entries::at(&answer, i), kind});
+        table.push_back(scan_result_entry{drv, scan_result_s::aps::at(&answer, i), kind});
 }
 
 }  // namespace
@@ -114,8 +114,7 @@ void realtek_ioctl_ops::reset() {
 
 int realtek_ioctl_ops::issue(unsigned long number, void* data, std::size_t length) {
     std::memset(&request.u, 0, sizeof request.u);
-    request.u.data.pointer = data;
-    request.u.data.length = static_cast<std::uint16_t>(length);
+    request.u.data = iw_point{data, static_cast<std::uint16_t>(length), 0};
     return ioctl(fd, number, &request);
 }
 
@@ -157,7 +156,7 @@ int realtek_ioctl_ops::start_scan(const std::set<unsigned>& channels) {
     const auto filler = [&list](vexor_command& record, int, unsigned) {
         auto* const bytes = reinterpret_cast<std::byte*>(&record);
         if (!list.empty())
-            std::memcpy(bytes + vexor_scan_channels::offset, list.data(),
+            std::memcpy(bytes + vexor_custom_scan_s::channels::offset, list.data(),
                         list.size() * sizeof list.front());
         record.custom_scan.count = static_cast<std::uint32_t>(list.size());
     };
@@ -220,7 +219,7 @@ int realtek_ioctl_ops::stop_rrm_scan(const std::string& ifname) {
 
 int realtek_ioctl_ops::get_available_channels(std::set<unsigned>& channels) {
     const auto filler = [](vexor_command& record, int factor, unsigned size) {
-        record.array.size = vexor_channel_numbers::capacity(factor, size);
+        record.array.size = array_s::array::capacity(factor, size);
     };
     return execute(VEXOR_CMD_GET_AVAILABLE_CHANNELS, filler,
                    [&] { parse_available_channels(channels); });
@@ -231,16 +230,16 @@ void realtek_ioctl_ops::parse_available_channels(std::set<unsigned>& channels) c
         trace.error("<%s:%d> available channels data are absent\n", __func__, __LINE__);
         return;
     }
-    const std::uint16_t count = held<vexor_channel_numbers>(answer().array.size, __func__);
+    const std::uint16_t count = held<array_s::array>(answer().array.size, __func__);
     for (std::uint16_t i = 0; i < count; ++i)
-        channels.insert(static_cast<unsigned>(vexor_channel_numbers::at(&answer(), i)));
+        channels.insert(static_cast<unsigned>(array_s::array::at(&answer(), i)));
 }
 
 // --- stations ---
 
 int realtek_ioctl_ops::get_assoc_sta(std::vector<rrm_sta_realtek>& stations) {
     const auto filler = [](vexor_command& record, int factor, unsigned size) {
-        record.assoc_stas.size = vexor_station_entries::capacity(factor, size);
+        record.assoc_stas.size = assoc_stas_s::stas::capacity(factor, size);
     };
     return execute(VEXOR_CMD_GET_ASSOC_STAS, filler, [&] { parse_assoc_sta(stations); });
 }
@@ -250,10 +249,10 @@ void realtek_ioctl_ops::parse_assoc_sta(std::vector<rrm_sta_realtek>& stations) 
         trace.info("<%s:%d> associated clients are absent\n", __func__, __LINE__);
         return;
     }
-    const std::uint16_t count = held<vexor_station_entries>(answer().assoc_stas.size, __func__);
+    const std::uint16_t count = held<assoc_stas_s::stas>(answer().assoc_stas.size, __func__);
     stations.reserve(stations.size() + count);
     for (std::uint16_t i = 0; i < count; ++i) {
-        const sta_info_s entry = vexor_station_entries::at(&answer(), i);
+        const sta_info_s entry = assoc_stas_s::stas::at(&answer(), i);
         const auto& m = entry.mac;
         trace.debug("mac == %02x:%02x:%02x:%02x:%02x:%02x\n", m[0], m[1], m[2], m[3], m[4], m[5]);
         stations.emplace_back(entry);
@@ -274,8 +273,7 @@ int realtek_ioctl_ops::send_bsstrans_request(const std::string& ifname, const ch
     libhubd::MacAddr::bytes_type bytes = address.bytes();
     iwreq wrq{};
     ifname.copy(wrq.ifr_ifrn.ifrn_name, sizeof wrq.ifr_ifrn.ifrn_name);
-    wrq.u.data.pointer = bytes.data();
-    wrq.u.data.length = bytes.size();
+    wrq.u.data = iw_point{bytes.data(), bytes.size(), 0};
     if (ioctl(sock.get(), bsstrans, &wrq) < 0) {
         trace.error("Error: %s not found on %s\n", mac == nullptr ? "" : mac, ifname.c_str());
         return -1;

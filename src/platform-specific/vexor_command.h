@@ -57,21 +57,58 @@ static_assert(sizeof(sta_info_s) == 28 && offsetof(sta_info_s, rssi) == 8 &&
               offsetof(sta_info_s, roam_attempt) == 24 &&
               offsetof(sta_info_s, is_no_balance) == 25);
 
-// The heads of the payloads; their entries follow behind (vexor_list below). A `size` is the room
-// that the caller announces and the number of entries that the kernel returns.
+// The buffer that a record lives in. Its size does not fit the 16 bits of iw_point.length, which
+// carries the low ones; the kernel knows the size by contract.
+inline constexpr std::size_t vexor_buffer_size = 0x1FFFE;
+inline constexpr std::uint16_t vexor_buffer_length = 0xFFFE;
+inline constexpr std::size_t vexor_head_size = 16;  // of a record without its entries
+// Handed to each filler: the kernel expects twice the room of the buffer to be announced, and
+// never fills more than the buffer.
+inline constexpr int vexor_capacity_factor = 2;
+
+// The array that ends a payload: entries of one kind, which begin `Offset` bytes into the record.
+template <typename Entry, std::size_t Offset>
+struct vexor_list {
+    static constexpr std::size_t offset = Offset;
+
+    // Entries that a buffer really holds; a 16-bit index counts them.
+    static constexpr std::size_t room = (vexor_buffer_size - Offset) / sizeof(Entry);
+    static_assert(room <= UINT16_MAX);
+
+    // Entries that the kernel is told there is room for in `size` bytes.
+    static constexpr std::uint32_t capacity(int factor, unsigned size) {
+        return static_cast<std::uint32_t>((size - vexor_head_size) / sizeof(Entry)) *
+               static_cast<std::uint32_t>(factor);
+    }
+
+    // `index` below room.
+    static Entry at(const void* record, std::uint16_t index) {
+        Entry entry;
+        std::memcpy(&entry, static_cast<const std::byte*>(record) + Offset + index * sizeof(Entry),
+                    sizeof(Entry));
+        return entry;
+    }
+};
+
+// The payloads. A `size` is the room that the caller announces and the number of entries that the
+// kernel returns.
 struct array_s {
-    std::uint32_t size;  // of int32_t array[]
+    std::uint32_t size;
+    using array = vexor_list<std::int32_t, 8>;
 };
 struct vexor_custom_scan_s {
-    std::uint32_t count;  // of uint16_t channels[]
+    std::uint32_t count;
+    using channels = vexor_list<std::uint16_t, 8>;
 };
 struct scan_result_s {
-    std::uint32_t size;  // of ap_info_s aps[]
+    std::uint32_t size;
+    using aps = vexor_list<ap_info_s, 8>;
 };
 struct assoc_stas_s {
     std::uint8_t channel;
     std::uint8_t padding[3];
-    std::uint32_t size;  // of sta_info_s stas[]
+    std::uint32_t size;
+    using stas = vexor_list<sta_info_s, 12>;
 };
 struct details_pmkid_s {
     std::uint8_t sta_addr[6];
@@ -89,48 +126,13 @@ struct vexor_command {
         details_pmkid_s details_pmkid;
     };
 };
-static_assert(sizeof(vexor_command) == 16 && offsetof(vexor_command, array.size) == 4 &&
+static_assert(sizeof(vexor_command) == 16 && sizeof(vexor_command) == vexor_head_size &&
+              offsetof(vexor_command, array.size) == 4 &&
               offsetof(vexor_command, custom_scan.count) == 4 &&
               offsetof(vexor_command, scan_result.size) == 4 &&
               offsetof(vexor_command, assoc_stas.channel) == 4 &&
               offsetof(vexor_command, assoc_stas.size) == 8 &&
               offsetof(vexor_command, details_pmkid.sta_addr) == 4 &&
               offsetof(vexor_command, details_pmkid.details_invalid_pmkid) == 12);
-
-// The buffer that a record lives in. Its size does not fit the 16 bits of iw_point.length, which
-// carries the low ones; the kernel knows the size by contract.
-inline constexpr std::size_t vexor_buffer_size = 0x1FFFE;
-inline constexpr std::uint16_t vexor_buffer_length = 0xFFFE;
-// Handed to each filler: the kernel expects twice the room of the buffer to be announced, and
-// never fills more than the buffer.
-inline constexpr int vexor_capacity_factor = 2;
-
-// The entries of one kind, which begin `Offset` bytes into the record.
-template <typename Entry, std::size_t Offset>
-struct vexor_list {
-    static constexpr std::size_t offset = Offset;
-
-    // Entries that a buffer really holds; a 16-bit index counts them.
-    static constexpr std::size_t room = (vexor_buffer_size - Offset) / sizeof(Entry);
-    static_assert(room <= UINT16_MAX);
-
-    // Entries that the kernel is told there is room for in `size` bytes.
-    static constexpr std::uint32_t capacity(int factor, unsigned size) {
-        return static_cast<std::uint32_t>((size - sizeof(vexor_command)) / sizeof(Entry)) *
-               static_cast<std::uint32_t>(factor);
-    }
-
-    // `index` below room.
-    static Entry at(const void* record, std::uint16_t index) {
-        Entry entry;
-        std::memcpy(&entry, static_cast<const std::byte*>(record) + Offset + index * sizeof(Entry),
-                    sizeof(Entry));
-        return entry;
-    }
-};
-using vexor_channel_numbers = vexor_list<std::int32_t, 8>;  // array_s
-using vexor_scan_channels = vexor_list<std::uint16_t, 8>;   // vexor_custom_scan_s
-using vexor_scan_entries = vexor_list<ap_info_s, 8>;        // scan_result_s
-using vexor_station_entries = vexor_list<sta_info_s, 12>;   // assoc_stas_s
 
 #endif

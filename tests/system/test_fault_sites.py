@@ -91,6 +91,7 @@ NOT_REACHED = {
 
 ROW = ("mode", "operation", "function", "place", "errno", "calls", "told", "effect", "recovery")
 Row = collections.namedtuple("Row", ROW)
+NEW_OBJECT = ("json_object_new_object", "json_writer::json_writer")
 
 
 class Agent:
@@ -346,6 +347,29 @@ def test_a_call_fails_in_an_agent_at_work(folder, census, outcomes, mode, part):
     status = agent.stop() if agent else 0
     outcomes.check()
     assert status == 0
+
+
+def test_a_message_whose_header_has_no_memory_goes_out_as_null(folder, census):
+    agent = Agent(folder, "rrm", census.content("rrm")).begin()
+    answers = []
+    for site in census.sites:
+        if (site["function"], census.place(site["key"])) != NEW_OBJECT:
+            continue
+        agent.settle()
+        since = agent.lab.mark()
+        agent.table.arm(site["key"], "ENOMEM")
+        agent.lab.send({"cmd": "rrm-request-mode"})
+        answers.append(agent.lab.run(agent.lab.lab.journal.wait(since, PATIENCE, is_report)))
+        agent.table.disarm()
+    assert agent.stop() == 0
+    assert None not in answers, "nothing went out"
+    # The constructors of a header and of what lies in a message.
+    assert sorted(answer["what"] for answer in answers) == ["message", "rrm-mode-response"]
+    assert [answer["data"] for answer in answers if answer["what"] == "message"] == ["null"]
+
+
+def is_report(event):
+    return event["from"] == "lumd" and event["to"] == "service" and event["what"] != "ping"
 
 
 # --- faults at the start and at the end ---

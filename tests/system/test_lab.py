@@ -526,7 +526,7 @@ def test_the_service_refuses_to_send_to_an_access_point_that_has_just_gone():
         await service.start()
         url = f"ws://127.0.0.1:{service.port}/agent"
         async with websockets.connect(url, subprotocols=["websock-rrm"]):
-            await until(lambda: service.links)
+            assert await until(lambda: service.links)
             link = service.links[0]
             link.transport.abort()
             await link.wait_closed()
