@@ -28,6 +28,14 @@ sources() { git ls-files '*.h' '*.c' '*.cpp'; }
 
 stage_format() { sources | xargs clang-format --dry-run -Werror; }
 
+stage_shellcheck() {
+    git grep -lE '^#!.*[/ ](ba|da)?sh( |$)|^# shellcheck shell=' | xargs shellcheck --external-sources
+}
+
+stage_pyflakes() {
+    { git ls-files '*.py' && git grep -lE '^#!.*python'; } | sort -u | xargs pyflakes3
+}
+
 stage_dev_build() { build_preset dev; }
 stage_dev_unit() { run_unit dev; }
 stage_dev_system() { run_system dev; }
@@ -71,6 +79,7 @@ stage_soak() { scripts/soak; }
 packages_of() {
     case $1 in
         format | clang-build | tidy) echo build test check ;;
+        shellcheck | pyflakes) echo scripts ;;
         fuzz) echo build fuzz ;;
         mips) echo build test mips ;;
         *) echo build test ;;

@@ -9,6 +9,9 @@ if str(LAB) not in sys.path:
 from labap import scenario as scenarios  # noqa: E402
 from labap.harness import LabError, running_lab  # noqa: E402
 
+__all__ = ["CONFIG", "LabError", "Labs", "ask", "radios", "running_lab", "scenario", "scenarios",
+           "send_bytes", "service_texts"]
+
 # Dumping a survey or a large message at debug level costs more than handling it.
 NO_DEBUG_LINES = "log_level=7"
 CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
