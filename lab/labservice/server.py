@@ -1,14 +1,11 @@
 """The websocket server: accepts access points, answers, remembers, and sends commands."""
 import asyncio
-import http
 import json
 import logging
 
-import websockets
-from websockets.legacy.server import WebSocketServerProtocol
-
 from labap.control import ControlServer
 from labap.journal import Journal
+from labtalk import websocket
 
 from . import checker
 from .model import ApModel
@@ -20,21 +17,6 @@ WIDS_SERVICE = "wids-mac-service"
 
 class ServiceError(Exception):
     """A command that cannot be sent."""
-
-
-class Link(WebSocketServerProtocol):
-    """One access point's connection; counts its pings and can leave them unanswered."""
-
-    service = None
-    pings_seen = 0  # the base class keeps its own pings in `pings`
-
-    async def pong(self, data=b""):
-        self.pings_seen += 1
-        answered = self.service.answer_pings
-        self.service.journal.add("lumd", "service", "ping",
-                                 None if answered else {"answered": False})
-        if answered:
-            await super().pong(data)
 
 
 class Service:
@@ -64,22 +46,14 @@ class Service:
             await self._control.start(str(control_path))
 
     async def listen(self):
-        def link(*args, **kwargs):
-            made = Link(*args, **kwargs)
-            made.service = self
-            return made
-
-        self._server = await websockets.serve(
-            self._serve, self.host, self.port, create_protocol=link, subprotocols=SUBPROTOCOLS,
-            ping_interval=None, max_size=None, close_timeout=1, process_request=self._admit,
-            compression=None)
-        self.port = self._server.sockets[0].getsockname()[1]
+        self._server = websocket.Server(self._serve, SUBPROTOCOLS, self._admit)
+        await self._server.start(self.host, self.port)
+        self.port = self._server.port
 
     async def silence(self):
         """Closes the port and every connection, as a service that is gone."""
         if self._server is not None:
-            self._server.close()
-            await self._server.wait_closed()
+            await self._server.stop()
             self._server = None
 
     async def stop(self):
@@ -87,13 +61,16 @@ class Service:
             await self._control.stop()
         await self.silence()
 
-    async def _admit(self, path, _headers):
+    def _admit(self, path):
         if self.accepting:
             return None
         self.journal.add("service", "lumd", "refused", {"path": path})
-        return http.HTTPStatus.SERVICE_UNAVAILABLE, [], b"refused by the lab\n"
+        return "refused by the lab\n"
 
-    async def _serve(self, link, path=None):
+    async def _serve(self, link):
+        link.answer_pings = self.answer_pings
+        link.on_ping = lambda: self.journal.add("lumd", "service", "ping",
+                                                None if link.answer_pings else {"answered": False})
         self.connections += 1
         self.links.append(link)
         self.journal.add("lumd", "service", "connected", {"path": link.path,
@@ -101,7 +78,7 @@ class Service:
         try:
             async for text in link:
                 await self._receive(link, text)
-        except (websockets.ConnectionClosed, ServiceError):
+        except ServiceError:
             pass
         finally:
             self.links.remove(link)
@@ -158,7 +135,7 @@ class Service:
         parts = [text[at:at + size] for at in range(0, len(text), size)] or [""]
         try:
             await link.send(parts if len(parts) > 1 else parts[0])
-        except websockets.ConnectionClosed as lost:
+        except websocket.LinkClosed as lost:
             raise ServiceError("the access point has just gone") from lost
 
     async def drop(self, hard=False):
@@ -166,7 +143,7 @@ class Service:
         for link in list(self.links):
             self.journal.add("service", "lumd", "dropped", {"hard": hard})
             if hard:
-                link.transport.abort()
+                link.abort()
             else:
                 await link.close()
 
@@ -190,6 +167,8 @@ class Service:
                             ("answer_pings", answer_pings), ("accepting", accepting)):
             if value is not None:
                 setattr(self, name, value)
+        for link in self.links:
+            link.answer_pings = self.answer_pings
 
     async def _command_send(self, message, pieces=1):
         await self.send(message, pieces=pieces)

@@ -2,15 +2,18 @@
 import pathlib
 import shutil
 import signal
+import sys
 import tempfile
 
 import pytest
 
-from lumdtest.agent import Agent
-from lumdtest.lab import Labs
-from lumdtest.msgbus import Broker
-from lumdtest.programs import Programs
-from lumdtest.service import Service
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
+
+from lumdtest.agent import Agent  # noqa: E402
+from lumdtest.lab import Labs  # noqa: E402
+from lumdtest.msgbus import Broker  # noqa: E402
+from lumdtest.programs import Programs  # noqa: E402
+from lumdtest.service import Service  # noqa: E402
 
 
 def pytest_configure(config):

@@ -528,7 +528,7 @@ def test_the_service_refuses_to_send_to_an_access_point_that_has_just_gone():
         async with websockets.connect(url, subprotocols=["websock-rrm"]):
             assert await until(lambda: service.links)
             link = service.links[0]
-            link.transport.abort()
+            link.abort()
             await link.wait_closed()
             with pytest.raises(ServiceError, match="gone"):
                 await service.send({"cmd": "rrm-info"}, link)

@@ -81,7 +81,7 @@ def service_texts(lab):
 def send_bytes(lab, payload):
     """One text frame with these bytes, valid UTF-8 or not."""
     async def send():
-        await lab.lab.service.links[-1].write_frame(True, 1, payload)
+        await lab.lab.service.links[-1].send_payload(payload)
     lab.run(send())
 
 

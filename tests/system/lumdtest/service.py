@@ -2,58 +2,42 @@
 import asyncio
 import queue
 import socket
-import struct
 import threading
 
-import websockets
-from websockets.legacy.server import WebSocketServerProtocol
+from labtalk import websocket
 
 from .waiting import PATIENCE, wait_until
 
 SUBPROTOCOLS = ["websock-roaming", "websock-rrm", "websock-wids"]
 
 
-class _Protocol(WebSocketServerProtocol):
-    """Counts the agent's pings and answers them only when told to."""
-    agent_pings = 0
-    answer_agent = True
-
-    async def pong(self, data=b""):
-        self.agent_pings += 1
-        if self.answer_agent:
-            await super().pong(data)
-
-
 class Link:
     """One established connection of the agent, for a test's own thread."""
 
-    def __init__(self, protocol, loop):
-        self._protocol = protocol
+    def __init__(self, link, loop):
+        self._link = link
         self._loop = loop
         self._received = queue.Queue()
-        self.path = protocol.path
-        self.subprotocol = protocol.subprotocol
+        self.path = link.path
+        self.subprotocol = link.subprotocol
         self.closed = threading.Event()
 
     def _run(self, coroutine, timeout=PATIENCE):
         return asyncio.run_coroutine_threadsafe(coroutine, self._loop).result(timeout)
 
     async def read(self):
-        try:
-            async for message in self._protocol:
-                self._received.put(message)
-        except websockets.ConnectionClosed:
-            pass
+        async for message in self._link:
+            self._received.put(message)
         self.closed.set()
 
     def send(self, message):
-        """A text, or a list of texts as the fragments of one message."""
-        self._run(self._protocol.send(message))
+        """A text, or texts as the fragments of one message."""
+        self._run(self._link.send(message))
 
     def send_all(self, messages, timeout=PATIENCE):
         async def run():
             for message in messages:
-                await self._protocol.send(message)
+                await self._link.send(message)
         self._run(run(), timeout)
 
     def recv(self, timeout=PATIENCE):
@@ -68,26 +52,22 @@ class Link:
 
     @property
     def pings(self):
-        return self._protocol.agent_pings
+        return self._link.pings
 
     def answer_pings(self, answer):
-        self._protocol.answer_agent = answer
+        self._link.answer_pings = answer
 
     def send_pong(self):
         """A pong that no ping asked for."""
-        async def run():
-            await WebSocketServerProtocol.pong(self._protocol, b"")
-        self._run(run())
+        self._run(self._link.send_pong())
 
     def close(self):
-        self._run(self._protocol.close())
+        self._run(self._link.close())
 
     def reset(self):
         """Ends the connection with a TCP reset."""
         async def run():
-            peer = self._protocol.transport.get_extra_info("socket")
-            peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            self._protocol.transport.abort()
+            self._link.reset()
         self._run(run())
 
 
@@ -118,19 +98,18 @@ class Service:
 
     async def _main(self):
         self._stop = asyncio.Event()
-        async with websockets.serve(self._handle, "127.0.0.1", self.port,
-                                    subprotocols=SUBPROTOCOLS, create_protocol=_Protocol,
-                                    compression=None, max_size=None, max_queue=None,
-                                    ping_interval=None, close_timeout=0.2) as server:
-            self.port = server.sockets[0].getsockname()[1]
-            self._ready.set()
-            await self._stop.wait()
+        server = websocket.Server(self._handle, SUBPROTOCOLS)
+        await server.start("127.0.0.1", self.port)
+        self.port = server.port
+        self._ready.set()
+        await self._stop.wait()
+        await server.stop()
 
-    async def _handle(self, protocol):
-        protocol.answer_agent = self._answer_pings
-        link = Link(protocol, self._loop)
-        self._links.put(link)
-        await link.read()
+    async def _handle(self, link):
+        link.answer_pings = self._answer_pings
+        accepted = Link(link, self._loop)
+        self._links.put(accepted)
+        await accepted.read()
 
     def accept(self, timeout=PATIENCE):
         """The next connection of the agent."""

@@ -1,0 +1,1 @@
+"""How the parts of the lab talk: with lumd, with each other, and with whoever watches."""
