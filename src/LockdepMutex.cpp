@@ -1,7 +1,9 @@
 #include "LockdepMutex.h"
 
 #include <cxxabi.h>
+#if __has_include(<execinfo.h>)
 #include <execinfo.h>
+#endif
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -15,7 +17,6 @@
 
 namespace {
 
-constexpr int max_frames = 64;
 constexpr std::time_t expiry_time = 121;  // seconds; no lock is rightly held for that long
 
 // Holds a T that is built at the first use and never destroyed, so that locks taken by other
@@ -35,7 +36,9 @@ std::string current_thread_name() {
     return name.data();
 }
 
+#if __has_include(<execinfo.h>)
 std::vector<std::string> capture_backtrace() {
+    constexpr int max_frames = 64;
     std::array<void*, max_frames> frames{};
     const int count = backtrace(frames.data(), max_frames);
     const std::unique_ptr<char*[], free_deleter> symbols(backtrace_symbols(frames.data(), count));
@@ -50,6 +53,11 @@ std::vector<std::string> capture_backtrace() {
     }
     return entries;
 }
+#else  // a C library without backtrace(3), musl for one: the records say who and since when
+std::vector<std::string> capture_backtrace() {
+    return {};
+}
+#endif
 
 }  // namespace
 
@@ -79,7 +87,7 @@ LockdepStorage& LockdepStorage::instance() {
 [[maybe_unused]] static const LockdepStorage& storage_built_at_load = LockdepStorage::instance();
 
 void LockdepStorage::add_lock(const LockdepMutexBase* lock) {
-    const std::lock_guard guard(m);
+    const mutex_guard guard(m);
     std::string thread_name = current_thread_name();
     if (const auto held = locks.find(lock); held != locks.end()) {
         ++held->second.lock_cnt;
@@ -91,7 +99,7 @@ void LockdepStorage::add_lock(const LockdepMutexBase* lock) {
 }
 
 void LockdepStorage::del_lock(const LockdepMutexBase* lock) {
-    const std::lock_guard guard(m);
+    const mutex_guard guard(m);
     const auto held = locks.find(lock);
     if (held == locks.end()) {
         trace.error("Unbalanced unlock case 2\n");
@@ -127,7 +135,7 @@ void LockdepStorage::check_expired() {
 }
 
 void LockdepStorage::check_expired(std::time_t now) {
-    const std::lock_guard guard(m);
+    const mutex_guard guard(m);
     bool found = false;
     for (const auto& [lock, item] : locks) {
         if (now - item.locked_at < expiry_time)
@@ -142,7 +150,7 @@ void LockdepStorage::check_expired(std::time_t now) {
 }
 
 std::size_t LockdepStorage::size() const {
-    const std::lock_guard guard(m);
+    const mutex_guard guard(m);
     return locks.size();
 }
 

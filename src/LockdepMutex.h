@@ -15,6 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "mutex_guard.h"
+#include "thread_annotations.h"
+
 class LockdepMutexBase {
   public:
     explicit LockdepMutexBase(std::string lock_name = {}) : name(std::move(lock_name)) {}
@@ -58,27 +61,27 @@ class LockdepStorage {
     // The unit tests look at the records.
     friend class LockdepStorage_peer;
 
-    // Logs every held lock at debug level; the caller holds `m`.
-    void dump() const;
+    // Logs every held lock at debug level.
+    void dump() const LUMD_REQUIRES(m);
 
-    std::map<const LockdepMutexBase*, LockdepItem> locks;  // guarded by m
-    mutable std::mutex m;
+    std::map<const LockdepMutexBase*, LockdepItem> locks LUMD_GUARDED_BY(m);
+    mutable plain_mutex m;
 };
 
 // A lock of the standard library that the checker knows; a standard BasicLockable. Inline also
 // where the compiler optimises for size: a call would cost a quarter of an uncontended lock.
 template <typename Mutex>
-class LockdepLockable : public LockdepMutexBase {
+class LUMD_CAPABILITY("mutex") LockdepLockable : public LockdepMutexBase {
   public:
     using LockdepMutexBase::LockdepMutexBase;
 
-    [[gnu::always_inline]] void lock() {
+    [[gnu::always_inline]] void lock() LUMD_ACQUIRE() LUMD_NO_THREAD_SAFETY_ANALYSIS {
         m.lock();
         if (LockdepStorage::lockdep_debug) [[unlikely]]
             LockdepStorage::instance().add_lock(this);
     }
 
-    [[gnu::always_inline]] void unlock() {
+    [[gnu::always_inline]] void unlock() LUMD_RELEASE() LUMD_NO_THREAD_SAFETY_ANALYSIS {
         if (LockdepStorage::lockdep_debug) [[unlikely]]
             LockdepStorage::instance().del_lock(this);
         m.unlock();

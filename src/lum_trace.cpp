@@ -1,9 +1,9 @@
 #include "lum_trace.h"
 
 #include <cstdio>
-#include <mutex>
 
 #include "logsink.h"
+#include "mutex_guard.h"
 
 int global_log_level = 0;
 std::string global_log_file;
@@ -11,7 +11,7 @@ bool global_log_out = false;
 
 // Constant-initialised and trivially destroyed, like everything a log call touches: logging works
 // from the first static constructor to the last static destructor.
-static std::mutex global_log_mutex;
+constinit static plain_mutex global_log_mutex;
 
 lum_trace trace("lumd", 0);
 
@@ -61,6 +61,6 @@ void lum_trace::debug(const char* format, ...) {
 }
 
 void lum_trace::trace(int severity, const char* format, va_list args) {
-    const std::lock_guard lock(global_log_mutex);
+    const mutex_guard lock(global_log_mutex);
     logsink_vmessage(severity, format, args);
 }

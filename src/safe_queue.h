@@ -2,14 +2,17 @@
 #ifndef LUMD_SAFE_QUEUE_H
 #define LUMD_SAFE_QUEUE_H
 
+#include <concepts>
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <queue>
+#include <utility>
 
 #include "LockdepMutex.h"
 #include "buffer_info.h"
+#include "mutex_guard.h"
+#include "thread_annotations.h"
 
 class json_writer;
 
@@ -35,14 +38,14 @@ class SafeQueue {
     // appended, when the queue is full.
     bool enqueue(const T& item) {
         {
-            const std::lock_guard<Mutex> lock(m);
+            const mutex_guard lock(m);
             if (max_size != 0 && q.size() >= max_size)
                 return false;
             q.push(item);
         }
         user_notifier_type notifier;
         {
-            const std::lock_guard<Mutex> lock(user_notifier_mutex);
+            const mutex_guard lock(user_notifier_mutex);
             notifier = user_notifier;
         }
         if (notifier)
@@ -51,18 +54,12 @@ class SafeQueue {
         return true;
     }
 
-    // Takes the front item and hands it to `callback`; false at once when the queue is empty.
-    // Never waits. An empty callback raises std::bad_function_call after the item was taken.
-    bool dequeue(const std::function<void(const T&)>& callback) {
-        T item;
-        if (!take(item))
-            return false;
-        callback(item);
-        return true;
-    }
-
-    // The same for a callback that takes the item by value.
-    bool dequeue_value(const std::function<void(T)>& callback) {
+    // Takes the front item and hands it to `callback`, which takes it by constant reference or by
+    // value; a value is the queue's own reference, not one more. False at once when the queue is
+    // empty. Never waits. An empty std::function raises std::bad_function_call after the item was
+    // taken.
+    template <std::invocable<T> Callback>
+    bool dequeue(const Callback& callback) {
         T item;
         if (!take(item))
             return false;
@@ -72,13 +69,13 @@ class SafeQueue {
 
     // Whether there is anything to take at this moment.
     [[nodiscard]] bool empty() {
-        const std::lock_guard<Mutex> lock(m);
+        const mutex_guard lock(m);
         return q.empty();
     }
 
     // `notifier` is called after each successful enqueue from now on, on the producer's thread.
     void set_user_notifier(const user_notifier_type& notifier) {
-        const std::lock_guard<Mutex> lock(user_notifier_mutex);
+        const mutex_guard lock(user_notifier_mutex);
         user_notifier = notifier;
     }
 
@@ -88,7 +85,7 @@ class SafeQueue {
 
   private:
     bool take(T& item) {
-        const std::lock_guard<Mutex> lock(m);
+        const mutex_guard lock(m);
         if (q.empty())
             return false;
         item = std::move(q.front());
@@ -96,8 +93,9 @@ class SafeQueue {
         return true;
     }
 
-    user_notifier_type user_notifier = default_safe_queue_notifier;  // guarded by its mutex
-    std::queue<T> q;                                                 // guarded by m
+    user_notifier_type user_notifier LUMD_GUARDED_BY(user_notifier_mutex) =
+        default_safe_queue_notifier;
+    std::queue<T> q LUMD_GUARDED_BY(m);
     Mutex m;
     Mutex user_notifier_mutex;
     const unsigned max_size;

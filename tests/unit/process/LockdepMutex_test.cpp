@@ -32,7 +32,10 @@ class LockdepStorage_peer {
   public:
     explicit LockdepStorage_peer(LockdepStorage& storage) : storage_(storage) {}
 
-    LockdepItem& item(const LockdepMutexBase& lock) { return storage_.locks.at(&lock); }
+    // The tests look at a storage that only one thread uses.
+    LockdepItem& item(const LockdepMutexBase& lock) LUMD_NO_THREAD_SAFETY_ANALYSIS {
+        return storage_.locks.at(&lock);
+    }
 
   private:
     LockdepStorage& storage_;
@@ -198,6 +201,16 @@ TEST(LockdepBacktraceEntry, SurvivesALineThatIsCutShort) {
     EXPECT_EQ(lockdep_backtrace_entry("lumd(+"), "lumd(+");
 }
 
+// Without a guard, as the thread safety analysis would not have it.
+template <typename Mutex>
+void take(Mutex& lock) LUMD_NO_THREAD_SAFETY_ANALYSIS {
+    lock.lock();
+}
+template <typename Mutex>
+void release(Mutex& lock) LUMD_NO_THREAD_SAFETY_ANALYSIS {
+    lock.unlock();
+}
+
 // The mutexes, with the checker switched on for the test's time.
 class LockdepMutexTest : public testing::Test {
   protected:
@@ -221,12 +234,12 @@ TEST_F(LockdepMutexTest, IsRecordedWhileItIsHeld) {
 TEST_F(LockdepMutexTest, ARecursiveLockTakenAndReleasedThreeTimesLeavesNoRecord) {
     LockdepRecursiveMutex lock{"LockedLwsCallback"};
     for (int i = 0; i < 3; ++i)
-        lock.lock();
+        take(lock);
     EXPECT_EQ(held(), 1u);
     for (int i = 0; i < 2; ++i)
-        lock.unlock();
+        release(lock);
     EXPECT_EQ(held(), 1u);
-    lock.unlock();
+    release(lock);
     EXPECT_EQ(held(), 0u);
 }
 
@@ -242,7 +255,7 @@ TEST_F(LockdepMutexTest, NothingIsRecordedWhileTheSwitchIsOff) {
 TEST_F(LockdepMutexDeathTest, UnlockingWhatIsNotHeldAborts) {
     const LogCapture log;
     LockdepMutex lock;
-    EXPECT_EXIT(lock.unlock(), KilledBySignal(SIGABRT), "");
+    EXPECT_EXIT(release(lock), KilledBySignal(SIGABRT), "");
     EXPECT_EQ(log.lines().front(), "error: Unbalanced unlock case 2");
 }
 
@@ -274,7 +287,7 @@ struct outermost_locker {
     bool held = false;
     ~outermost_locker() {
         if (held)
-            lock.unlock();
+            release(lock);
     }
 };
 [[gnu::init_priority(101)]] outermost_locker locks_at_the_end;
@@ -282,7 +295,7 @@ struct outermost_locker {
 TEST_F(LockdepMutexDeathTest, TheStorageOutlivesEveryStaticObject) {
     EXPECT_EXIT(
         {
-            locks_at_the_end.lock.lock();
+            take(locks_at_the_end.lock);
             locks_at_the_end.held = true;
             std::exit(0);
         },

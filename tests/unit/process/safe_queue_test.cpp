@@ -64,14 +64,14 @@ TEST_F(SafeQueue, DequeueTakesOneMessagePerCall) {
 TEST_F(SafeQueue, DequeueOnAnEmptyQueueIsFalseAndCallsNothing) {
     bool called = false;
     EXPECT_FALSE(queue.dequeue([&](const buffer_info_ptr&) { called = true; }));
-    EXPECT_FALSE(queue.dequeue_value([&](buffer_info_ptr) { called = true; }));
+    EXPECT_FALSE(queue.dequeue([&](buffer_info_ptr) { called = true; }));
     EXPECT_FALSE(called);
 }
 
 TEST_F(SafeQueue, DequeueByValueHandsOverTheQueuesReference) {
     put("one");
     buffer_info_ptr taken;
-    EXPECT_TRUE(queue.dequeue_value([&](buffer_info_ptr item) { taken = std::move(item); }));
+    EXPECT_TRUE(queue.dequeue([&](buffer_info_ptr item) { taken = std::move(item); }));
     ASSERT_TRUE(taken);
     EXPECT_EQ(taken->text(), "one");
     EXPECT_EQ(taken.use_count(), 1);
@@ -85,10 +85,26 @@ TEST_F(SafeQueue, PassesTheBufferItselfNotACopyOfItsText) {
     EXPECT_EQ(sent.use_count(), 1);
 }
 
+TEST_F(SafeQueue, DequeueTakesACallbackOfEitherForm) {
+    std::vector<std::string> texts;
+    const std::function<void(const buffer_info_ptr&)> by_reference =
+        [&](const buffer_info_ptr& item) { texts.push_back(item->text()); };
+    const std::function<void(buffer_info_ptr)> by_value = [&](buffer_info_ptr item) {
+        texts.push_back(item->text());
+    };
+    put("one");
+    put("two");
+    EXPECT_TRUE(queue.dequeue(by_reference));
+    EXPECT_TRUE(queue.dequeue(by_value));
+    EXPECT_THAT(texts, ElementsAre("one", "two"));
+}
+
 TEST_F(SafeQueue, AnEmptyCallbackRaisesAfterTheMessageWasTaken) {
     put("lost");
     EXPECT_THROW(queue.dequeue(std::function<void(const buffer_info_ptr&)>{}),
                  std::bad_function_call);
+    put("lost");
+    EXPECT_THROW(queue.dequeue(std::function<void(buffer_info_ptr)>{}), std::bad_function_call);
     EXPECT_THAT(drain(queue), IsEmpty());
 }
 
@@ -224,7 +240,7 @@ TEST_F(SafeQueue, SeveralConsumersShareTheMessagesWithoutLossOrRepeat) {
     std::atomic<long> sum = 0;
     const auto consume = [&] {
         while (taken < total) {
-            queue.dequeue_value([&](buffer_info_ptr item) {
+            queue.dequeue([&](buffer_info_ptr item) {
                 sum += std::stol(item->text());
                 ++taken;
             });
