@@ -203,7 +203,7 @@ bool Connection::flush() {
 bool Connection::send_parts(std::span<iovec> parts, int passed) {
     msghdr message{};
     message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(parts.size());
     PassedFd control;
     if (passed >= 0)
         control.put_into(message, passed);

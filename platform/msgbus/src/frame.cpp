@@ -94,7 +94,7 @@ void FrameParser::check_header() {
 
 void PassedFd::put_into(msghdr& message, int fd) {
     message.msg_control = space_.data();
-    message.msg_controllen = space_.size();
+    message.msg_controllen = static_cast<decltype(message.msg_controllen)>(space_.size());
     if (fd < 0)
         return;
     cmsghdr* const header = CMSG_FIRSTHDR(&message);
@@ -121,7 +121,7 @@ Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& si
     std::array<iovec, 2> parts{{{missing.data(), missing.size()}, {chunk.data(), chunk.size()}}};
     msghdr message{};
     message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(parts.size());
     PassedFd control;
     if (passed != nullptr)
         control.put_into(message);

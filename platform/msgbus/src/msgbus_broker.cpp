@@ -98,7 +98,7 @@ ssize_t send_front(const Client& client) {
     parts[0].iov_len -= client.front_sent;
     msghdr message{};
     message.msg_iov = parts.data();
-    message.msg_iovlen = count;
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(count);
     return sendmsg(client.fd.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
