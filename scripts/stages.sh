@@ -37,8 +37,8 @@ stage_pyflakes() {
 }
 
 stage_dev_build() { build_preset dev; }
-stage_dev_unit() { run_unit dev; }
-stage_dev_system() { run_system dev; }
+stage_dev_unit() { stage_dev_build && run_unit dev; }
+stage_dev_system() { stage_dev_build && run_system dev; }
 
 # The driver and the service logic belong to one thread each: the rest is what has threads.
 threaded_tests=(test_platform test_process test_link test_bus)
@@ -50,40 +50,75 @@ stage_tsan_build() {
 # Lock order is looked at in the whole process (tsan-system) alone: a std::mutex on the stack of one
 # test and another at the same address in the next are one mutex to ThreadSanitizer.
 stage_tsan_unit() {
-    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp detect_deadlocks=0" run_unit tsan \
-        -R "^($(IFS='|' && echo "${threaded_tests[*]}"))\$"
+    stage_tsan_build &&
+        TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp detect_deadlocks=0" run_unit tsan \
+            -R "^($(IFS='|' && echo "${threaded_tests[*]}"))\$"
 }
 
 stage_tsan_system() {
-    TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan -m threads
+    stage_tsan_build &&
+        TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan -m threads
 }
 
 stage_release_build() { build_preset release; }
 stage_release_run() { ./run --once </dev/null; }
+stage_clang() { scripts/clang; }
 
-stage_clang_build() {
-    CC=clang CXX=clang++ cmake --preset dev -B build/clang &&
-        cmake --build build/clang -j "$jobs"
-}
-
+# What is not run on an access point is looked at without what takes longest.
 stage_tidy() {
-    sources | grep -E '^(src|platform)/.*\.(c|cpp)$' |
+    scripts/clang --configure &&
+        sources | grep -E '^(src|platform|lab|bench|fuzz)/.*\.(c|cpp)$' |
         xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet
 }
 
 stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
+stage_musl() { scripts/musl; }
 stage_mips() { scripts/mips; }
-stage_faults() { scripts/faults; }
-stage_soak() { scripts/soak; }
+stage_debian13() { scripts/debian13; }
+stage_faults() { stage_dev_build && scripts/faults; }
+stage_soak() { stage_dev_build && scripts/soak; }
 
 packages_of() {
     case $1 in
-        format | clang-build | tidy) echo build test check ;;
+        format) echo format ;;
         shellcheck | pyflakes) echo scripts ;;
+        clang) echo build test clang ;;
+        tidy) echo build test clang tidy ;;
         fuzz) echo build fuzz ;;
+        musl) echo build musl ;;
         mips) echo build test mips ;;
+        debian13) echo root ;;
         *) echo build test ;;
     esac
+}
+
+declare -A purposes=(
+    [format]="C and C++ stand as clang-format puts them"
+    [shellcheck]="the shell scripts"
+    [pyflakes]="the Python"
+    [dev-build]="all with AddressSanitizer and UndefinedBehaviorSanitizer"
+    [dev-unit]="the unit tests"
+    [dev-system]="the system tests"
+    [tsan-build]="what has threads with ThreadSanitizer"
+    [tsan-unit]="its unit tests"
+    [tsan-system]="its system tests"
+    [release-build]="what an access point runs"
+    [release-run]="./run --once"
+    [clang]="clang's warnings, thread-safety annotations among them"
+    [tidy]="clang-tidy"
+    [fuzz]="each fuzz target from its seeds"
+    [musl]="src and platform against OpenWrt's C library"
+    [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
+    [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
+    [faults]="every call of the agent fails once"
+    [soak]="a day in protocol time"
+)
+
+list_stages() {
+    local name
+    for name in "${all_stages[@]}"; do
+        printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
+    done
 }
 
 # Number of tests that a stage's log tells of, as "passed failed".
