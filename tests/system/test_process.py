@@ -1,12 +1,17 @@
 """Start-up, choice of the mode, and the end by signal."""
+import os
 import pathlib
+import re
 import signal
 import socket
 import subprocess
 import sys
+import syslog
+import time
 
 import pytest
 
+from lumdtest.agent import Agent
 from lumdtest.waiting import PATIENCE, wait_until
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
@@ -116,6 +121,35 @@ def test_an_unknown_option_ends_with_status_255(run, arguments):
     assert run(*arguments).returncode == 255
 
 
+# Start-up
+
+
+def test_the_process_is_set_up_in_order(programs, folder):
+    path = folder / "calls"
+    spy = {**os.environ, **programs.preloaded("libcallspy.so"), "CALL_SPY": str(path)}
+    started = int(time.time())
+    subprocess.run([programs.binary("lumd")], env=spy, timeout=PATIENCE, check=True)
+    calls = path.read_text().splitlines()
+    seeds = [call for call in calls if call.startswith("srand")]
+    how = f"{syslog.LOG_PID} {syslog.LOG_DAEMON}"
+    assert [call for call in calls if not call.startswith("mallopt -")] == [
+        f"openlog lumd {how}",  # the log's own name, until it is told the daemon's
+        "mallopt 1 0",  # M_MXFAST
+        f"openlog LUMD {how}", *seeds, "prctl lumd:main", f"openlog LUMD {how}",
+        f"signal {signal.SIGTERM:d}", f"signal {signal.SIGINT:d}"]
+    assert len(seeds) == 1 and started <= int(seeds[0].split()[1]) <= time.time()
+
+
+def test_until_the_configuration_is_read_signals_keep_their_default_action(programs, folder):
+    path = folder / "lumd.conf"
+    os.mkfifo(path)  # lumd waits there for somebody to write
+    with subprocess.Popen([programs.binary("lumd"), "-f", path],
+                          stdin=subprocess.DEVNULL) as lumd:
+        wait_until(lambda: thread_names(lumd.pid) == ["lumd:main"], "the main thread's name")
+        lumd.send_signal(signal.SIGTERM)
+    assert lumd.returncode == -signal.SIGTERM
+
+
 # Signals
 
 
@@ -205,11 +239,29 @@ def test_services_before_a_rejected_url_still_run(programs, folder, config, serv
     assert lumd.returncode == 0
 
 
+# The delays before a connection
+
+
+def test_the_initial_delay_grows_to_the_maximum(make_agent):
+    agent = make_agent(1, speed=20, settings=["initial_connection_delay=2",
+                                               "max_connection_delay=7"])
+    agent.wait_log("Generate delay into", 3)
+    ranges = re.findall(r"Generate delay into (\S+) range", agent.log())
+    assert ranges[:3] == ["[1;3)", "[2;6)", "[3;10)"]
+
+
 # Logging
 
 
 def test_without_a_log_level_nothing_is_logged(broker, make_agent, service):
     agent = make_agent(service.port, log_level=0)
+    service.accept()
+    assert agent.log() == ""
+
+
+def test_a_file_without_a_log_level_ends_the_logging_that_began_with_it(broker, make_agent,
+                                                                       service):
+    agent = make_agent(service.port, log_level=None)
     service.accept()
     assert agent.log() == ""
 
@@ -236,6 +288,40 @@ def test_the_lock_checker_runs_when_its_variable_exists(make_agent, service, mon
     agent.expect_clean_end()
     assert "Unbalanced unlock" not in agent.log()
     assert "Deadlock on lock" not in agent.log()
+
+
+@pytest.fixture
+def stuck_agent(programs, folder):
+    """lumd in portal mode, whose link takes its lock and never releases it."""
+    agent = Agent(programs, folder, folder / "bus", 1, environment={
+        **programs.fast_clock(60, "libstuckcall.so"), "VEXOR_LOCKDEP_DEBUG": "1"}).start()
+    yield agent
+    if agent.alive():
+        agent.end(signal.SIGKILL)
+
+
+def function_names(program, frames):
+    """Of those frames that are the program's own."""
+    offsets = re.findall(rf"{program}\(\+(0x[0-9a-f]+)\)", "\n".join(frames))
+    found = subprocess.run(["addr2line", "-C", "-f", "-e", program, *offsets], check=True,
+                           capture_output=True, text=True)
+    return found.stdout.splitlines()[::2]
+
+
+LOCK = r"0x[0-9a-f]+(: |\()'ctx_mutex' by lumd:websock-ro"
+
+
+def test_a_lock_held_for_two_minutes_ends_the_process_with_its_holder_in_the_log(stuck_agent,
+                                                                                programs):
+    assert stuck_agent.process.wait(PATIENCE) == -signal.SIGABRT
+    log = stuck_agent.log()
+    finding, head, lock, trace, *frames = log[log.index("Deadlock"):].splitlines()
+    assert re.match(rf"Deadlock on lock {LOCK}\)$", finding)
+    assert head.endswith("debug: Dump all locked mutexes:")
+    assert re.search(rf"debug: \t{LOCK}$", lock)
+    assert trace.endswith("debug: \t\tBacktrace:")
+    names = function_names(programs.binary("lumd"), frames)
+    assert "websock_worker::_connect()" in names and "main" in names
 
 
 @pytest.mark.threads

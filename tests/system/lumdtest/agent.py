@@ -17,18 +17,21 @@ class Agent:
 
     def __init__(self, programs, folder, bus_path, port, mode="portal", host="127.0.0.1",
                  path="agent", log_level=15, settings=NO_BACK_OFF,
-                 speed=None):
+                 speed=None, environment=()):
         self.folder = pathlib.Path(folder)
         self.log_path = self.folder / "lumd.log"
         self.output_path = self.folder / "lumd.out"
         self.config = self.folder / "lumd.conf"
-        lines = [f"{URL_KEYS[mode]}=ws://{host}:{port}/{path}", f"log_level={log_level}",
-                 f"log_file={self.log_path}", *settings]
+        lines = [f"{URL_KEYS[mode]}=ws://{host}:{port}/{path}", f"log_file={self.log_path}",
+                 *settings]
+        if log_level is not None:
+            lines.append(f"log_level={log_level}")
         self.config.write_text("\n".join(lines) + "\n")
         self._program = programs.binary("lumd")
         self._environment = {**os.environ, "MSGBUS_SOCKET": str(bus_path)}
         if speed is not None:
             self._environment.update(programs.fast_clock(speed))
+        self._environment.update(environment)
         self.process = None
 
     def start(self):

@@ -17,10 +17,17 @@ class Programs:
         assert path.exists(), f"{path} is not built"
         return path
 
-    def fast_clock(self, speed):
-        """Environment of a program whose clock runs `speed` times faster."""
-        library = self.lib / "liblabclock.so"
-        assert library.exists(), f"{library} is not built"
+    def library(self, name):
+        path = self.lib / name
+        assert path.exists(), f"{path} is not built"
+        return path
+
+    def preloaded(self, *libraries):
+        """Environment of a program with these libraries before its own."""
         options = os.environ.get("ASAN_OPTIONS", "")
-        return {"LD_PRELOAD": str(library), "LAB_CLOCK_SPEED": str(speed),
+        return {"LD_PRELOAD": ":".join(str(self.library(name)) for name in libraries),
                 "ASAN_OPTIONS": ":".join(filter(None, [options, "verify_asan_link_order=0"]))}
+
+    def fast_clock(self, speed, *libraries):
+        """Environment of a program whose clock runs `speed` times faster."""
+        return {**self.preloaded("liblabclock.so", *libraries), "LAB_CLOCK_SPEED": str(speed)}

@@ -5,26 +5,33 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "log_capture.h"
+#include "sleep_clock.h"
 #include "timer_processor.h"
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::ExitedWithCode;
 using testing::IsEmpty;
 using testing::KilledBySignal;
 
 static bool symbols_available = true;
+static int frames_captured = 0;
 
 extern "C" char** backtrace_symbols(void* const* frames, int count) noexcept {
     using function = char** (*)(void* const*, int);
     static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "backtrace_symbols"));
+    frames_captured = count;
     return symbols_available ? real(frames, count) : nullptr;
 }
 
@@ -179,6 +186,20 @@ TEST_F(LockdepStorageDeathTest, AbortsWhenThereAreNoSymbols) {
     EXPECT_THAT(log.lines(), ElementsAre("debug: No backtrace_symbols"));
 }
 
+[[gnu::noinline]] int take_lock_below(LockdepStorage& storage, const LockdepMutexBase& lock,
+                                      int calls) {
+    if (calls == 0) {
+        storage.add_lock(&lock);
+        return 0;
+    }
+    return take_lock_below(storage, lock, calls - 1) + 1;  // no tail call
+}
+
+TEST_F(LockdepStorageTest, ABacktraceHasUpTo64Frames) {
+    EXPECT_EQ(take_lock_below(storage, lock, 100), 100);
+    EXPECT_EQ(frames_captured, 64);
+}
+
 TEST(LockdepBacktraceEntry, PutsTheDemangledNameFirst) {
     EXPECT_EQ(lockdep_backtrace_entry("/usr/sbin/lumd(_ZN15abstract_worker4funcEv+0x1f) [0x5512]"),
               "abstract_worker::func() _ZN15abstract_worker4funcEv + 0x1f");
@@ -243,6 +264,24 @@ TEST_F(LockdepMutexTest, ARecursiveLockTakenAndReleasedThreeTimesLeavesNoRecord)
     EXPECT_EQ(held(), 0u);
 }
 
+// A lock that notes how many locks are recorded when it is taken and when it is released.
+class record_counter {
+  public:
+    void lock() { counted.push_back(LockdepStorage::instance().size()); }
+    void unlock() { counted.push_back(LockdepStorage::instance().size()); }
+
+    static inline std::vector<std::size_t> counted;
+};
+
+TEST_F(LockdepMutexTest, IsRecordedAfterItIsTakenAndForgottenBeforeItIsReleased) {
+    LockdepLockable<record_counter> lock;
+    record_counter::counted.clear();
+    take(lock);
+    EXPECT_EQ(held(), 1u);
+    release(lock);
+    EXPECT_THAT(record_counter::counted, ElementsAre(0u, 0u));
+}
+
 TEST_F(LockdepMutexTest, NothingIsRecordedWhileTheSwitchIsOff) {
     LockdepStorage::lockdep_debug = false;
     LockdepMutex lock;
@@ -281,6 +320,37 @@ TEST_F(LockdepMutexTest, ExcludesOtherThreadsAndKeepsTheRecordsStraight) {
     EXPECT_EQ(held(), 0u);
 }
 
+// The checker's thread in a process of its own, whose sleeps pass at once: it finds a lock that was
+// taken `age` seconds before it begins. The status is how many times it has slept by then.
+void check_a_lock_taken(std::time_t age) {
+    constexpr unsigned patience =
+        30;  // seconds; neither may a checker that is blind go on for ever
+    constexpr std::size_t patient_sleeps = 100;
+    alarm(patience);
+    SleepClock clock(1000000);
+    clock.on_sleep = [&clock] {
+        if (clock.sleeps().size() > patient_sleeps)
+            _exit(patient_sleeps);
+    };
+    LockdepStorage& storage = LockdepStorage::instance();
+    const LockdepMutex lock{"stuck"};
+    storage.add_lock(&lock);
+    LockdepStorage_peer(storage).item(lock).locked_at -= age;
+    std::set_terminate(
+        [] { _exit(static_cast<int>(SleepClock::of_this_thread()->sleeps().size())); });
+    vexor_lockdep_thread_func();
+}
+
+TEST_F(LockdepMutexDeathTest, TheCheckersThreadLooksBeforeItSleeps) {
+    const LogCapture log;
+    EXPECT_EXIT(check_a_lock_taken(121), ExitedWithCode(0), "");
+    EXPECT_EQ(log.count("error: Deadlock on lock"), 1);
+}
+
+TEST_F(LockdepMutexDeathTest, TheCheckersThreadLooksOnceASecond) {
+    EXPECT_EXIT(check_a_lock_taken(118), ExitedWithCode(3), "");
+}
+
 // Releases a lock in a destructor that runs after those of all other static objects.
 struct outermost_locker {
     LockdepMutex lock{"late"};
@@ -299,7 +369,7 @@ TEST_F(LockdepMutexDeathTest, TheStorageOutlivesEveryStaticObject) {
             locks_at_the_end.held = true;
             std::exit(0);
         },
-        testing::ExitedWithCode(0), "");
+        ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "abstract_worker.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -23,6 +25,8 @@
 #include <utility>
 #include <vector>
 
+#include "sleep_clock.h"
+
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::IsEmpty;
@@ -37,6 +41,72 @@ extern "C" int eventfd(unsigned count, int flags) noexcept {
         return real(count, flags);
     errno = EMFILE;
     return -1;
+}
+
+namespace {
+
+// The descriptors of this thread's write(2) calls, while it lives.
+class WrittenDescriptors {
+  public:
+    WrittenDescriptors() { active = this; }
+    ~WrittenDescriptors() { active = nullptr; }
+    WrittenDescriptors(const WrittenDescriptors&) = delete;
+    WrittenDescriptors& operator=(const WrittenDescriptors&) = delete;
+
+    static void note(int descriptor) {
+        if (active != nullptr)
+            active->descriptors_.push_back(descriptor);
+    }
+    [[nodiscard]] const std::vector<int>& descriptors() const { return descriptors_; }
+
+  private:
+    static thread_local WrittenDescriptors* active;
+    std::vector<int> descriptors_;
+};
+thread_local WrittenDescriptors* WrittenDescriptors::active = nullptr;
+
+// What this thread's poll(2) is asked for and answers without waiting, while it lives.
+class ScriptedPoll {
+  public:
+    ScriptedPoll(int result, short revents) : result_(result), revents_(revents) { active = this; }
+    ~ScriptedPoll() { active = nullptr; }
+    ScriptedPoll(const ScriptedPoll&) = delete;
+    ScriptedPoll& operator=(const ScriptedPoll&) = delete;
+
+    static ScriptedPoll* of_this_thread() { return active; }
+    int answer(pollfd& descriptor, int timeout_ms) {
+        events_ = descriptor.events;
+        timeouts_.push_back(timeout_ms);
+        descriptor.revents = revents_;
+        return result_;
+    }
+    [[nodiscard]] short events() const { return events_; }
+    [[nodiscard]] const std::vector<int>& timeouts() const { return timeouts_; }
+
+  private:
+    static thread_local ScriptedPoll* active;
+    int result_;
+    short revents_;
+    short events_ = 0;
+    std::vector<int> timeouts_;
+};
+thread_local ScriptedPoll* ScriptedPoll::active = nullptr;
+
+}  // namespace
+
+extern "C" ssize_t write(int descriptor, const void* data, std::size_t size) {
+    using function = ssize_t (*)(int, const void*, std::size_t);
+    static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "write"));
+    WrittenDescriptors::note(descriptor);
+    return real(descriptor, data, size);
+}
+
+extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout_ms) {
+    using function = int (*)(pollfd*, nfds_t, int);
+    static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "poll"));
+    if (ScriptedPoll* const script = ScriptedPoll::of_this_thread())
+        return script->answer(*descriptors, timeout_ms);
+    return real(descriptors, count, timeout_ms);
 }
 
 namespace {
@@ -67,6 +137,7 @@ class script_worker : public abstract_worker {
 
     using abstract_worker::can_run;
     using abstract_worker::disconnect;
+    using abstract_worker::event_descriptor;
     using abstract_worker::process_eventfd;
 
     std::function<bool()> on_connect = [] { return true; };
@@ -166,6 +237,23 @@ TEST_F(AbstractWorker, DisconnectWithoutAConnectionDoesNothing) {
     EXPECT_THAT(worker.calls, IsEmpty());
 }
 
+TEST_F(AbstractWorker, PausesBetweenADisconnectAndTheNextConnect) {
+    SleepClock clock(0);
+    script_worker worker(run, 0, 300000);
+    std::vector<std::int64_t> connected_at;
+    worker.on_execute = [&, passes = 0]() mutable {
+        worker.can_run = false;
+        run = ++passes < 2;
+        return true;
+    };
+    worker.on_connect = [&] {
+        connected_at.push_back(clock.now_ms());
+        return connected_at.size() != 2;
+    };
+    worker.func();
+    EXPECT_THAT(connected_at, ElementsAre(0, 300, 600));
+}
+
 TEST_F(AbstractWorker, DoesNotPauseOnItsWayOut) {
     script_worker worker(run, 0, half_an_hour);
     worker.on_execute = stop_after(1);
@@ -186,6 +274,25 @@ TEST_F(AbstractWorker, WaitingWithoutAnEventTimesOut) {
     EXPECT_EQ(worker.process_eventfd(1), 0);
 }
 
+TEST_F(AbstractWorker, WaitsForItsExecuteDelayInMilliseconds) {
+    const ScriptedPoll poll(0, 0);
+    script_worker worker(run, 100000);
+    worker.on_execute = stop_after(2);
+    worker.func();
+    EXPECT_THAT(poll.timeouts(), ElementsAre(100, 100));
+    EXPECT_EQ(poll.events(), POLLIN);
+}
+
+TEST_F(AbstractWorker, AWaitThatFailsGivesTheResultOfPollAndReadsNothing) {
+    const script_worker worker(run, 0);
+    worker.put_event();
+    for (const auto& [result, revents] : {std::pair{-1, 0}, std::pair{1, POLLERR}}) {
+        const ScriptedPoll poll(result, static_cast<short>(revents));
+        EXPECT_EQ(worker.process_eventfd(1), result);
+    }
+    EXPECT_EQ(worker.process_eventfd(0), 8);
+}
+
 TEST_F(AbstractWorker, APassThatReturnedTrueWaitsForAnEvent) {
     script_worker worker(run, half_an_hour);
     worker.on_execute = stop_after(1, true);
@@ -203,11 +310,14 @@ TEST_F(AbstractWorker, APassThatReturnedFalseNeverWaits) {
 }
 
 TEST_F(AbstractWorker, AWorkerWithoutExecuteDelayNeverWaits) {
-    script_worker worker(run, 0);
-    worker.on_execute = stop_after(3, true);
-    worker.put_event();
-    worker.func();
-    EXPECT_EQ(worker.process_eventfd(0), 8) << "a wait took the event";
+    for (const int delay : {0, -half_an_hour}) {
+        run = true;
+        script_worker worker(run, delay);
+        worker.on_execute = stop_after(3, true);
+        worker.put_event();
+        worker.func();
+        EXPECT_EQ(worker.process_eventfd(0), 8) << "a wait took the event";
+    }
 }
 
 TEST_F(AbstractWorker, AnEventFromAnotherThreadEndsTheWait) {
@@ -317,6 +427,37 @@ TEST_F(AbstractWorker, KeepsNoDescriptorBehind) {
         EXPECT_EQ(descriptors(), before + 1);
     }
     EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(AbstractWorker, KeepsItsDescriptorFromTheProgramsThatItStarts) {
+    const script_worker worker(run, 0);
+    EXPECT_EQ(fcntl(worker.event_descriptor(), F_GETFD), FD_CLOEXEC);
+}
+
+// Descriptor 0 alone counts as none.
+TEST_F(AbstractWorker, AnEventIsWrittenAlsoWithADescriptorBelow0) {
+    eventfd_available = false;
+    const script_worker worker(run, 0);
+    eventfd_available = true;
+
+    const WrittenDescriptors written;
+    worker.put_event();
+    EXPECT_THAT(written.descriptors(), ElementsAre(-1));
+}
+
+TEST_F(AbstractWorker, NoEventIsWrittenToDescriptor0) {
+    const int standard_input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    {
+        const script_worker worker(run, 0);
+        ASSERT_EQ(worker.event_descriptor(), 0);
+        worker.put_event();
+        EXPECT_EQ(worker.process_eventfd(0), 0);
+    }
+    if (standard_input != -1) {
+        dup2(standard_input, STDIN_FILENO);
+        close(standard_input);
+    }
 }
 
 TEST_F(AbstractWorker, WithoutADescriptorItNeitherWaitsNorFails) {

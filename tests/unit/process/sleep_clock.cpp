@@ -57,9 +57,14 @@ SleepClock::~SleepClock() {
     active = nullptr;
 }
 
+const SleepClock* SleepClock::of_this_thread() {
+    return active;
+}
+
 void SleepClock::sleep_ms(std::int64_t ms) {
     sleeps_.push_back(ms);
     now_ms_ += ms;
+    on_sleep();
 }
 
 int SleepClock::select_ms(timeval& timeout) {

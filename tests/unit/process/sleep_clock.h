@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <vector>
 
 class SleepClock {
@@ -15,6 +16,11 @@ class SleepClock {
     ~SleepClock();
     SleepClock(const SleepClock&) = delete;
     SleepClock& operator=(const SleepClock&) = delete;
+
+    // The one that the calling thread lives by; null without one.
+    static const SleepClock* of_this_thread();
+
+    std::function<void()> on_sleep = [] {};  // called after each
 
     void advance_ms(std::int64_t ms) { now_ms_ += ms; }
     [[nodiscard]] std::int64_t now_ms() const { return now_ms_; }

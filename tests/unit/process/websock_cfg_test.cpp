@@ -214,6 +214,19 @@ TEST_F(WebsockCfg, AUrlWithoutPortOrPathLeavesTheServiceDisabledWithoutAMessage)
     }
 }
 
+TEST_F(WebsockCfg, AnIncompleteUrlLeavesWhatAnEarlierOneSaid) {
+    for (const char* url : {"ws://other:81", "ws://other/late", "other", ""}) {
+        const websock_cfg_t cfg =
+            from_file(std::string(rrm_url) + "orvanta_service_url=" + url + "\n");
+        const config_instance_t& service = cfg.instance[WS_INSTANCE_RRM];
+        EXPECT_TRUE(service.run) << url;
+        EXPECT_STREQ(service.domain, "service.example") << url;
+        EXPECT_EQ(service.port, 8080) << url;
+        EXPECT_STREQ(service.path, "/agent") << url;
+        EXPECT_EQ(cfg.error, 0) << url;
+    }
+}
+
 TEST_F(WebsockCfg, APathEndingRightAfterTheSlashIsTheRootWithEitherLineEnd) {
     for (const char* line :
          {"orvanta_service_url=ws://host:80/\n", "orvanta_service_url=ws://host:80/\r\n",
@@ -273,6 +286,15 @@ TEST_F(WebsockCfg, DelaysApplyToAllServices) {
     for (const config_instance_t& service : cfg.instance) {
         EXPECT_EQ(service.initial_connection_delay, 4u);
         EXPECT_EQ(service.max_connection_delay, 60u);
+    }
+}
+
+TEST_F(WebsockCfg, DelaysAreDecimalWhateverTheyBeginWith) {
+    const websock_cfg_t cfg =
+        from_file("initial_connection_delay=010\nmax_connection_delay=0x10\n");
+    for (const config_instance_t& service : cfg.instance) {
+        EXPECT_EQ(service.initial_connection_delay, 10u);
+        EXPECT_EQ(service.max_connection_delay, 0u);
     }
 }
 
