@@ -84,6 +84,12 @@ json_writer::json_writer(bool array, const json_writer& parent_writer, const cha
     json_object_put(std::exchange(obj, nullptr));
 }
 
+json_writer::json_writer(json_writer&& other) noexcept
+    : obj(std::exchange(other.obj, nullptr)),
+      is_array(other.is_array),
+      parent(other.parent),
+      idx(other.idx) {}
+
 int json_writer::adopt(const char* key, json_object* child) const {
     return is_array ? json_object_array_add(obj, child) : json_object_object_add(obj, key, child);
 }
@@ -99,6 +105,14 @@ json_writer json_writer::make_subobject(const char* key) const {
 
 json_writer json_writer::make_array(const char* key) const {
     return json_writer(true, *this, key);
+}
+
+json_writer json_writer::append_object() const {
+    return json_writer(false, *this, nullptr);
+}
+
+json_writer json_writer::append_array() const {
+    return json_writer(true, *this, nullptr);
 }
 
 void json_writer::insert_string(const char* key, const char* value) {

@@ -25,12 +25,20 @@ class json_writer {
     // end of an array.
     json_writer(bool array, const json_writer& parent_writer, const char* key);
 
+    // The other one fails from then on. Not while it has nested writers.
+    json_writer(json_writer&& other) noexcept;
     json_writer(const json_writer&) = delete;
     json_writer& operator=(const json_writer&) = delete;
+    json_writer& operator=(json_writer&&) = delete;
     ~json_writer();
 
+    // A nested writer under `key` of this object.
     [[nodiscard]] json_writer make_subobject(const char* key) const;
     [[nodiscard]] json_writer make_array(const char* key) const;
+
+    // The same at the end of this array.
+    [[nodiscard]] json_writer append_object() const;
+    [[nodiscard]] json_writer append_array() const;
 
     // Adds a member; the last value of a key stands. In an array puts the value behind those that
     // this writer inserted before and ignores the key: an array holds either inserted values or

@@ -296,8 +296,9 @@ void rrm_worker::increment_subscribe_timeout() {
 }
 
 json_writer rrm_worker::make_message(const char* cmd) const {
-    const char* mac = wl.get_mac();
-    return json_writer{"rrm", cmd, text_of(mac), protocol_version};
+    json_writer message{"rrm", cmd, text_of(wl.get_mac()), protocol_version};
+    message.insert_string("domain", ap_location);
+    return message;
 }
 
 void rrm_worker::post_subscribe_request() {
@@ -307,7 +308,6 @@ void rrm_worker::post_subscribe_request() {
     }
     trace.info("Subscribe to RRM service\n");
     json_writer message = make_message("subscribe-request");
-    message.insert_string("domain", ap_location);
     message.insert_int("ap-mac-count", ap_mac_count);
     message.insert_int("use-wildcard-80211r", use_wildcard_80211r);
     insert_json_factory(message);
@@ -318,7 +318,6 @@ void rrm_worker::post_subscribe_request() {
 void rrm_worker::post_unsubscribe_request() {
     trace.info("Unsubscribe from RRM service\n");
     json_writer message = make_message("unsubscribe-request");
-    message.insert_string("domain", ap_location);
     insert_json_factory(message);
     to_websocket.enqueue_json(message);
 }
@@ -326,7 +325,6 @@ void rrm_worker::post_unsubscribe_request() {
 void rrm_worker::post_disassoc_all() {
     trace.info("Send disassoc all clients to server\n");
     json_writer message = make_message("rrm-disassoc-all-clients");
-    message.insert_string("domain", ap_location);
     insert_json_factory(message);
     to_websocket.enqueue_json(message);
 }

@@ -85,7 +85,7 @@ class rrm_worker : public abstract_worker {
     void retry_subscribing();
     // Sends the first request of a series.
     void begin_subscribing();
-    // A message to the service that holds its header.
+    // A message to the service that begins with its header and "domain".
     [[nodiscard]] json_writer make_message(const char* cmd) const;
     void post_subscribe_request();
     void post_unsubscribe_request();
@@ -177,8 +177,25 @@ class rrm_worker : public abstract_worker {
 
     driver_interface& wl;
     timer_processor tp;
+
+    // The states of the subscription, and who moves it on. The timer is TIMER_SUBSCRIBE; from every
+    // state process_disconnected() leads offline and process_connected() begins anew.
+    //
+    //  state        subscribed  subscribing  timer
+    //  offline      false       false        -      process_connected(): to subscribing, or to
+    //                                               waiting without hostapd and sentry mode
+    //  waiting      false       true         -      process_started(): to subscribing
+    //  subscribing  false       true         armed  subscribe_request_timeout(): asks again;
+    //                                               process_subscribed(): to subscribed;
+    //                                               retry_subscribing(): asks again, later;
+    //                                               other refusals: to rejected;
+    //                                               process_hostapd_stopped() and a version that
+    //                                               is refused: to waiting
+    //  subscribed   true        false        -      stays until the link is lost
+    //  rejected     false       false        -      stays until the next link
     bool subscribed = false;   // the service accepted this access point on this connection
     bool subscribing = false;  // a subscribe request is outstanding or due
+
     std::set<unsigned> scan_channels_2;
     std::set<unsigned> scan_channels_5;
     std::string ap_location;
@@ -204,6 +221,8 @@ class rrm_worker : public abstract_worker {
     std::time_t hostapd_stopped_ts = 0;       // monotonic seconds; 0: not stopped
     unsigned hostapd_restart_timeout;         // seconds
     bool send_assoc_prohibited = false;       // hostapd is being restarted
+    // The load balancer's options, kept for it: until there is one, no command of the service sets
+    // the first, and nobody asks for the second.
     bool blacklist_enabled = false;
     bool no_balance_enterprise = false;
     bool orvanta_use_80211v = false;

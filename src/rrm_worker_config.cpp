@@ -52,7 +52,7 @@ void rrm_worker::apply_config(const json_reader& config) {
     orvanta_use_80211v = config.get_int("use-80211v") != 0;
     if (const std::optional<int> use_80211r = config.get_opt_int("use-80211r"))
         orvanta_use_80211r = *use_80211r != 0;
-    trace.info("%s orvanta_use_80211r = %d\n", "apply_config", orvanta_use_80211r);
+    trace.info("%s orvanta_use_80211r = %d\n", __func__, orvanta_use_80211r);
 
     const json_reader radios = config.get_subobject("radios");
     for (std::size_t i = 0; i < radios.array_length(); ++i) {
@@ -136,7 +136,7 @@ void rrm_worker::process_rrm_info(const json_reader& message) {
 }
 
 void rrm_worker::process_fbt_info(const json_reader& message) {
-    trace.info("%s orvanta_use_80211r = %d\n", "process_fbt_info", orvanta_use_80211r);
+    trace.info("%s orvanta_use_80211r = %d\n", __func__, orvanta_use_80211r);
     if (!orvanta_use_80211r) {
         wl.reset_orvanta_fbt(UNKNOWN);
         return;

@@ -97,7 +97,7 @@ void rrm_worker::process_notify_files() {
 // The driver answers nothing from the moment it takes hostapd for stopped, so a survey in flight
 // is ended before.
 void rrm_worker::process_hostapd_stopped() {
-    trace.info("process_hostapd_stopped : deinitializing\n");
+    trace.info("%s : deinitializing\n", __func__);
     send_assoc_prohibited = true;
     timespec now{};
     hostapd_stopped_ts = time_monotonic(now);
@@ -111,7 +111,7 @@ void rrm_worker::process_hostapd_stopped() {
 }
 
 void rrm_worker::process_hostapd_started() {
-    trace.info("process_hostapd_started : initializing\n");
+    trace.info("%s : initializing\n", __func__);
     hostapd_stopped_ts = 0;
     wl.set_hostapd_initialized(true);
     wl.close_vapcontext();
@@ -122,7 +122,7 @@ void rrm_worker::process_hostapd_started() {
 }
 
 void rrm_worker::process_guardd_started() {
-    trace.info("process_guardd_started : initializing\n");
+    trace.info("%s : initializing\n", __func__);
     hostapd_stopped_ts = 0;
     wl.set_vapcontext();
     process_started();
@@ -130,11 +130,11 @@ void rrm_worker::process_guardd_started() {
 
 void rrm_worker::process_started() {
     if (subscribing) {
-        trace.info("process_started : subscribing\n");
+        trace.info("%s : subscribing\n", __func__);
         tp.del_timer(TIMER_SUBSCRIBE);
         begin_subscribing();
     } else if (subscribed) {
-        trace.info("process_started : subscribed\n");
+        trace.info("%s : subscribed\n", __func__);
         take(config_updated_file);
         post_config_changed();
     }

@@ -91,7 +91,7 @@ std::string field_text(const char (&field)[size]) {
 }  // namespace
 
 void rrm_worker::insert_interface_to_json(json_writer& radios, const char* ifname, int radio) {
-    json_writer object{false, radios, nullptr};
+    json_writer object = radios.append_object();
     const bool in_use = wl.is_enabled(radio) && wl.has_enabled_vaps(radio);
     object.insert_int("id", radio);
     object.insert_int("status", in_use);
@@ -122,7 +122,7 @@ void rrm_worker::insert_live_lists(json_writer& object, const char* ifname, int 
 
 void rrm_worker::get_ssidlist_cb(json_writer& vaps, const driver_interface& driver, int radio,
                                  int vap, const char* ssid, const char* mac, bool dot11k) {
-    json_writer object{false, vaps, nullptr};
+    json_writer object = vaps.append_object();
     object.insert_int("id", vap);
     object.insert_string("ssid", ssid);
     object.insert_string("mac", mac);
@@ -131,7 +131,7 @@ void rrm_worker::get_ssidlist_cb(json_writer& vaps, const driver_interface& driv
 }
 
 void rrm_worker::get_assoclist_cb(json_writer& assoclist, const rrm_sta_s& sta) {
-    json_writer object{false, assoclist, nullptr};
+    json_writer object = assoclist.append_object();
     object.insert_string("mac", sta.mac);
     object.insert_string("ssid", sta.ssid);
     object.insert_int("rssi", sta.max_rssi == no_measurement ? 0 : sta.max_rssi);
@@ -159,7 +159,6 @@ void rrm_worker::post_config_changed() {
     json_writer message = make_message("rrm-config-changed");
     if (message.fail())
         return;
-    message.insert_string("domain", ap_location);
     insert_radios(message);
     to_websocket.enqueue_json(message);
 }

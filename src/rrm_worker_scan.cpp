@@ -30,7 +30,7 @@ std::string bssid_text(const std::array<std::uint8_t, 6>& bssid) {
 
 void insert_neighbour(const json_writer& table, const driver_interface& driver,
                       const ap_info& neighbour) {
-    json_writer entry{false, table, nullptr};
+    json_writer entry = table.append_object();
     entry.insert_string("bssid", bssid_text(neighbour.bssid));
     entry.insert_int("rssi", neighbour.signal);
     entry.insert_int("channel", neighbour.channel);
@@ -47,7 +47,7 @@ void insert_environment(const json_writer& message, const driver_interface& driv
     for (const ap_table& pass : environment) {
         if (pass.empty())
             continue;
-        const json_writer table{true, tables, nullptr};
+        const json_writer table = tables.append_array();
         for (const ap_info& neighbour : pass)
             insert_neighbour(table, driver, neighbour);
     }
@@ -60,7 +60,7 @@ void rrm_worker::process_rrm_update(const json_reader& message) {
         trace.info("Ignoring rrm-update because hostapd is not running\n");
         return;
     }
-    trace.info("process_rrm_update:\n");
+    trace.info("%s:\n", __func__);
     const int delay = message.get_int("rrm-scan-delay");
     disable_vexor_rrm_scanning = message.get_int("vexor-rrm-scanning") == 0;
     // On the vendor path the one delay counts twice: before the scan and before the report.
@@ -101,7 +101,7 @@ void rrm_worker::scan_delay_expired() {
 }
 
 void rrm_worker::scan_finished() {
-    trace.info("scan_finished\n");
+    trace.info("%s\n", __func__);
     if (scan_count >= environment.size())
         return;  // no pass is under way
     ap_table& table = environment[scan_count];
@@ -150,7 +150,6 @@ void rrm_worker::post_rrm_response() {
         return;
     }
     json_writer message = make_message("rrm-response");
-    message.insert_string("domain", ap_location);
     // Also false when the message itself could not be made.
     if (!insert_radios(message))
         return;
@@ -172,7 +171,6 @@ void rrm_worker::post_mode_response() {
         return;
     }
     json_writer message = make_message("rrm-mode-response");
-    message.insert_string("domain", ap_location);
     insert_radios(message);
     to_websocket.enqueue_json(message);
 }

@@ -85,7 +85,6 @@ void rrm_worker::process_trap_event(const json_reader& message) {
 
 void rrm_worker::post_client_assoc(const json_reader& event) {
     json_writer message = make_message("rrm-client-assoc");
-    message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
     message.insert_int("rssi", event.get_int("rssi"));
@@ -96,7 +95,6 @@ void rrm_worker::post_client_assoc(const json_reader& event) {
 
 void rrm_worker::post_client_disassoc(const json_reader& event) {
     json_writer message = make_message("rrm-client-disassoc");
-    message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
     message.insert_string("ssid", event.get_string("ssid"));
@@ -105,7 +103,6 @@ void rrm_worker::post_client_disassoc(const json_reader& event) {
 
 void rrm_worker::post_client_80211v_roam(const json_reader& event) {
     json_writer message = make_message("rrm-sta-roam");
-    message.insert_string("domain", ap_location);
     insert_radio_id(message, wl, event);
     message.insert_string("sta-mac", event.get_string("mac"));
     message.insert_string("ssid", event.get_string("ssid"));
@@ -115,7 +112,6 @@ void rrm_worker::post_client_80211v_roam(const json_reader& event) {
 
 void rrm_worker::post_sta_80211v_roam(const driver_event_desc& desc) {
     json_writer message = make_message("rrm-sta-roam");
-    message.insert_string("domain", ap_location);
     message.insert_int("radio", desc.radio);
     message.insert_string("sta-mac", desc.sta.mac);
     message.insert_string("ssid", desc.sta.ssid);
@@ -215,16 +211,15 @@ bool rrm_worker::if_remove_probe_response_timeout_cb(int radio, const libhubd::M
 
 void rrm_worker::post_rrm_probe_response() {
     json_writer message = make_message("rrm-probe-response");
-    message.insert_string("domain", ap_location);
     const json_writer radios = message.make_array("radios");
     bool reported = false;
     for (std::size_t radio = 0; radio < sta_environment.size(); ++radio) {
         _sta_table<sta_prob_info>& table = sta_environment[radio];
         if (table.empty())
             continue;
-        trace.debug("post_rrm_probe_response: radio %zd, prob_size %zd\n",
-                    static_cast<ssize_t>(radio), static_cast<ssize_t>(table.size()));
-        json_writer element{false, radios, nullptr};
+        trace.debug("%s: radio %zd, prob_size %zd\n", __func__, static_cast<ssize_t>(radio),
+                    static_cast<ssize_t>(table.size()));
+        json_writer element = radios.append_object();
         element.insert_int("id", static_cast<int>(radio));
         const json_writer probes = element.make_array("probe-list");
         table.if_remove([&](const libhubd::MacAddr& mac, const sta_prob_info& probe) {
@@ -245,7 +240,7 @@ bool rrm_worker::if_remove_post_rrm_probe_response_cb(int radio, const libhubd::
     const char* ssid = wl.VapIdToSsid(static_cast<unsigned>(probe.vap), radio);
     if (ssid == nullptr)
         return true;
-    json_writer entry{false, probes, nullptr};
+    json_writer entry = probes.append_object();
     entry.insert_string("mac", mac.str());
     entry.insert_string("ssid", ssid);
     entry.insert_int("rssi", probe.rssi);

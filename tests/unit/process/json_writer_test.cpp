@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -104,11 +105,20 @@ TEST_F(JsonWriterTest, AnArrayAppendsAndIgnoresKeys) {
 TEST_F(JsonWriterTest, AnArrayTakesNestedObjectsAndArrays) {
     json_writer list = writer.make_array("list");
     {
-        json_writer(false, list, nullptr).insert_int("a", 1);
+        list.append_object().insert_int("a", 1);
         json_writer(false, list, "ignored").insert_int("a", 2);
-        json_writer(true, list, nullptr).insert_int("", 3);
+        list.append_array().insert_int("", 3);
     }
     EXPECT_STREQ(writer.serialize(), R"({"list":[{"a":1},{"a":2},[3]]})");
+}
+
+TEST_F(JsonWriterTest, MovesItsOwnership) {
+    json_writer list = writer.make_array("list");
+    list.insert_int(nullptr, 1);
+    json_writer moved_list{std::move(list)};
+    moved_list.insert_int(nullptr, 2);
+    const json_writer moved{std::move(writer)};
+    EXPECT_STREQ(moved.serialize(), R"({"list":[1,2]})");
 }
 
 TEST_F(JsonWriterTest, NestsDeeply) {
