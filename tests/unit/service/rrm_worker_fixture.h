@@ -122,6 +122,23 @@ class RrmWorkerTest : public testing::Test {
         forget_reports();
     }
 
+    // With IEEE 802.11v steering on.
+    void subscribe_steering() { subscribe(R"({"use-80211v":1})"); }
+    void answer_503() { service_commands("subscribe-response", R"("status":"busy","code":503)"); }
+
+    // A generic survey of five passes that is in its first one.
+    void begin_survey() {
+        service_commands("rrm-update", R"("rrm-scan-channels":"1 6 11")");
+        ASSERT_TRUE(driver.in_progress);
+        forget_reports();
+    }
+    void send_event(driver_event event, int radio = 0) {
+        rrm_sta_s sta;
+        sta.mac = "aa:bb:cc:00:00:01";
+        driver.events.push_back({event, radio, sta});
+        worker->execute();
+    }
+
     // All messages for the websocket worker since the last forget_reports(), as texts.
     const std::vector<std::string>& reports() {
         while (
@@ -140,6 +157,7 @@ class RrmWorkerTest : public testing::Test {
         }
         return result;
     }
+    std::size_t subscribe_requests() { return reports_of("subscribe-request").size(); }
     void forget_reports() {
         reports();
         sent.clear();

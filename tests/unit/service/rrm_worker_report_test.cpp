@@ -63,6 +63,37 @@ TEST_F(RrmWorkerReportTest, ConfigChangedHasDomainAndRadiosAndNoFactory) {
             R"("bandwidth":80,"primary-channel":"none"}]})");
 }
 
+TEST_F(RrmWorkerReportTest, AtMostThreeRadiosAreReported) {
+    ON_CALL(driver, get_max_radios).WillByDefault(Return(5));
+    start_worker();
+    link("connected");
+    EXPECT_THAT(last_report(), HasSubstr(R"("id":2,)"));
+    EXPECT_THAT(last_report(), Not(HasSubstr(R"("id":3,)")));
+}
+
+TEST_F(RrmWorkerReportTest, EmptyAndMissingMacLeaveTheHeaderWithoutApMac) {
+    ON_CALL(driver, get_mac).WillByDefault(Return(nullptr));
+    peer().post_disassoc_all();
+    EXPECT_THAT(last_report(), HasSubstr(R"("cmd":"rrm-disassoc-all-clients","domain":"site-1")"));
+}
+
+TEST_F(RrmWorkerReportTest, FactoryFieldWithoutTerminatorEndsAtItsLastCharacter) {
+    std::fill(std::begin(driver.factory.hw), std::end(driver.factory.hw), 'x');
+    peer().post_disassoc_all();
+    EXPECT_THAT(last_report(), HasSubstr(R"("hw":")" + std::string(32, 'x') + R"(","serial")"));
+}
+
+TEST_F(RrmWorkerReportTest, StopDuringAReportAsksTheStoreNoMore) {
+    ON_CALL(driver, is_wids_enabled).WillByDefault([this](int radio) {
+        run_flag = run_flag && radio == 0;
+        return false;
+    });
+    link("connected");
+    EXPECT_THAT(vaultd.paths(),
+                ElementsAre("/orvanta/dca", "/orvanta/tpc", "/orvanta/load-balance-80211v"))
+        << "of the first radio alone";
+}
+
 // --- Radios not in use ---
 
 TEST_F(RrmWorkerReportTest, DisabledRadioReportsDefaultsAndNoLists) {

@@ -377,6 +377,7 @@ TEST_F(RrmWorkerSteeringTest, NothingAgesByItself) {
         advance(1);
     EXPECT_EQ(peer().sta_environment()[0].find(client)->timeout, 3);
     EXPECT_EQ(*peer().sta_block()[0].find(client), 3);
+    EXPECT_THAT(driver.unblocked, IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
