@@ -50,12 +50,21 @@ std::string to_utf8(std::string_view text) {
     return result;
 }
 
+bool is_ascii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 json_object* new_string(std::string_view text) {
-    const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
     std::string utf8;
-    if (!std::all_of(text.begin(), text.end(), is_ascii))
+    if (!is_ascii(text))
         text = utf8 = to_utf8(text);
     return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+// `key`, or what it is well-formed, which then lives in `utf8`.
+const char* well_formed(const char* key, std::string& utf8) {
+    return is_ascii(key) ? key : (utf8 = to_utf8(key)).c_str();
 }
 
 }  // namespace
@@ -91,7 +100,9 @@ json_writer::json_writer(json_writer&& other) noexcept
       idx(other.idx) {}
 
 int json_writer::adopt(const char* key, json_object* child) const {
-    return is_array ? json_object_array_add(obj, child) : json_object_object_add(obj, key, child);
+    std::string utf8;
+    return is_array ? json_object_array_add(obj, child)
+                    : json_object_object_add(obj, well_formed(key, utf8), child);
 }
 
 json_writer::~json_writer() {
@@ -137,8 +148,9 @@ void json_writer::insert(const char* key, json_object* value) {
 }
 
 int json_writer::put(const char* key, json_object* value) {
+    std::string utf8;
     return is_array ? json_object_array_put_idx(obj, static_cast<std::size_t>(idx++), value)
-                    : json_object_object_add(obj, key, value);
+                    : json_object_object_add(obj, well_formed(key, utf8), value);
 }
 
 const char* json_writer::serialize() const {

@@ -44,7 +44,8 @@ class json_writer {
     // this writer inserted before and ignores the key: an array holds either inserted values or
     // nested writers' objects, not both. A null text adds nothing. An SSID may be any bytes (IEEE
     // 802.11, 9.4.2.2), a text frame may not (RFC 6455, 8.1): what is no UTF-8 becomes U+FFFD, each
-    // byte of it.
+    // byte of it. That holds for every key too, so that a name that a text gives is the same text
+    // as a value.
     void insert_string(const char* key, const char* value);
     void insert_string(const char* key, const std::string& value);
     void insert_int(const char* key, int value);

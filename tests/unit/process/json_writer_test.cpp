@@ -52,6 +52,15 @@ TEST(JsonWriter, ReplacesEachByteThatIsNoUtf8) {
         EXPECT_EQ(as_received(four), "\uFFFD\uFFFD\uFFFD\uFFFD");
 }
 
+TEST(JsonWriter, WritesAKeyLikeAValue) {
+    json_writer writer{"", "", "", ""};
+    const char* names[] = {"caf\xE9", "\xE9t\xE9", "caf\u00e9 1"};
+    writer.insert_int(names[0], 1);
+    writer.make_subobject(names[1]).insert_string(names[2], names[2]);
+    EXPECT_STREQ(writer.serialize(),
+                 "{\"caf\uFFFD\":1,\"\uFFFDt\uFFFD\":{\"caf\u00e9 1\":\"caf\u00e9 1\"}}");
+}
+
 class JsonWriterTest : public testing::Test {
   protected:
     json_writer writer{"", "", "", ""};
@@ -77,6 +86,12 @@ TEST_F(JsonWriterTest, EscapesTexts) {
     EXPECT_STREQ(writer.serialize(), R"({"a":"quote \" and \n","b":"nul\u0000inside"})");
 }
 
+// As any JSON text may (RFC 8259, section 7); the service compares texts byte by byte.
+TEST_F(JsonWriterTest, EscapesTheSolidus) {
+    writer.insert_string("a/b", "/tmp/x");
+    EXPECT_STREQ(writer.serialize(), R"({"a\/b":"\/tmp\/x"})");
+}
+
 TEST_F(JsonWriterTest, ANullTextAddsNothing) {
     writer.insert_string("a", static_cast<const char*>(nullptr));
     EXPECT_STREQ(writer.serialize(), "{}");
@@ -100,6 +115,14 @@ TEST_F(JsonWriterTest, AnArrayAppendsAndIgnoresKeys) {
     list.insert_int("ignored", 2);
     list.insert_int(nullptr, 3);
     EXPECT_STREQ(writer.serialize(), R"({"list":["one",2,3]})");
+}
+
+TEST_F(JsonWriterTest, AnInsertedValueTakesTheSlotOfItsNumber) {
+    json_writer list = writer.make_array("list");
+    { const json_writer replaced = list.append_object(); }
+    list.insert_int(nullptr, 1);
+    list.insert_int(nullptr, 2);
+    EXPECT_STREQ(writer.serialize(), R"({"list":[1,2]})");
 }
 
 TEST_F(JsonWriterTest, AnArrayTakesNestedObjectsAndArrays) {
