@@ -23,9 +23,13 @@ bool exists(const char* path) {
     return access(path, F_OK) == 0;
 }
 
-// Removes the file; whether there was one.
+// Removes the file; whether there was one. A sibling's that must not be removed (/tmp is sticky)
+// was there all the same.
 bool take(const char* path) {
-    return unlink(path) == 0;
+    if (!exists(path))
+        return false;
+    unlink(path);
+    return true;
 }
 
 }  // namespace
