@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -82,12 +81,6 @@ void insert_channel(json_writer& object, const driver_interface& driver, const c
     object.insert_string("primary-channel", driver.chanspec_primary(spec));
 }
 
-// A text that fills its field has no NUL behind it.
-template <std::size_t size>
-std::string field_text(const char (&field)[size]) {
-    return {field, strnlen(field, size)};
-}
-
 }  // namespace
 
 void rrm_worker::insert_interface_to_json(json_writer& radios, const char* ifname, int radio) {
@@ -149,10 +142,10 @@ bool rrm_worker::insert_radios(json_writer& message) {
 void rrm_worker::insert_json_factory(json_writer& message) {
     const lumd_factory_t& data = wl.get_factory();
     json_writer factory = message.make_subobject("factory");
-    factory.insert_string("board", field_text(data.board));
-    factory.insert_string("hw", field_text(data.hw));
-    factory.insert_string("serial", field_text(data.serial));
-    factory.insert_string("mac", field_text(data.mac));
+    factory.insert_string("board", data.board);
+    factory.insert_string("hw", data.hw);
+    factory.insert_string("serial", data.serial);
+    factory.insert_string("mac", data.mac);
 }
 
 void rrm_worker::post_config_changed() {

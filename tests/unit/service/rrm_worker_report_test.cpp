@@ -77,10 +77,11 @@ TEST_F(RrmWorkerReportTest, EmptyAndMissingMacLeaveTheHeaderWithoutApMac) {
     EXPECT_THAT(last_report(), HasSubstr(R"("cmd":"rrm-disassoc-all-clients","domain":"site-1")"));
 }
 
-TEST_F(RrmWorkerReportTest, FactoryFieldWithoutTerminatorEndsAtItsLastCharacter) {
-    std::fill(std::begin(driver.factory.hw), std::end(driver.factory.hw), 'x');
-    peer().post_disassoc_all();
-    EXPECT_THAT(last_report(), HasSubstr(R"("hw":")" + std::string(32, 'x') + R"(","serial")"));
+TEST_F(RrmWorkerReportTest, FactoryTextMayFillItsFieldUpToTheNul) {
+    std::fill(std::begin(driver.factory.hw), std::end(driver.factory.hw) - 1, 'x');
+    driver.factory.hw[sizeof driver.factory.hw - 1] = 0;
+    link("connected");
+    EXPECT_THAT(last_report(), HasSubstr(R"("hw":")" + std::string(31, 'x') + R"(","serial")"));
 }
 
 TEST_F(RrmWorkerReportTest, StopDuringAReportAsksTheStoreNoMore) {
