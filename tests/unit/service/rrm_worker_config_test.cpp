@@ -25,6 +25,8 @@ std::string repeated(const std::string& element, std::size_t count) {
 
 class RrmWorkerConfigTest : public RrmWorkerTest {
   protected:
+    RrmWorkerConfigTest() { subscribe(); }
+
     void info(const std::string& fields) { service_commands("rrm-info", fields); }
     // An "rrm-info" that allows everything and holds these "radios" elements.
     void configure(const std::string& elements) {
@@ -61,6 +63,7 @@ TEST_F(RrmWorkerConfigTest, AppliesEverythingInOrderAndSparesALockedRadio) {
         EXPECT_CALL(driver, set_vexor_roam_attempt_timeout(StrEq("wlan1"), 40));
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan0-va0")));
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va0")));
+        EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va2")));
         EXPECT_CALL(driver,
                     set_rrm_nbr_ap_list(StrEq("aa:00:00:00:00:01"), StrEq("home"), 6, 3, 0));
         EXPECT_CALL(driver,
@@ -79,16 +82,16 @@ TEST_F(RrmWorkerConfigTest, AppliesEverythingInOrderAndSparesALockedRadio) {
          R"({"neighbour-mac":"bb:00:00:00:00:00","channel":36,"priority":7,"vaps":[)"
          R"({"ssid":"home","mac":"bb:00:00:00:00:01"}]}])");
     testing::Mock::VerifyAndClearExpectations(&driver);
-    EXPECT_TRUE(peer().orvanta_use_80211v());
-    EXPECT_TRUE(peer().orvanta_use_80211r());
+    EXPECT_TRUE(is_steering());
+    EXPECT_TRUE(takes_fast_transition());
     EXPECT_TRUE(peer().no_balance_enterprise());
 }
 
 TEST_F(RrmWorkerConfigTest, IgnoresRrmInfoWhileHostapdIsNotInitialised) {
     driver.hostapd_up = false;
     info(R"("use-tpc":1,"use-80211v":1,"use-80211r":1,"radios":[{"id":0,"power":12}])");
-    EXPECT_FALSE(peer().orvanta_use_80211v());
-    EXPECT_FALSE(peer().orvanta_use_80211r());
+    EXPECT_FALSE(is_steering());
+    EXPECT_FALSE(takes_fast_transition());
     EXPECT_THAT(driver.power_calls, IsEmpty());
     EXPECT_THAT(driver.cleared_neighbour_lists, IsEmpty());
     EXPECT_TRUE(log.contains("info: Ignoring rrm-info because hostapd is not running"));
@@ -97,38 +100,52 @@ TEST_F(RrmWorkerConfigTest, IgnoresRrmInfoWhileHostapdIsNotInitialised) {
 TEST_F(RrmWorkerConfigTest, AppliesTheConfigOfASubscribeResponse) {
     subscribe(R"({"use-tpc":1,"use-80211v":1,"radios":[{"id":1,"power":9}]})");
     EXPECT_THAT(driver.power_calls, ElementsAre(IfnameValue{"wlan1", 9}));
-    EXPECT_TRUE(peer().orvanta_use_80211v());
+    EXPECT_TRUE(is_steering());
 }
 
 // --- switches ---
 
 TEST_F(RrmWorkerConfigTest, AMissingUse80211vSwitchesSteeringOff) {
     info(R"("use-80211v":1)");
-    ASSERT_TRUE(peer().orvanta_use_80211v());
+    ASSERT_TRUE(is_steering());
     info("");
-    EXPECT_FALSE(peer().orvanta_use_80211v());
+    EXPECT_FALSE(is_steering());
 }
 
 TEST_F(RrmWorkerConfigTest, AMissingUse80211rLeavesFastTransitionAsItWas) {
     info(R"("use-80211r":1)");
     info("");
-    EXPECT_TRUE(peer().orvanta_use_80211r());
+    EXPECT_TRUE(takes_fast_transition());
     EXPECT_EQ(log.count("info: apply_config orvanta_use_80211r = 1"), 2);
     info(R"("use-80211r":0)");
-    EXPECT_FALSE(peer().orvanta_use_80211r());
+    EXPECT_FALSE(takes_fast_transition());
     EXPECT_EQ(log.count("info: apply_config orvanta_use_80211r = 0"), 1);
 }
 
 TEST_F(RrmWorkerConfigTest, ANullUse80211rIsPresentAndReadsAsOff) {
     info(R"("use-80211r":1)");
     info(R"("use-80211r":null)");
-    EXPECT_FALSE(peer().orvanta_use_80211r());
+    EXPECT_FALSE(takes_fast_transition());
 }
 
 TEST_F(RrmWorkerConfigTest, AnyNonZeroSwitchIsOn) {
     info(R"("use-80211v":-1,"use-80211r":7)");
-    EXPECT_TRUE(peer().orvanta_use_80211v());
-    EXPECT_TRUE(peer().orvanta_use_80211r());
+    EXPECT_TRUE(is_steering());
+    EXPECT_TRUE(takes_fast_transition());
+}
+
+TEST_F(RrmWorkerConfigTest, AnyNonZeroUseTpcAllowsPowerChanges) {
+    info(R"("use-tpc":2,"radios":[{"id":0,"power":3}])");
+    info(R"("use-tpc":-1,"radios":[{"id":0,"power":4}])");
+    EXPECT_THAT(driver.power_calls, ElementsAre(IfnameValue{"wlan0", 3}, IfnameValue{"wlan0", 4}));
+}
+
+TEST_F(RrmWorkerConfigTest, AnyNonZeroUseDcaAllowsChannelSwitches) {
+    info(R"("use-dca":2,"radios":[{"id":0,"channel":11}])");
+    info(R"("use-dca":-1,"radios":[{"id":0,"channel":1}])");
+    EXPECT_THAT(driver.channel_calls,
+                ElementsAre(ChannelCall{"wlan0", 11, 20, PRIMARY_CHANNEL_NONE},
+                            ChannelCall{"wlan0", 1, 20, PRIMARY_CHANNEL_NONE}));
 }
 
 TEST_F(RrmWorkerConfigTest, UseDcaOffSuppressesEveryChannelSwitch) {
@@ -195,6 +212,12 @@ TEST_F(RrmWorkerConfigTest, IgnoresThePrimarySideAtEightyMegahertz) {
 TEST_F(RrmWorkerConfigTest, ChannelZeroChangesNothing) {
     configure(R"({"id":0,"channel":0,"bandwidth":40,"primary-channel":"upper"})");
     EXPECT_THAT(driver.channel_calls, IsEmpty());
+}
+
+TEST_F(RrmWorkerConfigTest, ANegativeChannelIsTheDriversToJudge) {
+    configure(R"({"id":0,"channel":-6,"bandwidth":-20})");
+    EXPECT_THAT(driver.channel_calls,
+                ElementsAre(ChannelCall{"wlan0", -6, -20, PRIMARY_CHANNEL_NONE}));
 }
 
 TEST_F(RrmWorkerConfigTest, TellsTheSystemLogOfEachChannelSwitch) {
@@ -297,9 +320,16 @@ TEST_F(RrmWorkerConfigTest, AConfigurationWithoutRadiosKeepsTheEnterpriseOption)
 
 // --- neighbours ---
 
+TEST_F(RrmWorkerConfigTest, SparesTheNeighbourListOfAVapThatIsDownThoughItHasAName) {
+    driver.radios[1].vaps[0].up = false;
+    ASSERT_STREQ(driver.VapIdToVap(0, 1), "wlan1-va0");
+    info("");
+    EXPECT_THAT(driver.cleared_neighbour_lists, ElementsAre("wlan0-va0", "wlan1-va2"));
+}
+
 TEST_F(RrmWorkerConfigTest, ClearsTheNeighbourListsEvenWithoutRadiosOrNeighbours) {
     info("");
-    EXPECT_THAT(driver.cleared_neighbour_lists, ElementsAre("wlan0-va0", "wlan1-va0"));
+    EXPECT_THAT(driver.cleared_neighbour_lists, ElementsAre("wlan0-va0", "wlan1-va0", "wlan1-va2"));
     EXPECT_THAT(driver.neighbour_calls, IsEmpty());
 }
 
@@ -375,6 +405,13 @@ TEST_F(RrmWorkerConfigTest, PushesTheFastTransitionDocumentOfAVap) {
     EXPECT_TRUE(log.contains("info: process_fbt_info orvanta_use_80211r = 1"));
 }
 
+TEST_F(RrmWorkerConfigTest, NamesTheVapByItsRadioAndItsOwnNumber) {
+    fbt_info(
+        R"({"vap_id":2,"radio_id":1,"r0-key-holder-id":"a","r1-key-holder-id":"b","remotes":[]})");
+    ASSERT_THAT(driver.fbt_params, SizeIs(1));
+    EXPECT_EQ(driver.fbt_params[0].first, "wlan1-va2");
+}
+
 TEST_F(RrmWorkerConfigTest, StartsThePushBeforeAndFinishesItAfterTheVaps) {
     switch_80211r_on();
     const InSequence order;
@@ -395,8 +432,27 @@ TEST_F(RrmWorkerConfigTest, StartsAndFinishesThePushWithoutAnyVap) {
     service_commands("fbt-info");
     EXPECT_EQ(driver.fbt_starts, 1);
     EXPECT_EQ(driver.fbt_finishes, 1);
-    EXPECT_EQ(peer().fbt_reassoc_deadline(), 0);
-    EXPECT_FALSE(peer().fbt_over_ds());
+}
+
+TEST_F(RrmWorkerConfigTest, AMissingDeadlineAndSwitchReadAsZero) {
+    switch_80211r_on();
+    service_commands("fbt-info", R"("vaps":[{"r0-key-holder-id":"a","r1-key-holder-id":"b",)"
+                                 R"("remotes":[]}])");
+    ASSERT_THAT(driver.fbt_params, SizeIs(1));
+    EXPECT_THAT(driver.fbt_params[0].second, testing::HasSubstr(R"("ft-over-ds":"false")"));
+    EXPECT_THAT(driver.fbt_params[0].second, testing::HasSubstr(R"("reassociation-deadline":0)"));
+}
+
+TEST_F(RrmWorkerConfigTest, AnyNonZeroFbtOverDsIsOn) {
+    switch_80211r_on();
+    for (const char* value : {"2", "-1"}) {
+        driver.fbt_params.clear();
+        service_commands("fbt-info", R"("fbt-over-ds":)" + std::string{value} +
+                                         R"(,"vaps":[{"r0-key-holder-id":"a",)"
+                                         R"("r1-key-holder-id":"b","remotes":[]}])");
+        ASSERT_THAT(driver.fbt_params, SizeIs(1)) << value;
+        EXPECT_THAT(driver.fbt_params[0].second, testing::HasSubstr(R"("ft-over-ds":"true")"));
+    }
 }
 
 TEST_F(RrmWorkerConfigTest, WritesTheOverTheAirSwitchAsFalse) {
@@ -436,6 +492,16 @@ TEST_F(RrmWorkerConfigTest, OfTwoRemotesWithOneNameTheLaterStands) {
                 testing::EndsWith(R"("mac":{"x":{"name":"x","index":"1","r1-kh-id":"x"}}}})"));
 }
 
+TEST_F(RrmWorkerConfigTest, ARemoteWhoseNameIsNoUtf8IsNamedAsItsObject) {
+    fbt_info(
+        "{\"r0-key-holder-id\":\"a\",\"r1-key-holder-id\":\"b\",\"remotes\":["
+        "{\"remote-r1-kh-id\":\"caf\xE9\"}]}");
+    ASSERT_THAT(driver.fbt_params, SizeIs(1));
+    EXPECT_THAT(driver.fbt_params[0].second,
+                testing::EndsWith("\"mac\":{\"caf\uFFFD\":{\"name\":\"caf\uFFFD\",\"index\":\"0\","
+                                  "\"r1-kh-id\":\"caf\uFFFD\"}}}}"));
+}
+
 TEST_F(RrmWorkerConfigTest, PushesNothingForAVapWithoutRemotes) {
     fbt_info(R"({"r0-key-holder-id":"a","r1-key-holder-id":"b"})");
     EXPECT_THAT(driver.fbt_params, IsEmpty());
@@ -450,6 +516,29 @@ TEST_F(RrmWorkerConfigTest, SkipsAVapThatTheAccessPointDoesNotHave) {
     EXPECT_EQ(driver.fbt_params[0].first, "wlan1-va0");
     EXPECT_EQ(driver.fbt_finishes, 1);
     EXPECT_THAT(driver.fbt_resets, IsEmpty());
+}
+
+TEST_F(RrmWorkerConfigTest, SkipsAVapThatIsDownThoughItHasAName) {
+    driver.radios[0].vaps[1].up = false;
+    ASSERT_STREQ(driver.VapIdToVap(1, 0), "wlan0-va1");
+    fbt_info(
+        R"({"vap_id":1,"radio_id":0,"r0-key-holder-id":"a","r1-key-holder-id":"b","remotes":[]},)"
+        R"({"vap_id":0,"radio_id":0,"r0-key-holder-id":"a","r1-key-holder-id":"b","remotes":[]})");
+    ASSERT_THAT(driver.fbt_params, SizeIs(1));
+    EXPECT_EQ(driver.fbt_params[0].first, "wlan0-va0");
+    EXPECT_EQ(driver.fbt_finishes, 1);
+}
+
+TEST_F(RrmWorkerConfigTest, AMissingKeyHolderAbandonsTheMessageWithoutRemotesToo) {
+    const std::string good = R"({"r0-key-holder-id":"a","r1-key-holder-id":"b","remotes":[]})";
+    for (const char* broken : {R"({"r0-key-holder-id":"a"})", R"({"r1-key-holder-id":"b"})"}) {
+        driver.fbt_params.clear();
+        driver.fbt_resets.clear();
+        fbt_info(broken + ("," + good));
+        EXPECT_THAT(driver.fbt_params, IsEmpty()) << broken;
+        EXPECT_THAT(driver.fbt_resets, ElementsAre(UNKNOWN)) << broken;
+    }
+    EXPECT_EQ(driver.fbt_finishes, 0);
 }
 
 TEST_F(RrmWorkerConfigTest, AMissingKeyHolderAbandonsTheWholeMessage) {

@@ -8,7 +8,20 @@ using testing::IsEmpty;
 using testing::Return;
 using testing::SizeIs;
 
-using RrmWorkerDispatchTest = RrmWorkerTest;
+class RrmWorkerDispatchTest : public RrmWorkerTest {
+  protected:
+    // A message whose effect shows at the driver.
+    static std::string power_command(int power) {
+        return command("rrm-info",
+                       R"("use-tpc":1,"radios":[{"id":0,"power":)" + std::to_string(power) + "}]");
+    }
+    [[nodiscard]] std::vector<int> powers_set() const {
+        std::vector<int> powers;
+        for (const IfnameValue& call : driver.power_calls)
+            powers.push_back(call.second);
+        return powers;
+    }
+};
 
 // --- Dispatch ---
 
@@ -64,7 +77,7 @@ TEST_P(DroppedMessageTest, HasNoEffectFromTheServiceNorFromTheBus) {
     bus_sends(GetParam());
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_EQ(log.lines().size(), lines);
-    EXPECT_TRUE(peer().subscribed());
+    EXPECT_TRUE(is_subscribed());
     EXPECT_TRUE(exists(connected_flag));
     EXPECT_THAT(driver.scans, IsEmpty());
 
@@ -144,13 +157,8 @@ TEST_F(RrmWorkerDispatchTest, LastOfSeveralEqualKeysStands) {
 
 TEST_F(RrmWorkerDispatchTest, OnePassTakesOneMessageOfEachQueue) {
     for (safe_queue* queue : {&from_websocket, &from_ipc}) {
-        for (int i = 0; i < 2; ++i) {
-            const auto buffer = std::make_shared<buffer_info_t>();
-            const std::string text =
-                R"({"version":"2.4","service":"rrm","cmd":"rrm-request-mode"})";
-            buffer->append(text.data(), static_cast<unsigned>(text.size()));
-            queue->enqueue(buffer);
-        }
+        for (int i = 0; i < 2; ++i)
+            put(*queue, command("rrm-request-mode"));
     }
     worker->execute();
     EXPECT_THAT(reports(), SizeIs(2));
@@ -158,20 +166,83 @@ TEST_F(RrmWorkerDispatchTest, OnePassTakesOneMessageOfEachQueue) {
     EXPECT_THAT(reports(), SizeIs(4));
 }
 
+// --- The order of one pass ---
+
+TEST_F(RrmWorkerDispatchTest, DueTimersComeBeforeMessages) {
+    link("connected");
+    clock.advance(30);
+    put(from_websocket, command("subscribe-response", R"("status":"success")"));
+    worker->execute();
+    EXPECT_EQ(subscribe_requests(), 2U);
+}
+
+TEST_F(RrmWorkerDispatchTest, TheServicesMessageComesBeforeThatOfTheBus) {
+    put(from_ipc, power_command(2));
+    put(from_websocket, power_command(1));
+    worker->execute();
+    EXPECT_THAT(powers_set(), ElementsAre(1, 2));
+}
+
+TEST_F(RrmWorkerDispatchTest, AParkedMessageComesAfterTheNewOnes) {
+    subscribe();
+    begin_survey();
+    service_sends(power_command(3));
+    driver.in_progress = false;
+    put(from_ipc, power_command(2));
+    put(from_websocket, power_command(1));
+    worker->execute();
+    EXPECT_THAT(powers_set(), ElementsAre(1, 2, 3));
+}
+
+TEST_F(RrmWorkerDispatchTest, TheDriversEventsComeLast) {
+    subscribe();
+    begin_survey();
+    switch_steering(true);
+    driver.in_progress = false;
+    send_event(RRM_STA_ROAM);
+    EXPECT_THAT(reports_of("rrm-sta-roam"), SizeIs(1)) << "steering is on since this pass";
+
+    put(from_websocket, R"({"service":"internal-ipc","cmd":"disconnected"})");
+    send_event(RRM_STA_ROAM);
+    EXPECT_THAT(reports_of("rrm-sta-roam"), SizeIs(1));
+}
+
 // --- Messages during a scan ---
 
 TEST_F(RrmWorkerDispatchTest, RrmInfoDuringAScanIsHandledAfterIt) {
     subscribe();
     begin_survey();
-    service_commands("rrm-info", R"("use-80211v":1)");
+    switch_steering(true);
     EXPECT_TRUE(log.contains("Pending message for delayed processing"));
-    EXPECT_FALSE(peer().orvanta_use_80211v());
+    EXPECT_FALSE(is_steering());
     worker->execute();
-    EXPECT_FALSE(peer().orvanta_use_80211v()) << "the scan still runs";
+    EXPECT_FALSE(is_steering()) << "the scan still runs";
     driver.in_progress = false;
     worker->execute();
     EXPECT_TRUE(log.contains("From pended"));
-    EXPECT_TRUE(peer().orvanta_use_80211v());
+    EXPECT_TRUE(is_steering());
+}
+
+TEST_F(RrmWorkerDispatchTest, MessageOfTheBusIsParkedLikeThatOfTheService) {
+    subscribe();
+    begin_survey();
+    bus_sends(power_command(7));
+    EXPECT_TRUE(log.contains("Pending message for delayed processing"));
+    EXPECT_THAT(powers_set(), IsEmpty());
+    driver.in_progress = false;
+    worker->execute();
+    EXPECT_THAT(powers_set(), ElementsAre(7));
+}
+
+TEST_F(RrmWorkerDispatchTest, VersionOfAParkedMessageIsLookedAtAfterTheScan) {
+    subscribe();
+    begin_survey();
+    service_sends(R"({"version":"1.0","service":"rrm","cmd":"rrm-info"})");
+    EXPECT_TRUE(log.contains("Pending message for delayed processing"));
+    EXPECT_THAT(reports(), IsEmpty());
+    driver.in_progress = false;
+    worker->execute();
+    EXPECT_THAT(reports_of("unsubscribe-request"), SizeIs(1));
 }
 
 TEST_F(RrmWorkerDispatchTest, ParkedMessagesAreTakenOnePerPass) {
@@ -210,7 +281,7 @@ TEST_F(RrmWorkerDispatchTest, InternalAndTrapMessagesAreNotParked) {
     bus_sends(R"({"command":"wifi-client-trap","event":{"type":"auth"}})");
     EXPECT_THAT(reports_of("rrm-client-assoc"), SizeIs(1));
     link("disconnected");
-    EXPECT_FALSE(peer().subscribed());
+    EXPECT_FALSE(is_subscribed());
 }
 
 class AbortingCommandTest : public RrmWorkerDispatchTest,
@@ -281,7 +352,7 @@ TEST_F(RrmWorkerDispatchTest, LinkLostDuringAScanDoesNotLeaveTheWorkerDeaf) {
     EXPECT_THAT(peer().environment()[0], IsEmpty());
     link("connected");
     service_commands("subscribe-response", R"("status":"success")");
-    EXPECT_TRUE(peer().subscribed());
+    EXPECT_TRUE(is_subscribed());
     EXPECT_FALSE(log.contains("Pending message"));
 
     advance(100);

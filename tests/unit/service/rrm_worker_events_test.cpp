@@ -9,7 +9,7 @@ using testing::SizeIs;
 using RrmWorkerEventsTest = RrmWorkerTest;
 
 TEST_F(RrmWorkerEventsTest, EventsReachNoHandlerWhileNotSubscribed) {
-    peer().orvanta_use_80211v() = true;
+    switch_steering(true);
     send_event(RRM_STA_ROAM);
     send_event(RRM_CHANSPEC_ACSD);
     advance(20);
@@ -24,7 +24,7 @@ TEST_F(RrmWorkerEventsTest, RoamEventIsReportedWhenSteeringOrBlacklistingIsOn) {
     send_event(RRM_STA_ROAM);
     EXPECT_THAT(reports_of("rrm-sta-roam"), SizeIs(1));
     peer().blacklist_enabled() = false;
-    peer().orvanta_use_80211v() = true;
+    switch_steering(true);
     send_event(RRM_STA_ROAM);
     EXPECT_THAT(reports_of("rrm-sta-roam"), SizeIs(2));
 }

@@ -21,36 +21,25 @@
 #include "test_bus.h"
 #include "test_clock.h"
 
-// State of a worker that no message shows.
+// State of a worker that no message shows: what is overwritten before it is used, and the tables of
+// the load balancer that there is not yet.
 class rrm_worker_peer {
   public:
     explicit rrm_worker_peer(rrm_worker& worker) : w(worker) {}
 
-    [[nodiscard]] bool subscribed() const { return w.subscribed; }
-    [[nodiscard]] bool subscribing() const { return w.subscribing; }
-    [[nodiscard]] const std::string& ap_location() const { return w.ap_location; }
-    [[nodiscard]] int subscribe_timeout() const { return w.subscribe_timeout; }
     [[nodiscard]] int rrm_response_timeout() const { return w.rrm_response_timeout; }
     [[nodiscard]] bool disable_vexor_rrm_scanning() const { return w.disable_vexor_rrm_scanning; }
-    [[nodiscard]] bool send_assoc_prohibited() const { return w.send_assoc_prohibited; }
     [[nodiscard]] unsigned scan_count() const { return w.scan_count; }
-    [[nodiscard]] const std::set<unsigned>& scan_channels_2() const { return w.scan_channels_2; }
-    [[nodiscard]] const std::set<unsigned>& scan_channels_5() const { return w.scan_channels_5; }
     [[nodiscard]] environment_t& environment() const { return w.environment; }
     [[nodiscard]] sta_environment_t& sta_environment() const { return w.sta_environment; }
     [[nodiscard]] sta_block_t& sta_block() const { return w.sta_block; }
     [[nodiscard]] bool& blacklist_enabled() const { return w.blacklist_enabled; }
     [[nodiscard]] bool& no_balance_enterprise() const { return w.no_balance_enterprise; }
-    [[nodiscard]] bool& orvanta_use_80211v() const { return w.orvanta_use_80211v; }
-    [[nodiscard]] bool& orvanta_use_80211r() const { return w.orvanta_use_80211r; }
     [[nodiscard]] int fbt_reassoc_deadline() const { return w.fbt_reassoc_deadline; }
     [[nodiscard]] bool fbt_over_ds() const { return w.fbt_over_ds; }
 
-    void fill_scan_channels(const char* text) { w.fill_scan_channels(text); }
-    void post_mode_response() { w.post_mode_response(); }
     void rrm_probe_response_timeout() { w.rrm_probe_response_timeout(); }
     void rrm_blacklist_timeout() { w.rrm_blacklist_timeout(); }
-    void post_disassoc_all() { w.post_disassoc_all(); }
 
   private:
     rrm_worker& w;
@@ -89,6 +78,52 @@ class RrmWorkerTest : public testing::Test {
     }
     rrm_worker_peer peer() { return rrm_worker_peer{*worker}; }
 
+    // What the worker sends when hostapd starts: "subscribe-request" while it asks for the
+    // subscription, "rrm-config-changed" once it has it, otherwise nothing. Not kept as a report.
+    std::string answer_to_hostapds_start() {
+        const std::size_t before = reports().size();
+        announce(notify_hostapd_started);
+        pass();
+        const std::string cmd =
+            reports().size() > before ? test_bus::member(sent.back(), "cmd").value_or("") : "";
+        sent.resize(before);
+        return cmd;
+    }
+    // Whether the worker has the subscription. Starts nothing anew.
+    bool is_subscribed() {
+        const std::size_t before = reports().size();
+        announce(notify_config_updated);
+        pass();
+        const bool reported = reports().size() > before;
+        sent.resize(before);
+        return reported;
+    }
+    // Whether clients are steered; the worker is subscribed.
+    bool is_steering() {
+        const std::size_t before = reports().size();
+        bus_sends(trap_event("auth"));
+        const bool reported = reports().size() > before;
+        sent.resize(before);
+        return reported;
+    }
+    // Whether fast-transition parameters are taken.
+    bool takes_fast_transition() {
+        const int before = driver.fbt_starts;
+        service_commands("fbt-info");
+        return driver.fbt_starts > before;
+    }
+    void switch_steering(bool on) {
+        service_commands("rrm-info", on ? R"("use-80211v":1)" : R"("use-80211v":0)");
+    }
+    // The access point's domain as the reports tell it.
+    std::string domain() {
+        const std::size_t before = reports().size();
+        service_commands("rrm-request-mode");
+        const std::string text = test_bus::member(last_report(), "domain").value_or("(none)");
+        sent.resize(before);
+        return text;
+    }
+
     // One turn of the worker's loop; what its condition said.
     bool pass() {
         if (!worker->condition(run_flag))
@@ -102,13 +137,26 @@ class RrmWorkerTest : public testing::Test {
         worker->execute();
     }
 
+    // A message that waits for the worker's next pass.
+    static void put(safe_queue& queue, const std::string& text) {
+        const auto buffer = std::make_shared<buffer_info_t>();
+        buffer->append(text.data(), static_cast<unsigned>(text.size()));
+        queue.enqueue(buffer);
+    }
     // Put a message into the worker's queue and let it run one pass.
     void service_sends(const std::string& text) { deliver(from_websocket, text); }
     void bus_sends(const std::string& text) { deliver(from_ipc, text); }
     // A service message in its envelope; `fields` as in R"("code":503,"status":"error")".
     void service_commands(const std::string& cmd, const std::string& fields = "") {
-        service_sends(R"({"version":"2.4","service":"rrm","cmd":")" + cmd + '"' +
-                      (fields.empty() ? "" : "," + fields) + "}");
+        service_sends(command(cmd, fields));
+    }
+    static std::string command(const std::string& cmd, const std::string& fields = "") {
+        return R"({"version":"2.4","service":"rrm","cmd":")" + cmd + '"' +
+               (fields.empty() ? "" : "," + fields) + "}";
+    }
+    // A client's event as hostapd tells it over the bus.
+    static std::string trap_event(const std::string& type) {
+        return R"({"command":"wifi-client-trap","event":{"type":")" + type + R"("}})";
     }
     void link(const std::string& state) {
         service_sends(R"({"version":"2.4","service":"internal-ipc","cmd":")" + state + R"("})");
@@ -163,6 +211,11 @@ class RrmWorkerTest : public testing::Test {
         sent.clear();
     }
 
+    // A sibling's announcement: the specific file, then the general one.
+    void announce(const char* specific) {
+        touch(specific);
+        touch(notify);
+    }
     // Files as the worker sees them.
     void touch(const std::string& path) { std::ofstream{root + path}; }
     bool exists(const std::string& path) { return std::filesystem::exists(root + path); }
@@ -188,9 +241,7 @@ class RrmWorkerTest : public testing::Test {
     }
 
     void deliver(safe_queue& queue, const std::string& text) {
-        const auto buffer = std::make_shared<buffer_info_t>();
-        buffer->append(text.data(), static_cast<unsigned>(text.size()));
-        queue.enqueue(buffer);
+        put(queue, text);
         worker->execute();
     }
 

@@ -15,11 +15,6 @@ using testing::StrEq;
 
 class RrmWorkerPresenceTest : public RrmWorkerTest {
   protected:
-    // A sibling's announcement: the specific file, then the general one.
-    void announce(const char* specific) {
-        touch(specific);
-        touch(notify);
-    }
     // hostapd dies, and the worker notices.
     void stop_hostapd() {
         remove(hostapd_pid);
@@ -30,6 +25,27 @@ class RrmWorkerPresenceTest : public RrmWorkerTest {
         announce(notify_hostapd_started);
     }
     bool condition() { return worker->condition(run_flag); }
+};
+
+// A time zone that the process has not read yet.
+class NewTimezone {
+  public:
+    NewTimezone() {
+        set("UTC0");
+        tzset();
+        set("XYZ-7");
+    }
+    ~NewTimezone() {
+        unsetenv("TZ");
+        tzset();
+    }
+    NewTimezone(const NewTimezone&) = delete;
+    NewTimezone& operator=(const NewTimezone&) = delete;
+
+    [[nodiscard]] static bool is_read() { return timezone == -7 * 3600; }
+
+  private:
+    static void set(const char* zone) { setenv("TZ", zone, 1); }
 };
 
 // --- Connecting ---
@@ -86,6 +102,27 @@ TEST_F(RrmWorkerPresenceTest, GeneralFileAloneIsRemovedAndMeansNothing) {
     EXPECT_THAT(reports(), IsEmpty());
 }
 
+// A folder stands for a file of another owner, which unlink(2) does not remove either.
+TEST_F(RrmWorkerPresenceTest, GeneralFileThatCannotBeRemovedIsLookedBehind) {
+    subscribe();
+    std::filesystem::create_directory(root + notify);
+    touch(notify_config_updated);
+    EXPECT_TRUE(pass());
+    EXPECT_TRUE(exists(notify));
+    EXPECT_FALSE(exists(notify_config_updated));
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
+}
+
+TEST_F(RrmWorkerPresenceTest, SpecificFileThatCannotBeRemovedHasHappened) {
+    subscribe();
+    std::filesystem::create_directory(root + notify_config_updated);
+    touch(notify);
+    EXPECT_TRUE(pass());
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
+    EXPECT_TRUE(pass());
+    EXPECT_THAT(reports(), SizeIs(1)) << "once for each general file";
+}
+
 TEST_F(RrmWorkerPresenceTest, HostapdStartInitializesTheDriverInOrder) {
     driver.hostapd_up = false;
     announce(notify_hostapd_started);
@@ -134,6 +171,47 @@ TEST_F(RrmWorkerPresenceTest, HostapdStartWhileSubscribedReportsTheConfiguration
         << "one report covers the update as well";
     EXPECT_TRUE(log.contains("process_started : subscribed"));
     EXPECT_FALSE(exists(notify_config_updated));
+}
+
+TEST_F(RrmWorkerPresenceTest, HostapdStartPutsTheRetryPeriodBackTo30Seconds) {
+    link("connected");
+    answer_503();
+    announce(notify_hostapd_started);
+    EXPECT_TRUE(pass());
+    EXPECT_EQ(subscribe_requests(), 2U);
+    advance(30);
+    EXPECT_EQ(subscribe_requests(), 3U);
+    advance(60);
+    EXPECT_EQ(subscribe_requests(), 4U);
+}
+
+TEST_F(RrmWorkerPresenceTest, HostapdStartWhileSubscribedLeavesTheRetryPeriod) {
+    link("connected");
+    answer_503();
+    service_commands("subscribe-response", R"("status":"success")");
+    announce(notify_hostapd_started);
+    EXPECT_TRUE(pass());
+    answer_503();
+    EXPECT_TRUE(log.contains("Reconnect after 120 sec"));
+}
+
+TEST_F(RrmWorkerPresenceTest, ReportsFollowTheDriversCallsAtAStartOfHostapd) {
+    subscribe();
+    EXPECT_CALL(driver, init()).WillOnce([this] { EXPECT_THAT(reports(), IsEmpty()); });
+    announce(notify_hostapd_started);
+    EXPECT_TRUE(pass());
+    testing::Mock::VerifyAndClearExpectations(&driver);
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
+}
+
+TEST_F(RrmWorkerPresenceTest, ReportsFollowTheDriversCallAtAStartOfGuardd) {
+    driver.hostapd_up = false;
+    subscribe();
+    EXPECT_CALL(driver, set_vapcontext()).WillOnce([this] { EXPECT_THAT(reports(), IsEmpty()); });
+    announce(notify_guardd_started);
+    EXPECT_TRUE(pass());
+    testing::Mock::VerifyAndClearExpectations(&driver);
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
 }
 
 TEST_F(RrmWorkerPresenceTest, HostapdStartWithoutLinkSendsNothing) {
@@ -186,17 +264,46 @@ TEST_F(RrmWorkerPresenceTest, ConfigurationUpdateIsReportedWhenSubscribedOnly) {
 }
 
 TEST_F(RrmWorkerPresenceTest, TimezoneChangeIsReadAnew) {
-    setenv("TZ", "UTC0", 1);
-    tzset();
-    setenv("TZ", "XYZ-7", 1);
+    const NewTimezone zone;
     EXPECT_TRUE(pass());
     EXPECT_EQ(timezone, 0);
     announce(notify_timezone);
     EXPECT_TRUE(pass());
     EXPECT_EQ(timezone, -7 * 3600);
     EXPECT_FALSE(exists(notify_timezone));
-    unsetenv("TZ");
-    tzset();
+}
+
+TEST_F(RrmWorkerPresenceTest, OnlyATimezoneChangeReadsTheTimezone) {
+    const NewTimezone zone;
+    subscribe();
+    for (const char* specific :
+         {notify, notify_config_updated, notify_hostapd_started, notify_guardd_started}) {
+        announce(specific);
+        EXPECT_TRUE(pass());
+        EXPECT_FALSE(NewTimezone::is_read()) << specific;
+    }
+}
+
+TEST_F(RrmWorkerPresenceTest, TimezoneChangeIsNoConfigurationUpdate) {
+    const NewTimezone zone;
+    subscribe();
+    announce(notify_timezone);
+    EXPECT_TRUE(pass());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(RrmWorkerPresenceTest, StartsUpdatesAndTimezonesAreLookedAtInOnePass) {
+    for (const char* start : {notify_hostapd_started, notify_guardd_started}) {
+        const NewTimezone zone;
+        touch(start);
+        touch(notify_config_updated);
+        announce(notify_timezone);
+        EXPECT_TRUE(pass());
+        EXPECT_FALSE(exists(start));
+        EXPECT_FALSE(exists(notify_config_updated));
+        EXPECT_FALSE(exists(notify_timezone));
+        EXPECT_TRUE(NewTimezone::is_read()) << start;
+    }
 }
 
 // --- Presence ---
@@ -239,6 +346,34 @@ TEST_F(RrmWorkerPresenceTest, SentryModeStaysConnectedWithoutHostapd) {
     EXPECT_TRUE(driver.hostapd_up);
 }
 
+TEST_F(RrmWorkerPresenceTest, SentryModeStaysConnectedBeyondTheGrace) {
+    stop_hostapd();
+    driver.sentry_mode = true;
+    clock.advance(61);
+    EXPECT_TRUE(condition());
+    EXPECT_FALSE(log.contains("Hostapd has not restarted"));
+}
+
+TEST_F(RrmWorkerPresenceTest, GuarddStartEndsTheGrace) {
+    stop_hostapd();
+    driver.sentry_mode = true;
+    announce(notify_guardd_started);
+    EXPECT_TRUE(pass());
+    driver.sentry_mode = false;
+    EXPECT_FALSE(condition());
+    EXPECT_TRUE(log.contains("Hostapd is not init and guardd is not sentry mode"));
+}
+
+TEST_F(RrmWorkerPresenceTest, PidFileBackWithoutANotifyFileKeepsTheConnectionAlone) {
+    stop_hostapd();
+    touch(hostapd_pid);
+    EXPECT_CALL(driver, set_hostapd_initialized).Times(0);
+    clock.advance(61);
+    EXPECT_TRUE(condition());
+    EXPECT_FALSE(driver.hostapd_up) << "what hostapd's start announces is still to come";
+    testing::Mock::VerifyAndClearExpectations(&driver);
+}
+
 TEST_F(RrmWorkerPresenceTest, NeitherHostapdNorSentryModeDisconnects) {
     driver.hostapd_up = false;
     remove(hostapd_pid);
@@ -247,20 +382,20 @@ TEST_F(RrmWorkerPresenceTest, NeitherHostapdNorSentryModeDisconnects) {
 }
 
 TEST_F(RrmWorkerPresenceTest, StopTellsTheServiceThenForgetsClientsAndTimers) {
-    subscribe();
+    subscribe_steering();
     const auto mac = libhubd::MacAddr::from_str("aa:bb:cc:00:00:01");
     peer().sta_environment()[1][mac].timeout = 3;
     peer().sta_block()[0][mac] = 3;
     service_commands("rrm-update", R"("rrm-scan-delay":5)");
     stop_hostapd();
     EXPECT_THAT(reports(), ElementsAre(HasSubstr(R"("cmd":"rrm-disassoc-all-clients")")));
-    EXPECT_TRUE(peer().send_assoc_prohibited());
+    EXPECT_FALSE(is_steering());
     EXPECT_FALSE(driver.hostapd_up);
     EXPECT_TRUE(peer().sta_environment()[1].empty());
     EXPECT_TRUE(peer().sta_block()[0].empty());
     advance(10);
     EXPECT_THAT(driver.scans, IsEmpty());
-    EXPECT_TRUE(peer().subscribed()) << "the link is as it was";
+    EXPECT_TRUE(is_subscribed()) << "the link is as it was";
 }
 
 TEST_F(RrmWorkerPresenceTest, StopWithoutSubscriptionTellsNobody) {
@@ -269,12 +404,12 @@ TEST_F(RrmWorkerPresenceTest, StopWithoutSubscriptionTellsNobody) {
 }
 
 TEST_F(RrmWorkerPresenceTest, RestartWithinTheGraceGoesOnAsBefore) {
-    subscribe();
+    subscribe_steering();
     stop_hostapd();
     clock.advance(59);
     start_hostapd();
     EXPECT_TRUE(pass());
-    EXPECT_FALSE(peer().send_assoc_prohibited());
+    EXPECT_TRUE(is_steering());
     EXPECT_TRUE(driver.hostapd_up);
     EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
 
@@ -299,7 +434,7 @@ TEST_F(RrmWorkerPresenceTest, HostapdStoppedDuringAScanDoesNotLeaveTheWorkerDeaf
     link("disconnected");
     link("connected");
     service_commands("subscribe-response", R"("status":"success")");
-    EXPECT_TRUE(peer().subscribed());
+    EXPECT_TRUE(is_subscribed());
 }
 
 // --- Disconnecting ---
@@ -310,6 +445,7 @@ TEST_F(RrmWorkerPresenceTest, DisconnectTakesBackWhatTheServiceHadSet) {
         const InSequence order;
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan0-va0")));
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va0")));
+        EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va2")));
         EXPECT_CALL(driver, init());
         EXPECT_CALL(driver, reset_orvanta(UNKNOWN));
         EXPECT_CALL(driver, reset_orvanta_fbt(UNKNOWN));

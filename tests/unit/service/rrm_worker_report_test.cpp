@@ -1,6 +1,7 @@
 // The radio objects of the reports.
 #include <stdexcept>
 
+#include "json_memory.h"
 #include "rrm_worker_fixture.h"
 
 namespace {
@@ -15,7 +16,7 @@ class RrmWorkerReportTest : public RrmWorkerTest {
   protected:
     // The config-changed report as a notified change brings it about; the worker is subscribed.
     std::string report() {
-        if (!peer().subscribed())
+        if (!exists(connected_flag))
             subscribe();
         touch(notify_config_updated);
         touch(notify);
@@ -73,7 +74,9 @@ TEST_F(RrmWorkerReportTest, AtMostThreeRadiosAreReported) {
 
 TEST_F(RrmWorkerReportTest, EmptyAndMissingMacLeaveTheHeaderWithoutApMac) {
     ON_CALL(driver, get_mac).WillByDefault(Return(nullptr));
-    peer().post_disassoc_all();
+    subscribe();
+    remove(hostapd_pid);
+    EXPECT_TRUE(pass());
     EXPECT_THAT(last_report(), HasSubstr(R"("cmd":"rrm-disassoc-all-clients","domain":"site-1")"));
 }
 
@@ -93,6 +96,15 @@ TEST_F(RrmWorkerReportTest, StopDuringAReportAsksTheStoreNoMore) {
     EXPECT_THAT(vaultd.paths(),
                 ElementsAre("/orvanta/dca", "/orvanta/tpc", "/orvanta/load-balance-80211v"))
         << "of the first radio alone";
+}
+
+TEST_F(RrmWorkerReportTest, WithoutMemoryForItsHeaderTheReportIsNotSent) {
+    subscribe();
+    announce(notify_config_updated);
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    EXPECT_TRUE(pass());
+    EXPECT_TRUE(shortage.has_struck());
+    EXPECT_THAT(reports(), IsEmpty());
 }
 
 // --- Radios not in use ---
@@ -269,6 +281,12 @@ TEST_F(RrmWorkerReportTest, VapsCarryTheirFlags) {
                                     R"("802dot11k":0,"802dot11r":0},)"
                                     R"({"id":1,"ssid":"guest","mac":"00:11:22:33:44:52",)"
                                     R"("802dot11k":0,"802dot11r":1}])"));
+}
+
+TEST_F(RrmWorkerReportTest, ClientReportsTheStrongestOfItsReadings) {
+    subscribe_steering();
+    driver.add_station(0, 0, "aa:bb:cc:00:00:01", -60).rssi = {-90, -75, -60, -80};
+    EXPECT_THAT(radio(0), HasSubstr(R"("ssid":"home","rssi":-60}])"));
 }
 
 TEST_F(RrmWorkerReportTest, ClientWithoutMeasurementReportsRssi0) {

@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include "json_memory.h"
 #include "rrm_worker_fixture.h"
 
 namespace {
@@ -37,7 +38,16 @@ class RrmWorkerScanTest : public RrmWorkerTest {
     void vexor_update(const std::string& fields) {
         service_commands("rrm-update", R"("vexor-rrm-scanning":1,)" + fields);
     }
-    void set_channels(const char* text) { peer().fill_scan_channels(text); }
+    // The channels that the driver is to scan.
+    void set_channels(const char* text) {
+        generic_update(R"("rrm-scan-channels":")" + std::string{text} + '"');
+    }
+    [[nodiscard]] const std::set<unsigned>& scan_channels_2() const {
+        return driver.scans.back().channels_2;
+    }
+    [[nodiscard]] const std::set<unsigned>& scan_channels_5() const {
+        return driver.scans.back().channels_5;
+    }
     void hear(std::uint8_t last_byte) { driver.radios[0].neighbours = {neighbour(last_byte)}; }
     // Runs the worker until the scan under way has ended.
     void finish_scan() { advance(driver.scan_duration); }
@@ -56,72 +66,72 @@ class RrmWorkerScanTest : public RrmWorkerTest {
 
 TEST_F(RrmWorkerScanTest, SplitsTheChannelsBetweenTheBandsAt36) {
     set_channels("1 6 11 36 40");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(1, 6, 11));
-    EXPECT_THAT(peer().scan_channels_5(), ElementsAre(36, 40));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(1, 6, 11));
+    EXPECT_THAT(scan_channels_5(), ElementsAre(36, 40));
     set_channels("35 36");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(35));
-    EXPECT_THAT(peer().scan_channels_5(), ElementsAre(36));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(35));
+    EXPECT_THAT(scan_channels_5(), ElementsAre(36));
 }
 
 TEST_F(RrmWorkerScanTest, TwoBlanksInARowAddChannelZero) {
     set_channels("1  6");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(0, 1, 6));
-    EXPECT_THAT(peer().scan_channels_5(), IsEmpty());
+    EXPECT_THAT(scan_channels_2(), ElementsAre(0, 1, 6));
+    EXPECT_THAT(scan_channels_5(), IsEmpty());
 }
 
 TEST_F(RrmWorkerScanTest, ALeadingBlankAddsChannelZero) {
     set_channels(" 6");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(0, 6));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(0, 6));
 }
 
 TEST_F(RrmWorkerScanTest, ABlankAfterTheLastChannelAddsNothing) {
     set_channels("1 6 ");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(1, 6));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(1, 6));
 }
 
 TEST_F(RrmWorkerScanTest, AnEmptyListNamesNoChannel) {
     set_channels("1 36");
     set_channels("");
-    EXPECT_THAT(peer().scan_channels_2(), IsEmpty());
-    EXPECT_THAT(peer().scan_channels_5(), IsEmpty());
+    EXPECT_THAT(scan_channels_2(), IsEmpty());
+    EXPECT_THAT(scan_channels_5(), IsEmpty());
 }
 
 TEST_F(RrmWorkerScanTest, TextWithoutLeadingDigitsIsChannelZero) {
     set_channels("abc x36");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(0));
-    EXPECT_THAT(peer().scan_channels_5(), IsEmpty());
+    EXPECT_THAT(scan_channels_2(), ElementsAre(0));
+    EXPECT_THAT(scan_channels_5(), IsEmpty());
 }
 
 TEST_F(RrmWorkerScanTest, OnlyTheLeadingDigitsOfAPieceCount) {
     set_channels("6x 44,48 1.5 +9");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(1, 6, 9));
-    EXPECT_THAT(peer().scan_channels_5(), ElementsAre(44));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(1, 6, 9));
+    EXPECT_THAT(scan_channels_5(), ElementsAre(44));
 }
 
 TEST_F(RrmWorkerScanTest, ANegativeNumberIsChannelZero) {
     set_channels("-1 -99999999999999999999");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(0));
-    EXPECT_THAT(peer().scan_channels_5(), IsEmpty());
+    EXPECT_THAT(scan_channels_2(), ElementsAre(0));
+    EXPECT_THAT(scan_channels_5(), IsEmpty());
 }
 
 TEST_F(RrmWorkerScanTest, ANumberBeyondIntIsTheLargestInt) {
     set_channels("4294967297 99999999999999999999");
-    EXPECT_THAT(peer().scan_channels_2(), IsEmpty());
-    EXPECT_THAT(peer().scan_channels_5(), ElementsAre(largest_number));
+    EXPECT_THAT(scan_channels_2(), IsEmpty());
+    EXPECT_THAT(scan_channels_5(), ElementsAre(largest_number));
 }
 
 TEST_F(RrmWorkerScanTest, AChannelNamedTwiceIsScannedOnce) {
     set_channels("11 1 11");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(1, 11));
+    EXPECT_THAT(scan_channels_2(), ElementsAre(1, 11));
 }
 
 TEST_F(RrmWorkerScanTest, EachUpdateBringsItsOwnChannels) {
-    generic_update(R"("rrm-scan-delay":9,"rrm-scan-channels":"1 36")");
-    generic_update(R"("rrm-scan-delay":9,"rrm-scan-channels":"6")");
-    EXPECT_THAT(peer().scan_channels_2(), ElementsAre(6));
-    EXPECT_THAT(peer().scan_channels_5(), IsEmpty());
-    generic_update(R"("rrm-scan-delay":9)");
-    EXPECT_THAT(peer().scan_channels_2(), IsEmpty());
+    generic_update(R"("rrm-scan-channels":"1 36")");
+    generic_update(R"("rrm-scan-channels":"6")");
+    EXPECT_THAT(scan_channels_2(), ElementsAre(6));
+    EXPECT_THAT(scan_channels_5(), IsEmpty());
+    generic_update("");
+    EXPECT_THAT(scan_channels_2(), IsEmpty());
 }
 
 // --- the start ---
@@ -133,8 +143,6 @@ TEST_F(RrmWorkerScanTest, IgnoresAnUpdateWhileHostapdIsNotRunning) {
     EXPECT_TRUE(log.contains("info: Ignoring rrm-update because hostapd is not running"));
     EXPECT_FALSE(log.contains("process_rrm_update:"));
     EXPECT_THAT(driver.scans, IsEmpty());
-    EXPECT_EQ(peer().rrm_response_timeout(), 0);
-    EXPECT_THAT(peer().scan_channels_2(), IsEmpty());
 }
 
 TEST_F(RrmWorkerScanTest, WithoutADelayTheScanStartsAtOnce) {
@@ -157,6 +165,23 @@ TEST_F(RrmWorkerScanTest, TheScanWaitsForTheDelay) {
     EXPECT_THAT(driver.scans, SizeIs(1));
 }
 
+TEST_F(RrmWorkerScanTest, ADelayOfOneSecondIsWaitedFor) {
+    generic_update(R"("rrm-scan-delay":1)");
+    EXPECT_THAT(driver.scans, IsEmpty());
+    advance(1);
+    EXPECT_THAT(driver.scans, SizeIs(1));
+}
+
+TEST_F(RrmWorkerScanTest, AnUpdateWithoutADelayTakesThePlaceOfOneThatWaits) {
+    vexor_update(R"("rrm-scan-delay":10,"rrm-scan-channels":"1")");
+    vexor_update(R"("rrm-scan-channels":"6")");
+    finish_scan();
+    EXPECT_THAT(responses(), SizeIs(1));
+    advance(100);
+    EXPECT_THAT(driver.scans, ElementsAre(ScanCall{false, {6}, {}}));
+    EXPECT_THAT(responses(), SizeIs(1));
+}
+
 TEST_F(RrmWorkerScanTest, ANewUpdateBeginsTheDelayAnew) {
     generic_update(R"("rrm-scan-delay":10)");
     advance(9);
@@ -169,15 +194,13 @@ TEST_F(RrmWorkerScanTest, ANewUpdateBeginsTheDelayAnew) {
 
 TEST_F(RrmWorkerScanTest, TheServiceChoosesTheScanPath) {
     vexor_update(R"("rrm-scan-channels":"6")");
-    EXPECT_FALSE(peer().disable_vexor_rrm_scanning());
     generic_update(R"("vexor-rrm-scanning":0,"rrm-scan-channels":"6")");
-    EXPECT_TRUE(peer().disable_vexor_rrm_scanning());
     service_commands("rrm-update", R"("vexor-rrm-scanning":-1)");
-    EXPECT_FALSE(peer().disable_vexor_rrm_scanning());
     generic_update(R"("rrm-scan-delay":4)");
-    EXPECT_TRUE(peer().disable_vexor_rrm_scanning());
+    EXPECT_THAT(driver.scans, SizeIs(3));
+    advance(4);
     EXPECT_THAT(driver.scans, ElementsAre(ScanCall{false, {6}, {}}, ScanCall{true, {6}, {}},
-                                          ScanCall{false, {}, {}}));
+                                          ScanCall{false, {}, {}}, ScanCall{true, {}, {}}));
 }
 
 TEST_F(RrmWorkerScanTest, StopsWhatTheDriverDoesBeforeItStarts) {
@@ -215,7 +238,6 @@ TEST_F(RrmWorkerScanTest, TheVendorPathReportsAtOnceWithoutADelay) {
 TEST_F(RrmWorkerScanTest, TheVendorPathUsesTheDelayBeforeTheScanAndAgainBeforeTheReport) {
     hear(1);
     vexor_update(R"("rrm-scan-delay":20,"rrm-scan-channels":"6")");
-    EXPECT_EQ(peer().rrm_response_timeout(), 20);
     advance(20);
     EXPECT_THAT(driver.scans, SizeIs(1));
     finish_scan();
@@ -225,7 +247,7 @@ TEST_F(RrmWorkerScanTest, TheVendorPathUsesTheDelayBeforeTheScanAndAgainBeforeTh
     EXPECT_THAT(responses(), SizeIs(1));
     advance(100);
     EXPECT_THAT(responses(), SizeIs(1));
-    EXPECT_EQ(peer().scan_count(), 0U);
+    EXPECT_THAT(driver.scans, SizeIs(1));
 }
 
 TEST_F(RrmWorkerScanTest, TheReportTakesTheNeighboursOfTheScanAndNotThoseOfItsOwnTime) {
@@ -250,10 +272,9 @@ TEST_F(RrmWorkerScanTest, TheTablesAreEmptyAfterTheReport) {
 
 TEST_F(RrmWorkerScanTest, TheGenericPathReportsAfterTheFifthPassWithOneTableForEach) {
     generic_update(R"("rrm-scan-delay":7,"rrm-scan-channels":"1 36")");
-    EXPECT_EQ(peer().rrm_response_timeout(), 0);
     advance(7);
     for (unsigned finished = 0; finished < scan_passes; ++finished) {
-        EXPECT_EQ(peer().scan_count(), finished);
+        EXPECT_THAT(driver.scans, SizeIs(finished + 1));
         EXPECT_THAT(responses(), IsEmpty());
         hear(static_cast<std::uint8_t>(finished));
         finish_scan();
@@ -300,22 +321,32 @@ TEST_F(RrmWorkerScanTest, StopsTheDriverThenReadsItThenStartsTheNextPass) {
 }
 
 TEST_F(RrmWorkerScanTest, ASecondSurveyCountsItsPassesFromTheBeginning) {
-    for (int survey = 0; survey < 2; ++survey) {
+    for (std::size_t survey = 0; survey < 2; ++survey) {
         generic_update("");
-        EXPECT_EQ(peer().scan_count(), 0U);
-        for (std::size_t finished = 0; finished < scan_passes; ++finished)
+        for (std::size_t finished = 0; finished < scan_passes; ++finished) {
+            EXPECT_THAT(responses(), SizeIs(survey));
             finish_scan();
+        }
     }
     EXPECT_THAT(responses(), SizeIs(2));
 }
 
 // --- interruptions ---
 
+TEST_F(RrmWorkerScanTest, AnUpdateForgetsTheEndOfAScanThatTheDriverHasGivenUp) {
+    vexor_update(R"("rrm-scan-channels":"6")");
+    driver.in_progress = false;
+    vexor_update(R"("rrm-scan-delay":100,"rrm-scan-channels":"6")");
+    finish_scan();
+    EXPECT_FALSE(log.contains("scan_finished"));
+    EXPECT_THAT(responses(), IsEmpty());
+}
+
 TEST_F(RrmWorkerScanTest, AnUpdateDuringAScanBeginsTheSurveyAnew) {
     hear(1);
     generic_update("");
     finish_scan();
-    ASSERT_EQ(peer().scan_count(), 1U);
+    ASSERT_THAT(driver.scans, SizeIs(2));
     hear(2);
     vexor_update(R"("rrm-scan-channels":"6")");
     EXPECT_TRUE(log.contains("Got rrm-update. turning off the current scan."));
@@ -348,6 +379,40 @@ TEST_F(RrmWorkerScanTest, AnUpdateDuringTheReportDelayLeavesTheReportDue) {
     EXPECT_THAT(last_report(), HasSubstr("00:0a:bc:de:f0:01"));
 }
 
+TEST_F(RrmWorkerScanTest, ASurveyThatStartsDuringTheReportDelayLeavesTheReportDue) {
+    hear(1);
+    vexor_update(R"("rrm-scan-delay":10,"rrm-scan-channels":"6")");
+    advance(10);
+    finish_scan();
+    advance(7);
+    hear(2);
+    vexor_update(R"("rrm-scan-channels":"11")");
+    ASSERT_TRUE(driver.in_progress);
+    advance(3);
+    ASSERT_THAT(responses(), SizeIs(1));
+    EXPECT_THAT(last_report(), HasSubstr("00:0a:bc:de:f0:01"));
+    EXPECT_TRUE(driver.in_progress);
+    advance(3);
+    ASSERT_THAT(responses(), SizeIs(2));
+    EXPECT_THAT(last_report(), HasSubstr("00:0a:bc:de:f0:02"));
+    EXPECT_THAT(last_report(), Not(HasSubstr("00:0a:bc:de:f0:01")));
+}
+
+TEST_F(RrmWorkerScanTest, AReportDueAfterThatOfANewerSurveyIsEmpty) {
+    hear(1);
+    vexor_update(R"("rrm-scan-delay":10,"rrm-scan-channels":"6")");
+    advance(10);
+    finish_scan();
+    hear(2);
+    vexor_update(R"("rrm-scan-channels":"11")");
+    finish_scan();
+    ASSERT_THAT(responses(), SizeIs(1));
+    EXPECT_THAT(last_report(), HasSubstr("00:0a:bc:de:f0:02"));
+    advance(4);
+    ASSERT_THAT(responses(), SizeIs(2));
+    EXPECT_THAT(last_report(), EndsWith(R"("rf-environment":[]})"));
+}
+
 TEST_F(RrmWorkerScanTest, AStoppedHostapdEndsTheSurvey) {
     generic_update("");
     remove(hostapd_pid);
@@ -378,6 +443,14 @@ TEST_F(RrmWorkerScanTest, WithHostapdDownTheReportIsNotSentAndItsTablesAreEmptie
     EXPECT_THAT(responses(), IsEmpty());
     EXPECT_TRUE(log.contains("info: Not sending rrm-response because hostapd is not running"));
     EXPECT_THAT(peer().environment(), testing::Each(IsEmpty()));
+}
+
+TEST_F(RrmWorkerScanTest, WithoutMemoryForTheRadiosTheResponseIsNotSent) {
+    vexor_update(R"("rrm-scan-channels":"6")");
+    const JsonShortage shortage{JsonShortage::ARRAY};
+    finish_scan();
+    EXPECT_TRUE(shortage.has_struck());
+    EXPECT_THAT(responses(), IsEmpty());
 }
 
 // --- the messages ---
@@ -472,8 +545,11 @@ TEST_F(RrmWorkerScanTest, IgnoresARequestForTheModeWhileHostapdIsNotRunning) {
 }
 
 TEST_F(RrmWorkerScanTest, TheModeResponseLooksAtHostapdAgain) {
-    driver.hostapd_up = false;
-    peer().post_mode_response();
+    EXPECT_CALL(driver, is_hostapd_initialized)
+        .WillOnce(testing::Return(true))
+        .WillRepeatedly(testing::Return(false));
+    service_commands("rrm-request-mode");
+    testing::Mock::VerifyAndClearExpectations(&driver);
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_TRUE(log.contains("info: Not sending rrm-mode-response because hostapd is not running"));
 }

@@ -157,7 +157,7 @@ TEST_F(RrmWorkerSteeringTest, OnlyAClientThatUses80211vMayBeBalanced) {
 }
 
 TEST_F(RrmWorkerSteeringTest, DropsTrapsWithNeitherSteeringFeatureOn) {
-    peer().orvanta_use_80211v() = false;
+    switch_steering(false);
     trap_of_type("auth");
     EXPECT_THAT(reports(), IsEmpty());
     peer().blacklist_enabled() = true;
@@ -174,7 +174,6 @@ TEST_F(RrmWorkerSteeringTest, DropsTrapsWhileNotSubscribed) {
 TEST_F(RrmWorkerSteeringTest, DropsTrapsDuringARestartOfHostapd) {
     remove(hostapd_pid);
     ASSERT_TRUE(pass());
-    ASSERT_TRUE(peer().send_assoc_prohibited());
     forget_reports();
     trap_of_type("auth");
     EXPECT_THAT(reports(), IsEmpty());
@@ -202,7 +201,7 @@ TEST_F(RrmWorkerSteeringTest, ReportsARoamThatTheDriverTells) {
 }
 
 TEST_F(RrmWorkerSteeringTest, DropsADriversRoamWithNeitherSteeringFeatureOn) {
-    peer().orvanta_use_80211v() = false;
+    switch_steering(false);
     driver.events.push_back({RRM_STA_ROAM, 1, {}});
     worker->execute();
     EXPECT_THAT(reports(), IsEmpty());
@@ -219,6 +218,14 @@ TEST_F(RrmWorkerSteeringTest, RoamsTheWeakestClientsFirst) {
     EXPECT_CALL(driver, send_bsstrans_request(StrEq("wlan0-va1"), StrEq(mac_text(70)), 1));
     overload_radio(0, 2);
     testing::Mock::VerifyAndClearExpectations(&driver);
+}
+
+TEST_F(RrmWorkerSteeringTest, NumbersTheRequestsFromOne) {
+    driver.add_station(0, 0, mac_text(1), -80);
+    driver.add_station(0, 0, mac_text(2), -70);
+    overload_radio(0, 2);
+    EXPECT_TRUE(log.contains("info: #1 " + mac_text(1)));
+    EXPECT_TRUE(log.contains("info: #2 " + mac_text(2)));
 }
 
 TEST_F(RrmWorkerSteeringTest, TheFirstReadingAloneDecides) {
@@ -291,6 +298,15 @@ TEST_F(RrmWorkerSteeringTest, SkipsARadioOutOfRangeSilently) {
     EXPECT_THAT(driver.transition_requests, IsEmpty());
 }
 
+TEST_F(RrmWorkerSteeringTest, ARadioBehindABadOneIsRoamed) {
+    driver.add_station(1, 0, mac_text(1), -80);
+    for (const char* bad : {R"({"id":2,"roam-count":5})", R"({"id":-1})", "7", "null", "[]"}) {
+        driver.transition_requests.clear();
+        overload(R"("radios":[)" + std::string{bad} + R"(,{"id":1,"roam-count":1}])");
+        EXPECT_THAT(roamed(), ElementsAre(mac_text(1))) << bad;
+    }
+}
+
 TEST_F(RrmWorkerSteeringTest, AMissingRoamCountRoamsNobody) {
     driver.add_station(0, 0, mac_text(1), -80);
     overload(R"("radios":[{"id":0}])");
@@ -306,12 +322,13 @@ TEST_F(RrmWorkerSteeringTest, ACommandWithoutTheAccessPointsMacIsCarriedOut) {
 }
 
 TEST_F(RrmWorkerSteeringTest, LogsTheCandidatesAfterEachStationAndThenTheRequests) {
-    driver.add_station(0, 0, mac_text(1), -60);
+    constexpr int below = MockDriver::first_chain_below;
+    driver.add_station(0, 0, mac_text(1), -60 + below);
     rrm_sta_s& tried = driver.add_station(0, 0, mac_text(2), -90);
     tried.roam_attempt = true;
     tried.is_no_balance = true;
     driver.add_station(0, 0, mac_text(3), -90).is_no_balance = true;
-    driver.add_station(0, 0, mac_text(4), -70);
+    driver.add_station(0, 0, mac_text(4), -70 + below);
     const std::size_t before = log.lines().size();
     overload_radio(0, 1);
     std::vector<std::string> lines = log.lines();
@@ -342,6 +359,7 @@ TEST_F(RrmWorkerSteeringTest, ReloadsTheCandidateListsBeforeItLooksAtTheRadios) 
     const InSequence order;
     EXPECT_CALL(driver, clear_vexor_nbr_ap_list(StrEq("wlan0-va0")));
     EXPECT_CALL(driver, clear_vexor_nbr_ap_list(StrEq("wlan1-va0")));
+    EXPECT_CALL(driver, clear_vexor_nbr_ap_list(StrEq("wlan1-va2")));
     EXPECT_CALL(driver, set_rrm_nbr_ap_list(StrEq("aa:00:00:00:00:01"), StrEq("home"), 36, 9, 1));
     EXPECT_CALL(driver, get_assoclist(StrEq("wlan0"), _));
     EXPECT_CALL(driver, send_bsstrans_request);
@@ -352,9 +370,22 @@ TEST_F(RrmWorkerSteeringTest, ReloadsTheCandidateListsBeforeItLooksAtTheRadios) 
     testing::Mock::VerifyAndClearExpectations(&driver);
 }
 
+TEST_F(RrmWorkerSteeringTest, ClearsTheCandidateListsOfEveryVapWithDot11k) {
+    std::vector<std::string> expected;
+    for (FakeRadio& radio : driver.radios) {
+        radio.vaps.clear();
+        for (int vap = 0; vap < 7; ++vap)
+            driver.add_vap(radio.ifname == "wlan0" ? 0 : 1, "home", vap % 3 == 0);
+        for (const int vap : {0, 3, 6})
+            expected.push_back(radio.ifname + "-va" + std::to_string(vap));
+    }
+    overload("");
+    EXPECT_EQ(driver.cleared_candidate_lists, expected);
+}
+
 TEST_F(RrmWorkerSteeringTest, ClearsTheCandidateListsEvenWithoutRadios) {
     overload("");
-    EXPECT_THAT(driver.cleared_candidate_lists, ElementsAre("wlan0-va0", "wlan1-va0"));
+    EXPECT_THAT(driver.cleared_candidate_lists, ElementsAre("wlan0-va0", "wlan1-va0", "wlan1-va2"));
 }
 
 // --- probe records ---
@@ -409,6 +440,29 @@ TEST_F(RrmWorkerSteeringTest, TheProbeTimerRestsOnceTheTablesAreEmpty) {
     peer().sta_environment()[0][client] = probe(-60, 9, 0);
     advance(1);
     EXPECT_EQ(peer().sta_environment()[0].find(client)->timeout, 9);
+}
+
+TEST_F(RrmWorkerSteeringTest, ARecordOfEitherRadioKeepsTheProbeTimerGoing) {
+    for (const std::size_t radio : {0U, 1U}) {
+        forget_reports();
+        peer().sta_environment()[radio][client] = probe(-60, 3, 0);
+        peer().rrm_probe_response_timeout();
+        advance(1);
+        EXPECT_THAT(reports(), IsEmpty());
+        advance(1);
+        EXPECT_THAT(reports_of("rrm-probe-response"), SizeIs(1)) << radio;
+    }
+}
+
+TEST_F(RrmWorkerSteeringTest, ALostLinkStopsTheAging) {
+    peer().sta_environment()[0][client] = probe(-60, 9, 0);
+    peer().sta_block()[0][client] = 9;
+    peer().rrm_probe_response_timeout();
+    peer().rrm_blacklist_timeout();
+    link("disconnected");
+    advance(1);
+    EXPECT_EQ(peer().sta_environment()[0].find(client)->timeout, 8);
+    EXPECT_EQ(*peer().sta_block()[0].find(client), 8);
 }
 
 TEST_F(RrmWorkerSteeringTest, AnEmptyProbeTableDoesNotStartTheTimer) {
@@ -478,6 +532,18 @@ TEST_F(RrmWorkerSteeringTest, ABlockedStationIsUnblockedWhenItsTimeIsOver) {
     EXPECT_TRUE(peer().sta_block()[1].empty());
     advance(1);
     EXPECT_THAT(driver.unblocked, SizeIs(1));
+}
+
+TEST_F(RrmWorkerSteeringTest, AStationBlockedOnEitherRadioKeepsTheBlacklistTimerGoing) {
+    for (const std::size_t radio : {0U, 1U}) {
+        driver.unblocked.clear();
+        peer().sta_block()[radio][client] = 3;
+        peer().rrm_blacklist_timeout();
+        advance(1);
+        EXPECT_THAT(driver.unblocked, IsEmpty());
+        advance(1);
+        EXPECT_THAT(driver.unblocked, SizeIs(1)) << radio;
+    }
 }
 
 TEST_F(RrmWorkerSteeringTest, TheBlacklistTimerRestsOnceTheTablesAreEmpty) {

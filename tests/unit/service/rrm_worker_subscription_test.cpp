@@ -4,6 +4,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -46,7 +47,7 @@ TEST_P(RefusedVersionTest, UnsubscribesUnlinksAndDoesNotExecute) {
     EXPECT_THAT(reports(), ElementsAre(unsubscribe_request(), unlink_message));
     EXPECT_TRUE(log.contains("Unsubscribe from RRM service: incorrect version"));
     EXPECT_FALSE(exists(connected_flag));
-    EXPECT_TRUE(peer().subscribed()) << "until the link is reported down";
+    EXPECT_TRUE(is_subscribed()) << "until the link is reported down";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -72,6 +73,18 @@ TEST_F(RrmWorkerSubscriptionTest, RefusedVersionAfterAScanLeavesNoScanRunning) {
     EXPECT_FALSE(driver.in_progress);
     EXPECT_THAT(driver.scans, SizeIs(1));
     EXPECT_THAT(reports(), ElementsAre(unsubscribe_request(), unlink_message));
+}
+
+TEST_F(RrmWorkerSubscriptionTest, UnknownCommandOfARefusedVersionUnsubscribes) {
+    service_sends(R"({"version":"1.0","service":"rrm","cmd":"rrm-unheard-of"})");
+    EXPECT_THAT(reports(), ElementsAre(unsubscribe_request(), unlink_message));
+}
+
+TEST_F(RrmWorkerSubscriptionTest, MessageWithoutCommandIsDroppedWhateverItsVersion) {
+    subscribe();
+    service_sends(R"({"version":"1.0","service":"rrm"})");
+    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_TRUE(exists(connected_flag));
 }
 
 // --- Subscription ---
@@ -106,7 +119,7 @@ TEST_F(RrmWorkerSubscriptionTest, ConnectedSendsTheSubscribeRequest) {
             R"("antenna-configuration":{"antenna-gain":3,"cable-loss":1},"channel":36,"band":5,)" +
             R"("bandwidth":80,"primary-channel":"none"}]})"));
     EXPECT_TRUE(log.contains("Subscribe to RRM service"));
-    EXPECT_TRUE(peer().subscribing());
+    EXPECT_EQ(answer_to_hostapds_start(), "subscribe-request");
 }
 
 TEST_F(RrmWorkerSubscriptionTest, RequestIsRepeatedAfter30Then60Then120SecondsForEver) {
@@ -124,21 +137,20 @@ TEST_F(RrmWorkerSubscriptionTest, RequestIsRepeatedAfter30Then60Then120SecondsFo
 TEST_F(RrmWorkerSubscriptionTest, ResponseEndsTheRepetition) {
     link("connected");
     service_commands("subscribe-response", R"("status":"SUCCESS")");
-    EXPECT_TRUE(peer().subscribed());
-    EXPECT_FALSE(peer().subscribing());
     EXPECT_TRUE(exists(connected_flag));
     advance(200);
     EXPECT_EQ(subscribe_requests(), 1U);
+    EXPECT_EQ(answer_to_hostapds_start(), "rrm-config-changed");
 }
 
 TEST_F(RrmWorkerSubscriptionTest, ResponseWithoutStatusIsIgnored) {
     link("connected");
     service_commands("subscribe-response", R"("code":200,"domain":"elsewhere")");
-    EXPECT_FALSE(peer().subscribed());
-    EXPECT_TRUE(peer().subscribing());
-    EXPECT_EQ(peer().ap_location(), "site-1");
+    EXPECT_FALSE(is_subscribed());
+    EXPECT_EQ(domain(), "site-1");
     advance(30);
     EXPECT_EQ(subscribe_requests(), 2U);
+    EXPECT_EQ(answer_to_hostapds_start(), "subscribe-request");
 }
 
 TEST_F(RrmWorkerSubscriptionTest, Two503ResponsesGive60Then120SecondsAndAThird120Again) {
@@ -146,8 +158,6 @@ TEST_F(RrmWorkerSubscriptionTest, Two503ResponsesGive60Then120SecondsAndAThird12
     std::size_t expected = 1;
     for (const int wait : {60, 120, 120}) {
         answer_503();
-        EXPECT_TRUE(peer().subscribing());
-        EXPECT_EQ(peer().subscribe_timeout(), wait);
         EXPECT_TRUE(log.contains("Reconnect after " + std::to_string(wait) + " sec"));
     }
     advance(119);
@@ -156,22 +166,54 @@ TEST_F(RrmWorkerSubscriptionTest, Two503ResponsesGive60Then120SecondsAndAThird12
     EXPECT_EQ(subscribe_requests(), ++expected);
 }
 
+TEST_F(RrmWorkerSubscriptionTest, BusyServiceIsAskedAgainAtHostapdsStart) {
+    link("connected");
+    answer_503();
+    EXPECT_FALSE(is_subscribed());
+    EXPECT_EQ(answer_to_hostapds_start(), "subscribe-request");
+}
+
 TEST_F(RrmWorkerSubscriptionTest, OtherRefusalEndsTheAttemptsUntilTheNextLink) {
     link("connected");
     service_commands("subscribe-response", R"("status":"error","code":403)");
-    EXPECT_FALSE(peer().subscribed());
-    EXPECT_FALSE(peer().subscribing());
+    EXPECT_EQ(answer_to_hostapds_start(), "");
     advance(600);
     EXPECT_EQ(subscribe_requests(), 1U);
     link("connected");
     EXPECT_EQ(subscribe_requests(), 2U);
 }
 
+TEST_F(RrmWorkerSubscriptionTest, SuccessIsSuccessWhateverItsCode) {
+    link("connected");
+    service_commands("subscribe-response", R"("status":"success","code":503)");
+    EXPECT_TRUE(exists(connected_flag));
+    advance(200);
+    EXPECT_EQ(subscribe_requests(), 1U);
+}
+
+TEST_F(RrmWorkerSubscriptionTest, RefusalWhileSubscribedLeavesTheSubscription) {
+    subscribe_steering();
+    service_commands("subscribe-response", R"("status":"error","code":403)");
+    advance(600);
+    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_TRUE(exists(connected_flag));
+    bus_sends(trap_event("auth"));
+    EXPECT_THAT(reports_of("rrm-client-assoc"), SizeIs(1));
+}
+
+TEST_F(RrmWorkerSubscriptionTest, BusyServiceIsAskedAgainAndLeavesTheSubscription) {
+    subscribe_steering();
+    answer_503();
+    bus_sends(trap_event("auth"));
+    EXPECT_THAT(reports_of("rrm-client-assoc"), SizeIs(1));
+    advance(60);
+    EXPECT_EQ(subscribe_requests(), 1U);
+}
+
 TEST_F(RrmWorkerSubscriptionTest, ConnectedPutsTheRetryPeriodBackTo30Seconds) {
     link("connected");
     answer_503();
     link("connected");
-    EXPECT_EQ(peer().subscribe_timeout(), 30);
     advance(30);
     EXPECT_EQ(subscribe_requests(), 3U);
 }
@@ -180,7 +222,8 @@ TEST_F(RrmWorkerSubscriptionTest, SuccessDoesNotResetTheRetryPeriod) {
     link("connected");
     answer_503();
     service_commands("subscribe-response", R"("status":"success")");
-    EXPECT_EQ(peer().subscribe_timeout(), 60);
+    answer_503();
+    EXPECT_TRUE(log.contains("Reconnect after 120 sec"));
 }
 
 TEST_F(RrmWorkerSubscriptionTest, SuccessTakesDomainAndConfigAndForgetsSteeringOptions) {
@@ -189,22 +232,35 @@ TEST_F(RrmWorkerSubscriptionTest, SuccessTakesDomainAndConfigAndForgetsSteeringO
     peer().no_balance_enterprise() = true;
     service_commands("subscribe-response",
                      R"("status":"success","domain":"site-2","config":{"use-80211v":1})");
-    EXPECT_EQ(peer().ap_location(), "site-2");
-    EXPECT_TRUE(peer().orvanta_use_80211v());
+    EXPECT_TRUE(is_steering());
     EXPECT_FALSE(peer().blacklist_enabled());
     EXPECT_FALSE(peer().no_balance_enterprise());
-    peer().post_disassoc_all();
+    remove(hostapd_pid);
+    EXPECT_TRUE(pass());
     EXPECT_EQ(last_report(),
               std::string{R"({"version":"2.4","service":"rrm","cmd":"rrm-disassoc-all-clients",)"} +
                   R"("ap-mac":"00:11:22:33:44:50","domain":"site-2",)" + factory + "}");
     EXPECT_TRUE(log.contains("Send disassoc all clients to server"));
 }
 
-TEST_F(RrmWorkerSubscriptionTest, SuccessWithoutConfigAppliesNothing) {
+TEST_F(RrmWorkerSubscriptionTest, EmptyDomainIsADomain) {
     link("connected");
-    peer().orvanta_use_80211v() = true;
+    service_commands("subscribe-response", R"("status":"success","domain":"")");
+    service_commands("rrm-request-mode");
+    EXPECT_THAT(last_report(), HasSubstr(R"("ap-mac":"00:11:22:33:44:50","domain":"","radios")"));
+}
+
+TEST_F(RrmWorkerSubscriptionTest, SuccessWithoutADomainKeepsTheOneThatIsKnown) {
+    link("connected");
+    service_commands("subscribe-response", R"("status":"success","domain":null)");
+    EXPECT_EQ(domain(), "site-1");
+}
+
+TEST_F(RrmWorkerSubscriptionTest, SuccessWithoutConfigAppliesNothing) {
+    switch_steering(true);
+    link("connected");
     service_commands("subscribe-response", R"("status":"success","config":null)");
-    EXPECT_TRUE(peer().orvanta_use_80211v());
+    EXPECT_TRUE(is_steering());
 }
 
 TEST_F(RrmWorkerSubscriptionTest, WithoutHostapdTheRequestWaitsForItsStart) {
@@ -212,9 +268,26 @@ TEST_F(RrmWorkerSubscriptionTest, WithoutHostapdTheRequestWaitsForItsStart) {
     link("connected");
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_TRUE(log.contains("Waiting for hostapd to start before sending subscribe-request"));
-    EXPECT_TRUE(peer().subscribing());
     advance(600);
     EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_EQ(answer_to_hostapds_start(), "subscribe-request");
+}
+
+TEST_F(RrmWorkerSubscriptionTest, RequestThatWaitsForHostapdIsNotRepeatedMeanwhile) {
+    link("connected");
+    driver.hostapd_up = false;
+    link("connected");
+    advance(30);
+    EXPECT_FALSE(log.contains("Not sending subscribe-request"));
+    EXPECT_EQ(subscribe_requests(), 1U);
+}
+
+TEST_F(RrmWorkerSubscriptionTest, DisconnectedForgetsARequestThatWaitsForHostapd) {
+    driver.hostapd_up = false;
+    link("connected");
+    link("disconnected");
+    EXPECT_EQ(answer_to_hostapds_start(), "");
+    EXPECT_TRUE(driver.hostapd_up);
 }
 
 TEST_F(RrmWorkerSubscriptionTest, SentryModeSubscribesWithoutHostapd) {
@@ -238,9 +311,8 @@ TEST_F(RrmWorkerSubscriptionTest, RetryWithoutHostapdSendsNothingAndTriesAgain) 
 TEST_F(RrmWorkerSubscriptionTest, DisconnectedStopsTheRequestsAndClearsTheSubscription) {
     subscribe();
     link("disconnected");
-    EXPECT_FALSE(peer().subscribed());
-    EXPECT_FALSE(peer().subscribing());
     EXPECT_FALSE(exists(connected_flag));
+    EXPECT_EQ(answer_to_hostapds_start(), "");
     EXPECT_TRUE(log.contains("Disconnected from RRM service - stop all timers"));
 
     link("connected");

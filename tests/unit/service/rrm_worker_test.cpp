@@ -1,8 +1,10 @@
 // How an RRM worker begins and ends.
+#include "pause_log.h"
 #include "rrm_worker_fixture.h"
 
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::InSequence;
 using testing::IsEmpty;
@@ -24,22 +26,36 @@ TEST_F(RrmWorkerTest, ConstructionRemovesStaleFilesAndNoOther) {
 }
 
 TEST_F(RrmWorkerTest, ConstructionSetsTheDefaults) {
-    EXPECT_FALSE(peer().subscribed());
-    EXPECT_FALSE(peer().subscribing());
-    EXPECT_EQ(peer().subscribe_timeout(), 30);
     EXPECT_EQ(peer().rrm_response_timeout(), 0);
     EXPECT_EQ(peer().scan_count(), 0U);
     EXPECT_EQ(peer().fbt_reassoc_deadline(), 1000);
     EXPECT_TRUE(peer().fbt_over_ds());
     EXPECT_FALSE(peer().disable_vexor_rrm_scanning());
-    EXPECT_FALSE(peer().send_assoc_prohibited());
     EXPECT_FALSE(peer().blacklist_enabled());
     EXPECT_FALSE(peer().no_balance_enterprise());
-    EXPECT_FALSE(peer().orvanta_use_80211v());
-    EXPECT_FALSE(peer().orvanta_use_80211r());
-    EXPECT_EQ(peer().ap_location(), "site-1");
     EXPECT_THAT(peer().sta_environment(), SizeIs(2));
     EXPECT_THAT(peer().sta_block(), SizeIs(2));
+}
+
+TEST_F(RrmWorkerTest, BeginsWithoutASubscription) {
+    EXPECT_EQ(answer_to_hostapds_start(), "");
+    EXPECT_EQ(domain(), "site-1");
+}
+
+TEST_F(RrmWorkerTest, BeginsWithSteeringAndFastTransitionOff) {
+    EXPECT_FALSE(takes_fast_transition());
+    subscribe();
+    EXPECT_FALSE(is_steering());
+}
+
+TEST_F(RrmWorkerTest, BeginsWithARetryPeriodOf30Seconds) {
+    answer_503();
+    EXPECT_TRUE(log.contains("Reconnect after 60 sec"));
+}
+
+TEST_F(RrmWorkerTest, ReportsClientsFromTheBeginning) {
+    subscribe_steering();
+    EXPECT_TRUE(is_steering()) << "no restart of hostapd is under way";
 }
 
 TEST_F(RrmWorkerTest, NegativeRadioCountGivesNoTables) {
@@ -57,12 +73,32 @@ TEST_F(RrmWorkerTest, DestructionClearsNeighboursThenResetsTheDriver) {
         const InSequence order;
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan0-va0")));
         EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va0")));
+        EXPECT_CALL(driver, clear_rrm_nbr_ap_list(StrEq("wlan1-va2")));
         EXPECT_CALL(driver, init());
         EXPECT_CALL(driver, close_vapcontext());
     }
     worker.reset();
     EXPECT_FALSE(exists(connected_flag));
     EXPECT_TRUE(log.contains("rrm_worker: stop"));
+}
+
+TEST_F(RrmWorkerTest, LooksForTheRadioDaemonsEvery300Milliseconds) {
+    remove(hostapd_pid);
+    PauseLog times{[this] { run_flag = false; }};
+    worker->start_on_current_thread();
+    EXPECT_THAT(times.pauses(), ElementsAre(300000));
+}
+
+TEST_F(RrmWorkerTest, PassesFollowOneAnotherWithoutAWait) {
+    int passes = 0;
+    ON_CALL(driver, process_driver_events).WillByDefault([&](const auto&) {
+        run_flag = ++passes < 3;
+        return 0;
+    });
+    PauseLog times{[] {}};
+    worker->start_on_current_thread();
+    EXPECT_EQ(passes, 3);
+    EXPECT_THAT(times.waits(), IsEmpty()) << "the driver's events are what a pass waits for";
 }
 
 }  // namespace

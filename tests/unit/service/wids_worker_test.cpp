@@ -10,6 +10,7 @@
 
 #include "log_capture.h"
 #include "mock_driver.h"
+#include "pause_log.h"
 #include "test_bus.h"
 
 namespace {
@@ -65,6 +66,23 @@ TEST_F(WidsWorkerTest, AlwaysConnectsAndRunsWhileItsFlagIsSet) {
     EXPECT_TRUE(worker.condition(run_flag));
     run_flag = false;
     EXPECT_FALSE(worker.condition(run_flag));
+}
+
+TEST_F(WidsWorkerTest, WaitsForAMessageFor100Milliseconds) {
+    PauseLog times{[this] { run_flag = false; }};
+    worker.start_on_current_thread();
+    EXPECT_THAT(times.waits(), ElementsAre(100));
+}
+
+TEST_F(WidsWorkerTest, PausesForASecondBetweenTwoConnects) {
+    class unconnected : public wids_worker {
+      public:
+        using wids_worker::wids_worker;
+        bool __connect() override { return false; }
+    } other{driver, to_service, from_service, run_flag, "Floor-3"};
+    PauseLog times{[this] { run_flag = false; }};
+    other.start_on_current_thread();
+    EXPECT_THAT(times.pauses(), ElementsAre(1000000));
 }
 
 TEST_F(WidsWorkerTest, OwnListIsAcknowledgedAndHandedToHubd) {

@@ -25,14 +25,6 @@ FakeRadio make_radio(int number, int band) {
     radio.eirp_max = 23;
     radio.eirp_min = 8;
     radio.antenna = antenna_config_t{3, 1};
-    for (int vap = 0; vap < 2; ++vap) {
-        FakeVap v;
-        v.ifname = radio.ifname + "-va" + std::to_string(vap);
-        v.ssid = vap == 0 ? "home" : "guest";
-        v.mac = vap_mac(number, vap);
-        v.dot11k = vap == 0;
-        radio.vaps.push_back(v);
-    }
     return radio;
 }
 
@@ -103,6 +95,11 @@ void MockDriver::set_up_radios() {
     radios[1].chanspec_in_use = radios[1].config_spec =
         LWLIO_CHANSPEC_BAND_5G | LWLIO_CHANSPEC_BW_80 | LWLIO_CHANSPEC_CTL_SB_LL | 42U;
     radios[1].available_channels = "36 40 44 48 ";
+    for (const int radio : {0, 1}) {
+        add_vap(radio, "home", true);
+        add_vap(radio, "guest", false);
+    }
+    add_vap(1, "staff", true);
     set_text(factory.board, "WEP-3ax");
     set_text(factory.hw, "1v2");
     set_text(factory.serial, "WP42000017");
@@ -133,6 +130,18 @@ FakeRadio* MockDriver::live_radio(int radio) {
     return r.up ? &r : nullptr;
 }
 
+FakeVap& MockDriver::add_vap(int radio, const std::string& ssid, bool dot11k) {
+    FakeRadio& r = radios.at(static_cast<std::size_t>(radio));
+    const int number = static_cast<int>(r.vaps.size());
+    FakeVap vap;
+    vap.ifname = r.ifname + "-va" + std::to_string(number);
+    vap.ssid = ssid;
+    vap.mac = vap_mac(radio, number);
+    vap.dot11k = dot11k;
+    r.vaps.push_back(vap);
+    return r.vaps.back();
+}
+
 rrm_sta_s& MockDriver::add_station(int radio, int vap, const std::string& mac, int rssi) {
     FakeRadio& r = radios.at(static_cast<std::size_t>(radio));
     const FakeVap& v = r.vaps.at(static_cast<std::size_t>(vap));
@@ -140,7 +149,7 @@ rrm_sta_s& MockDriver::add_station(int radio, int vap, const std::string& mac, i
     sta.mac = mac;
     sta.ssid = v.ssid;
     sta.ifname = v.ifname;
-    sta.rssi.fill(rssi);
+    sta.rssi = {rssi - first_chain_below, rssi, rssi - 9, rssi - 7};
     sta.max_rssi = rssi;
     r.stations.push_back(sta);
     return r.stations.back();

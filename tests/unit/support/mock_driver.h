@@ -86,7 +86,8 @@ using IfnameText = std::pair<std::string, std::string>;
 class MockDriver : public driver_interface {
   public:
     // Two radios are up: "wlan0" on channel 6 (20 MHz) and "wlan1" on channel 36 (80 MHz), each
-    // with VAPs 0 and 1 ("home", with 802.11k, and "guest"), no client and no neighbour.
+    // with VAPs 0 and 1 ("home", with 802.11k, and "guest"), the second also with VAP 2 ("staff",
+    // with 802.11k), no client and no neighbour.
     // `process_run_flag` is the request side's (ipc_helper).
     explicit MockDriver(const volatile bool* process_run_flag = nullptr);
     virtual ~MockDriver();
@@ -122,8 +123,12 @@ class MockDriver : public driver_interface {
     FakeRadio* radio_by_ifname(const char* ifname);
     // The radio when the number is valid, hostapd is up and the radio too.
     FakeRadio* live_radio(int radio);
-    // An associated client of a VAP.
+    // The next VAP of a radio.
+    FakeVap& add_vap(int radio, const std::string& ssid, bool dot11k);
+    // An associated client of a VAP. `rssi` is its strongest reading, that of the second chain; the
+    // others read less, each another value.
     rrm_sta_s& add_station(int radio, int vap, const std::string& mac, int rssi);
+    static constexpr int first_chain_below = 4;  // dB
 
     // --- ipc_helper ---
     MOCK_METHOD(std::string, get_country, (const char*), (const, override));
