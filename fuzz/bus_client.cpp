@@ -15,24 +15,14 @@
 
 #include "input.h"
 #include "msgbus.h"
+#include "owned.h"
 
 namespace {
 
 constexpr std::uint8_t module_id = 7;
 constexpr int timeout = 5;  // seconds; the clock stands still
 
-struct FreeFrame {
-    void operator()(message_s* frame) const { std::free(frame); }
-};
-using Frame = std::unique_ptr<message_s, FreeFrame>;
-
-struct Leave {
-    void operator()(msgbus_context* ctx) const { msgbus_release(ctx); }
-};
-
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
+using Frame = std::unique_ptr<message_s, free_deleter>;
 
 // The broker's end of the client's connection.
 class Broker {
@@ -134,8 +124,7 @@ void act(msgbus_context* ctx, std::uint8_t action) {
             break;
         case 1: {
             msgbus_send(ctx, request.data(), 9, request.size());
-            const std::unique_ptr<cfgtree_node, ReleaseTree> answer{
-                msgbus_wait_answer(ctx, "get-response", "no answer", timeout)};
+            const cfgtree_ptr answer{msgbus_wait_answer(ctx, "get-response", "no answer", timeout)};
             break;
         }
         case 2:
@@ -191,7 +180,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::Reader input{fuzz::as_text(data, size)};
     Broker other_end{input};
     broker = &other_end;
-    const std::unique_ptr<msgbus_context, Leave> ctx{msgbus_init(module_id, nullptr, 0)};
+    const msgbus_ptr ctx{msgbus_init(module_id, nullptr, 0)};
     while (ctx && !input.empty())
         act(ctx.get(), input.byte());
     return 0;

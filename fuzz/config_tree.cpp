@@ -3,16 +3,12 @@
 
 #include "cfgtree.h"
 #include "input.h"
+#include "owned.h"
 
 namespace {
 
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-using Tree = std::unique_ptr<cfgtree_node, ReleaseTree>;
-
-Tree parse(const std::string& text) {
-    return Tree{cfgtree_parse_buffer(text.data(), text.size())};
+cfgtree_ptr parse(const std::string& text) {
+    return cfgtree_ptr{cfgtree_parse_buffer(text.data(), text.size())};
 }
 
 void ask(cfgtree_node* node) {
@@ -33,12 +29,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // No NUL stands behind a buffer.
     const std::unique_ptr<char[]> exact{new char[size]};
     fuzz::as_text(data, size).copy(exact.get(), size);
-    const Tree tree{cfgtree_parse_buffer(exact.get(), size)};
+    const cfgtree_ptr tree{cfgtree_parse_buffer(exact.get(), size)};
     if (!tree)
         return 0;
     ask(tree.get());
     const std::string written = cfgtree_serialize_compact(tree.get());
-    const Tree again = parse(written);
+    const cfgtree_ptr again = parse(written);
     fuzz::require(again && written == cfgtree_serialize_compact(again.get()));
     cfgtree_set_param(tree.get(), "command", "set");
     return 0;

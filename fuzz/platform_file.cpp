@@ -1,14 +1,14 @@
 // The platform's JSON files: a byte for which of them, then its content.
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "antcfg.h"
 #include "factorydata.h"
 #include "file.h"
-#include "folder.h"
 #include "input.h"
 #include "krds.h"
+#include "owned.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -16,14 +16,10 @@ namespace {
 struct Files {
     Files() { setenv("LUMD_PLATFORM_DIR", folder.path().c_str(), 1); }
 
-    fuzz::Folder folder;
-    fuzz::File factory{folder.path() + "/factory.json"};
-    fuzz::File radios{folder.path() + "/radios.json"};
-    fuzz::File antennas{folder.path() + "/antennas.json"};
-};
-
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
+    TemporaryFolder folder;
+    fuzz::File factory{folder / "factory.json"};
+    fuzz::File radios{folder / "radios.json"};
+    fuzz::File antennas{folder / "antennas.json"};
 };
 
 void ask_factory() {
@@ -43,8 +39,7 @@ void ask_radios() {
 }
 
 void ask_antenna(std::string_view configuration) {
-    const std::unique_ptr<cfgtree_node, ReleaseTree> tree{
-        cfgtree_parse_buffer(configuration.data(), configuration.size())};
+    const cfgtree_ptr tree{cfgtree_parse_buffer(configuration.data(), configuration.size())};
     antcfg_record record{};
     std::memcpy(record.name, "roof", sizeof "roof");
     antcfg_get("wlan0", tree.get(), &record);

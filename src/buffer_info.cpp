@@ -2,8 +2,8 @@
 
 #include <malloc.h>
 
-#include "cfgtree.h"
 #include "lum_trace.h"
+#include "owned.h"
 
 namespace {
 constexpr std::size_t large_message =
@@ -28,8 +28,7 @@ const std::string& buffer_info_t::append(const char* data, unsigned len) {
 void buffer_info_t::dump() const {
     if (!trace.is_debug_enabled())
         return;
-    const std::unique_ptr<cfgtree_node, decltype(&cfgtree_release)> tree(
-        cfgtree_parse_buffer(message.data(), message.size()), &cfgtree_release);
+    const cfgtree_ptr tree{cfgtree_parse_buffer(message.data(), message.size())};
     if (tree)
         trace.debug("Buffer info dump:\n%s", cfgtree_serialize(tree.get()));
     else

@@ -66,34 +66,31 @@ ipc_helper::ipc_helper(ipc_module_t module, int timeout_seconds,
     std::exit(-1);
 }
 
-ipc_helper::~ipc_helper() {
-    if (ctx == nullptr)
-        return;
-    msgbus_release(ctx);
-    ctx = nullptr;
-}
-
 cfgtree_ptr ipc_helper::send_ipc_message_wait_answer(const cfgtree_node* request,
                                                      const char* response_command,
                                                      std::uint8_t module,
                                                      const char* error_text) const {
     if (is_stopping())
         return nullptr;
-    msgbus_peer_start(ctx);
+    msgbus_peer_start(ctx.get());
     const char* text = text_of(cfgtree_serialize_compact(request));
-    msgbus_send(ctx, text, module, std::strlen(text));
-    cfgtree_ptr answer{msgbus_wait_answer(ctx, response_command, error_text, timeout)};
-    msgbus_peer_stop(ctx);
+    msgbus_send(ctx.get(), text, module, std::strlen(text));
+    cfgtree_ptr answer{msgbus_wait_answer(ctx.get(), response_command, error_text, timeout)};
+    msgbus_peer_stop(ctx.get());
     return answer;
 }
 
-bool ipc_helper::is_consent(const cfgtree_node* answer) {
-    return std::strcmp(text_of(cfgtree_get_param(answer, "status")), "ok") == 0;
-}
-
-const char* ipc_helper::refusal_reason(const cfgtree_node* answer) {
+ipc_helper::hubd_reply_t ipc_helper::ask_hubd(const cfgtree_node* request,
+                                              const char* response_command,
+                                              const char* error_text) const {
+    hubd_reply_t reply;
+    reply.answer = send_ipc_message_wait_answer(request, response_command, HUBDMOD, error_text);
+    const cfgtree_node* answer = reply.answer.get();
+    if (answer == nullptr || std::strcmp(text_of(cfgtree_get_param(answer, "status")), "ok") == 0)
+        return reply;
     const char* reason = cfgtree_get_param(answer, "reason");
-    return reason != nullptr ? reason : "invalid response";
+    reply.reason = reason != nullptr ? reason : "invalid response";
+    return reply;
 }
 
 std::string ipc_helper::format_path(const char* format, ...) {
@@ -249,16 +246,13 @@ int ipc_helper::update_orvanta(const std::string& ifname, const orvanta_params_t
     }
     for (const auto& [name, value] : params)
         cfgtree_add_string(subtree, name.c_str(), value.c_str());
-    const cfgtree_ptr answer = send_ipc_message_wait_answer(
-        request.get(), "update-orvanta-response", HUBDMOD, "Error: can't update Orvanta params\n");
-    if (!answer) {
-        trace.error("Error: no response (%s)\n", "update_orvanta");
-        return -1;
-    }
-    if (is_consent(answer.get()))
-        return 0;
-    trace.error("Error: ifname (%s) reason (%s)\n", ifname.c_str(), refusal_reason(answer.get()));
-    return -1;
+    const hubd_reply_t reply =
+        ask_hubd(request.get(), "update-orvanta-response", "Error: can't update Orvanta params\n");
+    if (reply.is_silent())
+        trace.error("Error: no response (%s)\n", __func__);
+    else if (reply.is_refusal())
+        trace.error("Error: ifname (%s) reason (%s)\n", ifname.c_str(), reply.reason);
+    return reply.is_consent() ? 0 : -1;
 }
 
 int ipc_helper::send_reset_orvanta(const std::string& ifname) const {
@@ -270,16 +264,13 @@ int ipc_helper::send_reset_orvanta(const std::string& ifname) const {
         return -1;
     }
     cfgtree_set_param(request.get(), "ifname", ifname.c_str());
-    const cfgtree_ptr answer = send_ipc_message_wait_answer(
-        request.get(), "reset-orvanta-response", HUBDMOD, "Error: can't reset Orvanta params\n");
-    if (!answer) {
+    const hubd_reply_t reply =
+        ask_hubd(request.get(), "reset-orvanta-response", "Error: can't reset Orvanta params\n");
+    if (reply.is_silent())
         trace.error("Error: no response\n");
-        return -1;
-    }
-    if (is_consent(answer.get()))
-        return 0;
-    trace.error("Error: ifname (%s) reason (%s)\n", ifname.c_str(), refusal_reason(answer.get()));
-    return -1;
+    else if (reply.is_refusal())
+        trace.error("Error: ifname (%s) reason (%s)\n", ifname.c_str(), reply.reason);
+    return reply.is_consent() ? 0 : -1;
 }
 
 int ipc_helper::set_wisd_bw_list(const std::string& json) const {
@@ -293,16 +284,13 @@ int ipc_helper::set_wisd_bw_list(const std::string& json) const {
     if (trace.is_debug_enabled())
         trace.debug("Try to send update-wids-mac-lists to hubd:\n%s\n",
                     cfgtree_serialize_compact(request.get()));
-    const cfgtree_ptr answer =
-        send_ipc_message_wait_answer(request.get(), "update-wids-mac-lists-response", HUBDMOD,
-                                     "Error: can't update wids b/w params\n");
-    if (!answer) {
+    const hubd_reply_t reply = ask_hubd(request.get(), "update-wids-mac-lists-response",
+                                        "Error: can't update wids b/w params\n");
+    if (reply.is_silent())
         trace.error("Error: no response\n");
-        return -1;
-    }
-    if (!is_consent(answer.get()))
-        trace.error("Error: reason (%s)\n", refusal_reason(answer.get()));
-    return 0;
+    else if (reply.is_refusal())
+        trace.error("Error: reason (%s)\n", reply.reason);
+    return reply.is_silent() ? -1 : 0;
 }
 
 int ipc_helper::send_scan_notice(const char* command, const char* ifname) const {
@@ -311,7 +299,7 @@ int ipc_helper::send_scan_notice(const char* command, const char* ifname) const 
         return 0;
     cfgtree_set_param(notice.get(), "interface", text_of(ifname));
     const char* text = text_of(cfgtree_serialize_compact(notice.get()));
-    msgbus_send(ctx, text, SCANDMOD, std::strlen(text));
+    msgbus_send(ctx.get(), text, SCANDMOD, std::strlen(text));
     return 0;
 }
 

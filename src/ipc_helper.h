@@ -4,25 +4,17 @@
 #define LUMD_IPC_HELPER_H
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "cfgtree.h"
 #include "ipc_module.h"
-#include "msgbus.h"
+#include "owned.h"
 
 // Ordered name/value pairs pushed to hubd.
 using orvanta_params_t = std::vector<std::pair<std::string, std::string>>;
-
-struct cfgtree_deleter {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-// An owned configuration tree.
-using cfgtree_ptr = std::unique_ptr<cfgtree_node, cfgtree_deleter>;
 
 // Owns a bus context of its own. Holds no lock: used by one thread at a time. A request waits for
 // its answer on the caller's thread, at most `timeout` seconds; an absent daemon is known at once.
@@ -79,8 +71,18 @@ class ipc_helper {
     int unlock_scan_scand(const char* ifname) const;
 
   protected:
-    // Releases the bus context. Not virtual: nothing is deleted through this class.
-    ~ipc_helper();
+    // How hubd took a request.
+    struct hubd_reply_t {
+        cfgtree_ptr answer;            // null: hubd was silent
+        const char* reason = nullptr;  // of a refusal; borrowed from `answer`
+
+        [[nodiscard]] bool is_silent() const { return !answer; }
+        [[nodiscard]] bool is_refusal() const { return reason != nullptr; }
+        [[nodiscard]] bool is_consent() const { return answer && reason == nullptr; }
+    };
+
+    // Not virtual: nothing is deleted through this class.
+    ~ipc_helper() = default;
 
     // Sends `request` (borrowed) to `module` and waits for the answer whose "command" is
     // `response_command`. Null when none came, and `error_text` is logged.
@@ -88,9 +90,9 @@ class ipc_helper {
                                              const char* response_command, std::uint8_t module,
                                              const char* error_text) const;
 
-    // Whether an answer's "status" is "ok"; and otherwise the reason it gives.
-    static bool is_consent(const cfgtree_node* answer);
-    static const char* refusal_reason(const cfgtree_node* answer);
+    // The same to hubd, and judges the answer by its "status".
+    hubd_reply_t ask_hubd(const cfgtree_node* request, const char* response_command,
+                          const char* error_text) const;
 
     // A configuration path of at most 63 characters; a longer one is cut.
     [[gnu::format(printf, 1, 2)]] static std::string format_path(const char* format, ...);
@@ -107,7 +109,7 @@ class ipc_helper {
 
     int send_scan_notice(const char* command, const char* ifname) const;
 
-    msgbus_context* ctx;
+    const msgbus_ptr ctx;
     const std::int32_t timeout;  // seconds
     const volatile bool* const running;
 };

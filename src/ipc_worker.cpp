@@ -2,8 +2,6 @@
 
 #include <memory>
 
-#include "owned.h"
-
 namespace {
 
 constexpr int idle_delay_us = 100000;
@@ -25,27 +23,27 @@ ipc_worker::~ipc_worker() {
 }
 
 bool ipc_worker::__connect() {
-    ctx = msgbus_init_with_event(module_id, bus_options.data(), bus_options.size(),
-                                 event_descriptor());
-    if (ctx == nullptr)
+    ctx.reset(msgbus_init_with_event(module_id, bus_options.data(), bus_options.size(),
+                                     event_descriptor()));
+    if (!ctx)
         return false;
-    msgbus_set_module_loop(ctx, 0);
-    if (msgbus_get_module_loop(ctx) == 0) {
-        msgbus_peer_start(ctx);
-        from_daemon.set_user_notifier([this] { wake(); });
-        return true;
+    msgbus_set_module_loop(ctx.get(), 0);
+    if (msgbus_get_module_loop(ctx.get()) != 0) {
+        ctx.reset();
+        return false;
     }
-    release();
-    return false;
+    msgbus_peer_start(ctx.get());
+    from_daemon.set_user_notifier([this] { wake(); });
+    return true;
 }
 
 bool ipc_worker::execute() {
-    if (ctx == nullptr)
+    if (!ctx)
         return false;
-    const std::unique_ptr<message_s, free_deleter> frame(msgbus_poll_no_wait(ctx));
+    const std::unique_ptr<message_s, free_deleter> frame(msgbus_poll_no_wait(ctx.get()));
     if (!frame && send_next())
         return false;
-    msgbus_flush(ctx);
+    msgbus_flush(ctx.get());
     if (frame)
         process_ipc_message(*frame);
     return !frame;
@@ -69,18 +67,11 @@ void ipc_worker::wake() {
 
 void ipc_worker::__disconnect() {
     from_daemon.unset_user_notifier();
-    release();
+    ctx.reset();
 }
 
 bool ipc_worker::condition(const volatile bool& running) {
-    return running && ctx != nullptr && msgbus_get_module_loop(ctx) != 0;
-}
-
-void ipc_worker::release() {
-    if (ctx == nullptr)
-        return;
-    msgbus_release(ctx);
-    ctx = nullptr;
+    return running && ctx && msgbus_get_module_loop(ctx.get()) != 0;
 }
 
 // The bus is trusted for the length: it delivers whole frames. The payload of an empty frame has
@@ -103,7 +94,7 @@ void ipc_worker::send_ipc_message(const buffer_info_t& buffer) {
     if (buffer.text().empty())
         return;
     const auto send = from_daemon.empty() ? msgbus_send : msgbus_send_later;
-    send(ctx, buffer.text().data(), static_cast<std::uint8_t>(route_message(buffer)),
+    send(ctx.get(), buffer.text().data(), static_cast<std::uint8_t>(route_message(buffer)),
          buffer.text().size());
 }
 

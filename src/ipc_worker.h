@@ -7,7 +7,7 @@
 
 #include "abstract_worker.h"
 #include "ipc_module.h"
-#include "msgbus.h"
+#include "owned.h"
 #include "safe_queue.h"
 
 // Looks at no message: what arrives for the module goes to `to_daemon` unchanged, what stands in
@@ -30,7 +30,6 @@ class ipc_worker : public abstract_worker {
     // The unit tests look at steps that the bus does not show.
     friend class ipc_worker_peer;
 
-    void release();
     [[nodiscard]] bool send_next();
     void wake();
     void process_ipc_message(const message_s& frame);
@@ -38,7 +37,7 @@ class ipc_worker : public abstract_worker {
     void send_ipc_message(const buffer_info_t& buffer);
     void from_daemon_dequeue_cb(const buffer_info_ptr& buffer);
 
-    msgbus_context* ctx = nullptr;  // null while not connected
+    msgbus_ptr ctx;  // null while not connected
     safe_queue& to_daemon;
     safe_queue& from_daemon;
     const ipc_module_t module_id;

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "folder.h"
 #include "kernel.h"
+#include "temporary_folder.h"
 
 class AccessPoint : public lab::Kernel {
   public:
@@ -50,7 +50,7 @@ class AccessPoint : public lab::Kernel {
     AccessPoint();
     void vendor_command(char* buffer) const;
 
-    const fuzz::Folder folder_;
+    const TemporaryFolder folder_;
     std::string tool_output_;
     bool answers_scans_ = false;
     bool answers_all_ = false;

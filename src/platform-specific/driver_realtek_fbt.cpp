@@ -30,22 +30,21 @@ int driver_realtek::finish_orvanta_fbt_params() {
     }
     const cfgtree_ptr message = std::move(realtek_fbt_msg);
     trace.debug("Try to send update-orvanta-fbt to hubd\n");
-    const cfgtree_ptr answer =
-        send_ipc_message_wait_answer(message.get(), "update-orvanta-fbt-response", HUBDMOD,
-                                     "Error: can't update Orvanta fbt params\n");
+    const hubd_reply_t reply = ask_hubd(message.get(), "update-orvanta-fbt-response",
+                                        "Error: can't update Orvanta fbt params\n");
     if (trace.is_debug_enabled())
         trace.debug("set_orvanta_fbt_params: %s\n", cfgtree_serialize_compact(message.get()));
-    if (!answer) {
+    if (reply.is_silent()) {
         trace.error("Error: no response (%s)\n", __func__);
         return -1;
     }
     if (trace.is_debug_enabled())
-        trace.debug("set_orvanta_fbt_params resp: %s\n", cfgtree_serialize_compact(answer.get()));
-    if (is_consent(answer.get()))
+        trace.debug("set_orvanta_fbt_params resp: %s\n",
+                    cfgtree_serialize_compact(reply.answer.get()));
+    if (reply.is_consent())
         trace.debug("Successfully received update-orvanta-fbt-response from hubd\n");
     else
-        trace.error("Error: can't apply update-orvanta-fbt-response reason (%s)\n",
-                    refusal_reason(answer.get()));
+        trace.error("Error: can't apply update-orvanta-fbt-response reason (%s)\n", reply.reason);
     return 0;
 }
 
@@ -69,19 +68,19 @@ int driver_realtek::__reset_orvanta_fbt(ResetOrvantaCause) const {
     trace.debug("Try to send reset-orvanta-fbt to hubd\n");
     if (trace.is_debug_enabled())
         trace.debug("reset_orvanta_fbt_params: %s\n", cfgtree_serialize_compact(message.get()));
-    const cfgtree_ptr answer =
-        send_ipc_message_wait_answer(message.get(), "reset-orvanta-fbt-response", HUBDMOD,
-                                     "Error: can't reset Orvanta params\n");
-    if (!answer) {
+    const hubd_reply_t reply = ask_hubd(message.get(), "reset-orvanta-fbt-response",
+                                        "Error: can't reset Orvanta params\n");
+    if (reply.is_silent()) {
         trace.error("Error: no response (%s)\n", __func__);
         return -1;
     }
     if (trace.is_debug_enabled())
-        trace.debug("reset_orvanta_fbt_params resp: %s\n", cfgtree_serialize_compact(answer.get()));
-    if (is_consent(answer.get()))
+        trace.debug("reset_orvanta_fbt_params resp: %s\n",
+                    cfgtree_serialize_compact(reply.answer.get()));
+    if (reply.is_consent())
         trace.debug("Successfully received reset-orvanta-fbt-response from hubd\n");
     else
-        trace.error("Error: fail reset-orvanta-fbt: reason (%s)\n", refusal_reason(answer.get()));
+        trace.error("Error: fail reset-orvanta-fbt: reason (%s)\n", reply.reason);
     return 0;
 }
 

@@ -52,12 +52,8 @@ class IpcWorkerAlone : public testing::Test {
     ipc_worker worker{to_daemon, from_daemon, LUMDMOD, run};
 };
 
-struct free_frame {
-    void operator()(message_s* frame) const { std::free(frame); }
-};
-
-std::unique_ptr<message_s, free_frame> frame_of(const std::string& payload) {
-    std::unique_ptr<message_s, free_frame> frame(
+std::unique_ptr<message_s, free_deleter> frame_of(const std::string& payload) {
+    std::unique_ptr<message_s, free_deleter> frame(
         static_cast<message_s*>(std::calloc(1, sizeof(message_header_s) + payload.size())));
     frame->header.len = static_cast<std::uint32_t>(payload.size());
     std::memcpy(reinterpret_cast<char*>(frame.get()) + sizeof(message_header_s), payload.data(),

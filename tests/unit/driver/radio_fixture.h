@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -18,25 +16,20 @@
 #include "krds.h"
 #include "log_capture.h"
 #include "platform-specific/driver_realtek.h"
+#include "temporary_folder.h"
 #include "test_bus.h"
 
 // The unit's own files: factory data and the registry of its radios.
 class PlatformFolder {
   public:
     PlatformFolder() {
-        char name[] = "/tmp/lumd-platform-XXXXXX";
-        if (mkdtemp(name) == nullptr)
-            throw std::runtime_error("no folder for the platform");
-        folder_ = name;
-        setenv("LUMD_PLATFORM_DIR", name, 1);
-        std::ofstream{folder_ + "/factory.json"}
-            << R"({"board":"b","hw":"h","serial":"s","mac":"00:11:22:33:44:50"})";
+        setenv("LUMD_PLATFORM_DIR", folder_.path().c_str(), 1);
+        folder_.write("factory.json",
+                      R"({"board":"b","hw":"h","serial":"s","mac":"00:11:22:33:44:50"})");
         radios(two_radios);
     }
     ~PlatformFolder() {
         unsetenv("LUMD_PLATFORM_DIR");
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
         KRDS::reload();
     }
     PlatformFolder(const PlatformFolder&) = delete;
@@ -47,12 +40,12 @@ class PlatformFolder {
         R"({"ifname":"wlan1","driver":"g6","bands":["5GHz"]})";
 
     void radios(const std::string& list) {
-        std::ofstream{folder_ + "/radios.json"} << R"({"radios":[)" << list << "]}";
+        folder_.write("radios.json", R"({"radios":[)" + list + "]}");
         KRDS::reload();
     }
 
   private:
-    std::string folder_;
+    const TemporaryFolder folder_;
 };
 
 // A driver whose radios nobody has brought up yet.

@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 
@@ -16,6 +14,7 @@
 #include "krds.h"
 #include "log_capture.h"
 #include "platform-specific/driver_realtek.h"
+#include "temporary_folder.h"
 #include "test_bus.h"
 
 class RealtekTest : public testing::Test {
@@ -27,9 +26,7 @@ class RealtekTest : public testing::Test {
          "antenna-gain": {"type": "configurable"}}]})";
 
     RealtekTest() {
-        char name[] = "/tmp/lumd-platform-XXXXXX";
-        folder = mkdtemp(name);
-        setenv("LUMD_PLATFORM_DIR", folder.c_str(), 1);
+        setenv("LUMD_PLATFORM_DIR", folder.path().c_str(), 1);
         set_radios(two_radios);
         write("factory.json", R"({"board": "AP-7", "hw": "rev-b", "serial": "S123",
                                            "mac": "00:11:22:33:44:50"})");
@@ -38,7 +35,6 @@ class RealtekTest : public testing::Test {
     ~RealtekTest() override {
         driver_.reset();
         unsetenv("LUMD_PLATFORM_DIR");
-        std::filesystem::remove_all(folder);
         KRDS::reload();
     }
 
@@ -62,9 +58,7 @@ class RealtekTest : public testing::Test {
     }
 
     // A file of the platform libraries.
-    void write(const char* name, const std::string& text) const {
-        std::ofstream{folder / name} << text;
-    }
+    void write(const char* name, const std::string& text) const { folder.write(name, text); }
     void set_radios(const std::string& json) const {
         write("radios.json", json);
         KRDS::reload();
@@ -79,7 +73,7 @@ class RealtekTest : public testing::Test {
         vaultd.set("/interface/" + ifname + "/vap/ssid", ssid);
     }
 
-    std::filesystem::path folder;
+    const TemporaryFolder folder;
     FakeKernel kernel;
     TestBus bus;
     FakeVaultd vaultd{bus};

@@ -2,21 +2,20 @@
 
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
 
 #include "datafile_support.h"
+#include "owned.h"
 
 namespace {
 
 class Antcfg : public DataFileTest {
   protected:
-    Antcfg() { directory.write("antennas.json", kAntennas); }
+    Antcfg() { folder.write("antennas.json", kAntennas); }
 
     // Asks with a record as the driver fills it: named "custom", figures not yet meaningful.
     int get(const char* tree_text, const char* name = "custom") {
-        const std::unique_ptr<cfgtree_node, void (*)(cfgtree_node*)> tree{cfgtree_parse(tree_text),
-                                                                          cfgtree_release};
+        const cfgtree_ptr tree{cfgtree_parse(tree_text)};
         record = {};
         std::strncpy(record.name, name, sizeof record.name);
         record.antenna_gain = record.cable_loss = 999;
@@ -91,15 +90,14 @@ TEST_F(Antcfg, AFigureThatIsNoIntegerIsOneErrorAndZero) {
 
 TEST_F(Antcfg, ALongNameIsCutInTheRecordOnly) {
     const std::string name(100, 'n');
-    directory.write("antennas.json",
-                    R"({"antennas":[{"name":")" + name + R"(","antenna-gain":5}]})");
+    folder.write("antennas.json", R"({"antennas":[{"name":")" + name + R"(","antenna-gain":5}]})");
     EXPECT_EQ(get((R"({"name":")" + name + "\"}").c_str()), 0);
     expect_figures(5, 0);
     EXPECT_EQ(record.name, name.substr(0, ANTCFG_NAME_BYTES - 1));
 }
 
 TEST_F(Antcfg, CustomNeedsNoFile) {
-    std::filesystem::remove(directory / "antennas.json");
+    std::filesystem::remove(folder / "antennas.json");
     EXPECT_EQ(get(R"({"name":"custom","antenna-gain":7})"), 0);
     expect_silence();
     EXPECT_EQ(get(R"({"name":"omni"})"), -1);
@@ -109,7 +107,7 @@ TEST_F(Antcfg, CustomNeedsNoFile) {
 
 TEST_F(Antcfg, AMalformedFileIsOneErrorAndZero) {
     for (const char* text : kMalformedFiles) {
-        directory.write("antennas.json", text);
+        folder.write("antennas.json", text);
         EXPECT_EQ(get(R"({"name":"omni"})"), -1) << text;
         expect_figures(0, 0);
         expect_one_error("no JSON object");
@@ -117,7 +115,7 @@ TEST_F(Antcfg, AMalformedFileIsOneErrorAndZero) {
 }
 
 TEST_F(Antcfg, AFileWithoutAListKnowsNoName) {
-    directory.write("antennas.json", R"({"antennas":{"name":"omni"}})");
+    folder.write("antennas.json", R"({"antennas":{"name":"omni"}})");
     EXPECT_EQ(get(R"({"name":"omni"})"), -1);
     expect_one_error("not known");
 }

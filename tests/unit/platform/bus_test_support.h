@@ -20,7 +20,7 @@
 
 #include "msgbus.h"
 #include "msgbus_broker.h"
-#include "temporary_directory.h"
+#include "temporary_folder.h"
 
 constexpr int kPatienceMs = 20000;  // bound of every wait; only a failing test uses it up
 

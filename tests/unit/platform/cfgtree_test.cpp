@@ -2,22 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
+
+#include "owned.h"
 
 namespace {
 
-struct Release {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-using Tree = std::unique_ptr<cfgtree_node, Release>;
-
-Tree parse(const char* text) {
-    return Tree{cfgtree_parse(text)};
+cfgtree_ptr parse(const char* text) {
+    return cfgtree_ptr{cfgtree_parse(text)};
 }
 
 TEST(Cfgtree, NewTreeIsAnEmptyObject) {
-    const Tree tree{cfgtree_new()};
+    const cfgtree_ptr tree{cfgtree_new()};
     EXPECT_EQ(cfgtree_get_type(tree.get()), CFGTREE_OBJECT);
     EXPECT_STREQ(cfgtree_serialize_compact(tree.get()), "{}");
 }
@@ -50,26 +46,26 @@ TEST(Cfgtree, RefusesNestingWithoutEnd) {
 
 TEST(Cfgtree, ParsesABufferWithoutANulBehindIt) {
     const std::string text = R"({"a":"b"}garbage)";
-    const Tree tree{cfgtree_parse_buffer(text.data(), 9)};
+    const cfgtree_ptr tree{cfgtree_parse_buffer(text.data(), 9)};
     EXPECT_STREQ(cfgtree_get_param(tree.get(), "a"), "b");
-    EXPECT_EQ(Tree{cfgtree_parse_buffer(text.data(), 10)}, nullptr);
-    EXPECT_EQ(Tree{cfgtree_parse_buffer(text.data(), 8)}, nullptr);
-    EXPECT_EQ(Tree{cfgtree_parse_buffer(nullptr, 9)}, nullptr);
-    EXPECT_EQ(Tree{cfgtree_parse_buffer(text.data(), 0)}, nullptr);
+    EXPECT_EQ(cfgtree_ptr{cfgtree_parse_buffer(text.data(), 10)}, nullptr);
+    EXPECT_EQ(cfgtree_ptr{cfgtree_parse_buffer(text.data(), 8)}, nullptr);
+    EXPECT_EQ(cfgtree_ptr{cfgtree_parse_buffer(nullptr, 9)}, nullptr);
+    EXPECT_EQ(cfgtree_ptr{cfgtree_parse_buffer(text.data(), 0)}, nullptr);
 }
 
 TEST(Cfgtree, ParsesANumberThatEndsWithItsBuffer) {
-    const Tree tree{cfgtree_parse_buffer("1234", 2)};
+    const cfgtree_ptr tree{cfgtree_parse_buffer("1234", 2)};
     EXPECT_STREQ(cfgtree_serialize(tree.get()), "12");
 }
 
 TEST(Cfgtree, IgnoresNulsAtTheEndOfABufferButNotInside) {
-    EXPECT_NE(Tree{cfgtree_parse_buffer("{}\0", 4)}, nullptr);
-    EXPECT_EQ(Tree{cfgtree_parse_buffer("{}\0{}", 5)}, nullptr);
+    EXPECT_NE(cfgtree_ptr{cfgtree_parse_buffer("{}\0", 4)}, nullptr);
+    EXPECT_EQ(cfgtree_ptr{cfgtree_parse_buffer("{}\0{}", 5)}, nullptr);
 }
 
 TEST(Cfgtree, SetParamReplacesAndKeepsTheOrderOfInsertion) {
-    const Tree tree{cfgtree_new()};
+    const cfgtree_ptr tree{cfgtree_new()};
     EXPECT_EQ(cfgtree_set_param(tree.get(), "command", "get"), 0);
     EXPECT_EQ(cfgtree_set_param(tree.get(), "path", "/a/b"), 0);
     EXPECT_EQ(cfgtree_set_param(tree.get(), "command", "put"), 0);
@@ -77,8 +73,8 @@ TEST(Cfgtree, SetParamReplacesAndKeepsTheOrderOfInsertion) {
 }
 
 TEST(Cfgtree, SetParamRefusesWhatIsNoObjectOrNoText) {
-    const Tree array = parse("[]");
-    const Tree object{cfgtree_new()};
+    const cfgtree_ptr array = parse("[]");
+    const cfgtree_ptr object{cfgtree_new()};
     EXPECT_EQ(cfgtree_set_param(nullptr, "a", "b"), -1);
     EXPECT_EQ(cfgtree_set_param(array.get(), "a", "b"), -1);
     EXPECT_EQ(cfgtree_set_param(object.get(), nullptr, "b"), -1);
@@ -87,7 +83,7 @@ TEST(Cfgtree, SetParamRefusesWhatIsNoObjectOrNoText) {
 }
 
 TEST(Cfgtree, GetParamGivesTheTextOfScalarsOnly) {
-    const Tree tree = parse(R"({"s":"x/y","n":-7,"b":true,"o":{},"a":[],"z":null})");
+    const cfgtree_ptr tree = parse(R"({"s":"x/y","n":-7,"b":true,"o":{},"a":[],"z":null})");
     EXPECT_STREQ(cfgtree_get_param(tree.get(), "s"), "x/y");
     EXPECT_STREQ(cfgtree_get_param(tree.get(), "n"), "-7");
     EXPECT_STREQ(cfgtree_get_param(tree.get(), "b"), "true");
@@ -99,7 +95,7 @@ TEST(Cfgtree, GetParamGivesTheTextOfScalarsOnly) {
 }
 
 TEST(Cfgtree, TellsAMissingMemberFromTheValueNull) {
-    const Tree tree = parse(R"({"z":null})");
+    const cfgtree_ptr tree = parse(R"({"z":null})");
     EXPECT_TRUE(cfgtree_has_param(tree.get(), "z"));
     EXPECT_EQ(cfgtree_get_child(tree.get(), "z"), nullptr);
     EXPECT_EQ(cfgtree_get_type(cfgtree_get_child(tree.get(), "z")), CFGTREE_NONE);
@@ -108,7 +104,7 @@ TEST(Cfgtree, TellsAMissingMemberFromTheValueNull) {
 }
 
 TEST(Cfgtree, LooksUpNothingInWhatIsNoObject) {
-    const Tree array = parse("[1]");
+    const cfgtree_ptr array = parse("[1]");
     for (const cfgtree_node* node : {static_cast<const cfgtree_node*>(nullptr),
                                      static_cast<const cfgtree_node*>(array.get())}) {
         EXPECT_FALSE(cfgtree_has_param(node, "a"));
@@ -119,7 +115,7 @@ TEST(Cfgtree, LooksUpNothingInWhatIsNoObject) {
 }
 
 TEST(Cfgtree, AddsSubtreesThatCanBeFilled) {
-    const Tree tree{cfgtree_new()};
+    const cfgtree_ptr tree{cfgtree_new()};
     cfgtree_node* params = cfgtree_add_subtree(tree.get(), "params");
     ASSERT_NE(params, nullptr);
     EXPECT_EQ(cfgtree_add_string(params, "channel", "36"), 0);
@@ -132,36 +128,36 @@ TEST(Cfgtree, AddsSubtreesThatCanBeFilled) {
 }
 
 TEST(Cfgtree, InsertTakesAReferenceOfItsOwn) {
-    Tree tree{cfgtree_new()};
-    Tree child = parse(R"({"a":1})");
+    cfgtree_ptr tree{cfgtree_new()};
+    cfgtree_ptr child = parse(R"({"a":1})");
     EXPECT_EQ(cfgtree_insert(tree.get(), "child", child.get()), 0);
     tree.reset();
     EXPECT_STREQ(cfgtree_serialize_compact(child.get()), R"({"a":1})");
 }
 
 TEST(Cfgtree, InsertedChildOutlivesTheCallersReference) {
-    const Tree tree{cfgtree_new()};
-    Tree child = parse(R"({"a":1})");
+    const cfgtree_ptr tree{cfgtree_new()};
+    cfgtree_ptr child = parse(R"({"a":1})");
     EXPECT_EQ(cfgtree_insert(tree.get(), "child", child.get()), 0);
     child.reset();
     EXPECT_STREQ(cfgtree_serialize_compact(tree.get()), R"({"child":{"a":1}})");
 }
 
 TEST(Cfgtree, InsertOfNullPutsTheValueNull) {
-    const Tree tree{cfgtree_new()};
+    const cfgtree_ptr tree{cfgtree_new()};
     EXPECT_EQ(cfgtree_insert(tree.get(), "z", nullptr), 0);
     EXPECT_STREQ(cfgtree_serialize_compact(tree.get()), R"({"z":null})");
 }
 
 TEST(Cfgtree, FailedInsertLeavesTheChildToTheCaller) {
-    const Tree child = parse("{}");
+    const cfgtree_ptr child = parse("{}");
     EXPECT_EQ(cfgtree_insert(nullptr, "a", child.get()), -1);
     EXPECT_EQ(cfgtree_insert(parse("[]").get(), "a", child.get()), -1);
     EXPECT_STREQ(cfgtree_serialize_compact(child.get()), "{}");
 }
 
 TEST(Cfgtree, WalksArrays) {
-    const Tree tree = parse(R"([10,"x",null])");
+    const cfgtree_ptr tree = parse(R"([10,"x",null])");
     ASSERT_EQ(cfgtree_array_length(tree.get()), 3u);
     EXPECT_STREQ(cfgtree_serialize(cfgtree_array_at(tree.get(), 1)), "x");
     EXPECT_EQ(cfgtree_array_at(tree.get(), 2), nullptr);

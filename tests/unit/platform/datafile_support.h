@@ -9,12 +9,12 @@
 #include <string>
 
 #include "syslog_spy.h"
-#include "temporary_directory.h"
+#include "temporary_folder.h"
 
 class DataFileTest : public testing::Test {
   protected:
     DataFileTest() {
-        setenv("LUMD_PLATFORM_DIR", directory.path().c_str(), 1);
+        setenv("LUMD_PLATFORM_DIR", folder.path().c_str(), 1);
         take_syslog();
     }
     ~DataFileTest() override { unsetenv("LUMD_PLATFORM_DIR"); }
@@ -28,7 +28,7 @@ class DataFileTest : public testing::Test {
     }
     static void expect_silence() { EXPECT_THAT(take_syslog(), testing::IsEmpty()); }
 
-    TemporaryDirectory directory;
+    TemporaryFolder folder;
 };
 
 // Files that hold no JSON object.

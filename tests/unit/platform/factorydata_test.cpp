@@ -29,8 +29,8 @@ class Factorydata : public DataFileTest {
 };
 
 TEST_F(Factorydata, ReadsTheFourTexts) {
-    directory.write("factory.json", R"({"board":"ap-42","hw":"1.3","serial":"S0001",)"
-                                    R"("mac":"00:11:22:33:44:50"})");
+    folder.write("factory.json", R"({"board":"ap-42","hw":"1.3","serial":"S0001",)"
+                                 R"("mac":"00:11:22:33:44:50"})");
     EXPECT_EQ(load(), 0);
     EXPECT_STREQ(record.board, "ap-42");
     EXPECT_STREQ(record.hw, "1.3");
@@ -40,7 +40,7 @@ TEST_F(Factorydata, ReadsTheFourTexts) {
 }
 
 TEST_F(Factorydata, AMissingMemberIsEmpty) {
-    directory.write("factory.json", R"({"board":"ap-42","hw":null,"serial":["x"]})");
+    folder.write("factory.json", R"({"board":"ap-42","hw":null,"serial":["x"]})");
     EXPECT_EQ(load(), 0);
     EXPECT_STREQ(record.board, "ap-42");
     EXPECT_STREQ(record.hw, "");
@@ -49,7 +49,7 @@ TEST_F(Factorydata, AMissingMemberIsEmpty) {
 }
 
 TEST_F(Factorydata, ALongTextIsCut) {
-    directory.write("factory.json", R"({"serial":")" + std::string(200, '7') + "\"}");
+    folder.write("factory.json", R"({"serial":")" + std::string(200, '7') + "\"}");
     EXPECT_EQ(load(), 0);
     EXPECT_EQ(record.serial, std::string(FACTORYDATA_TEXT_BYTES - 1, '7'));
 }
@@ -57,12 +57,12 @@ TEST_F(Factorydata, ALongTextIsCut) {
 TEST_F(Factorydata, AMissingFileIsOneErrorAndAnEmptyRecord) {
     EXPECT_EQ(load(), -1);
     expect_empty();
-    expect_one_error((directory / "factory.json") + ": No such file or directory");
+    expect_one_error((folder / "factory.json") + ": No such file or directory");
 }
 
 TEST_F(Factorydata, AMalformedFileIsOneErrorAndAnEmptyRecord) {
     for (const char* text : kMalformedFiles) {
-        directory.write("factory.json", text);
+        folder.write("factory.json", text);
         EXPECT_EQ(load(), -1) << text;
         expect_empty();
         expect_one_error("no JSON object");
@@ -70,19 +70,19 @@ TEST_F(Factorydata, AMalformedFileIsOneErrorAndAnEmptyRecord) {
 }
 
 TEST_F(Factorydata, AFileWithoutEndIsRefused) {
-    directory.write("factory.json", "{}" + std::string(DATAFILE_MAX_BYTES - 1, ' '));
+    folder.write("factory.json", "{}" + std::string(DATAFILE_MAX_BYTES - 1, ' '));
     EXPECT_EQ(load(), -1);
     expect_one_error("too long");
-    directory.write("factory.json", "{}" + std::string(DATAFILE_MAX_BYTES - 2, ' '));
+    folder.write("factory.json", "{}" + std::string(DATAFILE_MAX_BYTES - 2, ' '));
     EXPECT_EQ(load(), 0);
 }
 
 TEST_F(Factorydata, ADirectoryOrANamedPipeInItsPlaceIsOneError) {
-    std::filesystem::create_directory(directory / "factory.json");
+    std::filesystem::create_directory(folder / "factory.json");
     EXPECT_EQ(load(), -1);
     expect_one_error("Is a directory");
-    std::filesystem::remove(directory / "factory.json");
-    ASSERT_EQ(mkfifo((directory / "factory.json").c_str(), 0600), 0);
+    std::filesystem::remove(folder / "factory.json");
+    ASSERT_EQ(mkfifo((folder / "factory.json").c_str(), 0600), 0);
     EXPECT_EQ(load(), -1);
     expect_one_error("no JSON object");
 }

@@ -21,7 +21,7 @@ class Krds : public DataFileTest {
     ~Krds() override { KRDS::reload(); }
 
     void registry(const std::string& text) {
-        directory.write("radios.json", text);
+        folder.write("radios.json", text);
         KRDS::reload();
     }
     static std::vector<std::string> names() {
@@ -83,7 +83,7 @@ TEST_F(Krds, KnowsNoOtherName) {
 TEST_F(Krds, ReadsTheFileOnceUntilReload) {
     registry(kTwoRadios);
     EXPECT_EQ(names().size(), 2u);
-    directory.write("radios.json", R"({"radios":[]})");
+    folder.write("radios.json", R"({"radios":[]})");
     EXPECT_EQ(names().size(), 2u);
     KRDS::reload();
     EXPECT_THAT(names(), IsEmpty());

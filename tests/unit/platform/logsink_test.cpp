@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "syslog_spy.h"
-#include "temporary_directory.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -29,20 +29,20 @@ class Logsink : public testing::Test {
   protected:
     Logsink() {
         logsink_set_name("tested");
-        logsink_set_file((directory / "log").c_str());
+        logsink_set_file((folder / "log").c_str());
         take_syslog();
     }
     ~Logsink() override { logsink_set_file(nullptr); }
 
     [[nodiscard]] std::vector<std::string> lines(const std::string& name = "log") const {
         std::vector<std::string> result;
-        std::istringstream file{directory.read(name)};
+        std::istringstream file{folder.read(name)};
         for (std::string line; std::getline(file, line);)
             result.push_back(line);
         return result;
     }
 
-    TemporaryDirectory directory;
+    TemporaryFolder folder;
 };
 
 TEST_F(Logsink, WritesTimeNamePidSeverityAndText) {
@@ -113,7 +113,7 @@ TEST_F(Logsink, CutsALongNameTo63Bytes) {
 }
 
 TEST_F(Logsink, KeepsErrno) {
-    logsink_set_file((directory / "missing/log").c_str());
+    logsink_set_file((folder / "missing/log").c_str());
     errno = EAGAIN;
     logsink_message(SINK_ERROR, "x");
     EXPECT_EQ(errno, EAGAIN);
@@ -129,8 +129,8 @@ TEST_F(Logsink, WithoutAFileWritesToSyslogAlone) {
 }
 
 TEST_F(Logsink, AppendsToAFileThatIsThere) {
-    directory.write("old", "first\n");
-    logsink_set_file((directory / "old").c_str());
+    folder.write("old", "first\n");
+    logsink_set_file((folder / "old").c_str());
     logsink_message(SINK_INFO, "second");
     EXPECT_THAT(lines("old"), ElementsAre("first", HasSubstr("second")));
 }
@@ -143,58 +143,58 @@ TEST_F(Logsink, RotatesAtItsLimitAndKeepsThreeOldFiles) {
     EXPECT_THAT(lines("log.1"), ElementsAre(HasSubstr("info: 4 ")));
     EXPECT_THAT(lines("log.2"), ElementsAre(HasSubstr("info: 3 ")));
     EXPECT_THAT(lines("log.3"), ElementsAre(HasSubstr("info: 2 ")));
-    EXPECT_FALSE(std::filesystem::exists(directory / "log.4"));
+    EXPECT_FALSE(std::filesystem::exists(folder / "log.4"));
 }
 
 TEST_F(Logsink, FillsAFileUpToItsLimitBeforeItRotates) {
     logsink_message(SINK_INFO, "x");
-    const auto line = static_cast<off_t>(std::filesystem::file_size(directory / "log"));
-    ASSERT_EQ(truncate((directory / "log").c_str(), LOGSINK_ROTATE_BYTES - line), 0);
-    logsink_set_file((directory / "log").c_str());
+    const auto line = static_cast<off_t>(std::filesystem::file_size(folder / "log"));
+    ASSERT_EQ(truncate((folder / "log").c_str(), LOGSINK_ROTATE_BYTES - line), 0);
+    logsink_set_file((folder / "log").c_str());
     logsink_message(SINK_INFO, "x");
-    EXPECT_FALSE(std::filesystem::exists(directory / "log.1"));
+    EXPECT_FALSE(std::filesystem::exists(folder / "log.1"));
     logsink_message(SINK_INFO, "x");
-    EXPECT_EQ(std::filesystem::file_size(directory / "log.1"), LOGSINK_ROTATE_BYTES);
+    EXPECT_EQ(std::filesystem::file_size(folder / "log.1"), LOGSINK_ROTATE_BYTES);
     EXPECT_THAT(lines("log"), SizeIs(1));
 }
 
 TEST_F(Logsink, RotatesAFileThatWasFullBefore) {
-    directory.write("old", std::string(LOGSINK_ROTATE_BYTES, 'x'));
-    logsink_set_file((directory / "old").c_str());
+    folder.write("old", std::string(LOGSINK_ROTATE_BYTES, 'x'));
+    logsink_set_file((folder / "old").c_str());
     logsink_message(SINK_INFO, "new");
     EXPECT_THAT(lines("old"), ElementsAre(HasSubstr("new")));
-    EXPECT_EQ(std::filesystem::file_size(directory / "old.1"), LOGSINK_ROTATE_BYTES);
+    EXPECT_EQ(std::filesystem::file_size(folder / "old.1"), LOGSINK_ROTATE_BYTES);
 }
 
 TEST_F(Logsink, ReportsAnUnwritableFileOnceToSyslog) {
-    logsink_set_file((directory / "missing/log").c_str());
+    logsink_set_file((folder / "missing/log").c_str());
     logsink_message(SINK_INFO, "one");
     logsink_message(SINK_INFO, "two");
     const std::vector<SyslogLine> sent = take_syslog();
     ASSERT_THAT(sent, SizeIs(3));
     EXPECT_EQ(sent[0].text, "one");
     EXPECT_EQ(sent[1].priority, LOG_ERR);
-    EXPECT_EQ(sent[1].text, "cannot open log file " + (directory / "missing/log") +
-                                ": No such file or directory");
+    EXPECT_EQ(sent[1].text,
+              "cannot open log file " + (folder / "missing/log") + ": No such file or directory");
     EXPECT_EQ(sent[2].text, "two");
 }
 
 TEST_F(Logsink, WritesAgainWhenTheFileHasBecomeWritable) {
-    logsink_set_file((directory / "late/log").c_str());
+    logsink_set_file((folder / "late/log").c_str());
     logsink_message(SINK_INFO, "one");
-    std::filesystem::create_directory(directory / "late");
+    std::filesystem::create_directory(folder / "late");
     logsink_message(SINK_INFO, "two");
     EXPECT_THAT(lines("late/log"), ElementsAre(HasSubstr("info: two")));
 }
 
 TEST_F(Logsink, ReportsTheNextFailureOfAFileThatWasWrittenInBetween) {
-    logsink_set_file((directory / "late/log").c_str());
+    logsink_set_file((folder / "late/log").c_str());
     logsink_message(SINK_INFO, "one");
-    std::filesystem::create_directory(directory / "late");
+    std::filesystem::create_directory(folder / "late");
     logsink_message(SINK_INFO, "two");
-    std::filesystem::create_directories(directory / "late/log.1/inside");
-    std::filesystem::create_directories(directory / "late/log.2/inside");
-    directory.write("late/log.3", "");
+    std::filesystem::create_directories(folder / "late/log.1/inside");
+    std::filesystem::create_directories(folder / "late/log.2/inside");
+    folder.write("late/log.3", "");
     take_syslog();
     logsink_message(SINK_INFO, "%s", std::string(LOGSINK_ROTATE_BYTES, 'x').c_str());
     const std::vector<SyslogLine> sent = take_syslog();
@@ -203,12 +203,12 @@ TEST_F(Logsink, ReportsTheNextFailureOfAFileThatWasWrittenInBetween) {
 }
 
 TEST_F(Logsink, ReportsAFileThatCannotBeRotatedAndGoesOn) {
-    std::filesystem::create_directory(directory / "log.1");
+    std::filesystem::create_directory(folder / "log.1");
     const std::string half(LOGSINK_ROTATE_BYTES / 2, 'x');
-    directory.write("log.1/inside", "");
-    std::filesystem::create_directory(directory / "log.2");
-    directory.write("log.2/inside", "");
-    directory.write("log.3", "");
+    folder.write("log.1/inside", "");
+    std::filesystem::create_directory(folder / "log.2");
+    folder.write("log.2/inside", "");
+    folder.write("log.3", "");
     logsink_message(SINK_INFO, "%s", half.c_str());
     logsink_message(SINK_INFO, "%s", half.c_str());
     logsink_message(SINK_INFO, "last");
@@ -229,8 +229,8 @@ TEST_F(Logsink, ReportsAFullDeviceOnce) {
 }
 
 TEST_F(Logsink, DoesNotWaitForAReaderOfANamedPipe) {
-    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
-    logsink_set_file((directory / "pipe").c_str());
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    logsink_set_file((folder / "pipe").c_str());
     logsink_message(SINK_INFO, "one");
     EXPECT_THAT(take_syslog(), SizeIs(2));
 }

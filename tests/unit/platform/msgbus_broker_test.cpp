@@ -49,8 +49,8 @@ class Broker : public testing::Test {
         expect_alive();
     }
 
-    TemporaryDirectory directory;
-    const std::string path = directory / "bus";
+    TemporaryFolder folder;
+    const std::string path = folder / "bus";
 };
 
 class RunningBrokerTest : public Broker {
@@ -100,29 +100,29 @@ TEST_F(BrokerSocket, OfALivingBrokerIsLeftAlone) {
 }
 
 TEST_F(BrokerSocket, NeverReplacesAnOrdinaryFile) {
-    directory.write("bus", "precious");
+    folder.write("bus", "precious");
     take_syslog();
     MsgbusBroker broker{path};
     EXPECT_FALSE(broker.open());
     EXPECT_EQ(broker.error(), path + " is there and no socket");
     EXPECT_THAT(take_syslog(), Contains(Field(&SyslogLine::text, HasSubstr(broker.error()))));
-    EXPECT_EQ(directory.read("bus"), "precious");
+    EXPECT_EQ(folder.read("bus"), "precious");
 }
 
 TEST_F(BrokerSocket, ThatAnotherBrokerPutThereMeanwhileStays) {
     {
         const RunningBroker broker{path};
         std::filesystem::remove(path);
-        directory.write("bus", "of another");
+        folder.write("bus", "of another");
     }
-    EXPECT_EQ(directory.read("bus"), "of another");
+    EXPECT_EQ(folder.read("bus"), "of another");
 }
 
 TEST_F(BrokerSocket, CannotBeMadeInAMissingDirectoryOrUnderALongPath) {
-    MsgbusBroker missing{directory / "missing/bus"};
+    MsgbusBroker missing{folder / "missing/bus"};
     EXPECT_FALSE(missing.open());
     EXPECT_THAT(missing.error(), HasSubstr("No such file or directory"));
-    MsgbusBroker too_long{directory / std::string(108, 'x')};
+    MsgbusBroker too_long{folder / std::string(108, 'x')};
     EXPECT_FALSE(too_long.open());
     EXPECT_THAT(too_long.error(), HasSubstr("too long"));
     MsgbusBroker empty{""};
@@ -240,7 +240,7 @@ TEST_F(BrokerData, GoesToItsModuleWithTheSenderStamped) {
 TEST_F(BrokerData, CarriesTheUidOfTheSendingProcess) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
-    chmod(directory.path().c_str(), 0755);
+    chmod(folder.path().c_str(), 0755);
     RawPeer receiver = module(1);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -533,7 +533,7 @@ TEST_F(BrokerMonitor, MustNotSend) {
 TEST_F(BrokerMonitor, OfAnotherUserIsRefused) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
-    chmod(directory.path().c_str(), 0755);
+    chmod(folder.path().c_str(), 0755);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "bus_test_support.h"
+#include "owned.h"
 #include "syslog_spy.h"
 
 namespace {
@@ -29,32 +30,19 @@ using testing::Not;
 // A wait that the behaviour under test ends; longer than any test may take.
 constexpr int kForever = 3600;
 
-struct ReleaseContext {
-    void operator()(msgbus_context* ctx) const { msgbus_release(ctx); }
-};
-using Context = std::unique_ptr<msgbus_context, ReleaseContext>;
+using Message = std::unique_ptr<message_s, free_deleter>;
 
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-using Tree = std::unique_ptr<cfgtree_node, ReleaseTree>;
-
-struct FreeMessage {
-    void operator()(message_s* message) const { std::free(message); }
-};
-using Message = std::unique_ptr<message_s, FreeMessage>;
-
-Context join(int module) {
+msgbus_ptr join(int module) {
     constexpr std::uint8_t options[] = {0xFE, 0x00};
-    return Context{msgbus_init(module, options, sizeof options)};
+    return msgbus_ptr{msgbus_init(module, options, sizeof options)};
 }
 
-Message poll_once(const Context& ctx) {
+Message poll_once(const msgbus_ptr& ctx) {
     return Message{msgbus_poll_no_wait(ctx.get())};
 }
 
 // Polls until a frame is there or the connection is gone.
-Message poll_frame(const Context& ctx) {
+Message poll_frame(const msgbus_ptr& ctx) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds{kPatienceMs};
     Message frame;
     while (!(frame = poll_once(ctx)) && msgbus_get_module_loop(ctx.get()) != 0 &&
@@ -68,15 +56,16 @@ std::string text_of(const Message& frame) {
                  : "(no frame)";
 }
 
-void send(const Context& ctx, int dst, const std::string& text) {
+void send(const msgbus_ptr& ctx, int dst, const std::string& text) {
     msgbus_send(ctx.get(), text.data(), static_cast<std::uint8_t>(dst), text.size());
 }
 
-Tree wait_answer(const Context& ctx, int timeout = kForever, const char* command = "done") {
-    return Tree{msgbus_wait_answer(ctx.get(), command, "Error: no answer\n", timeout)};
+cfgtree_ptr wait_answer(const msgbus_ptr& ctx, int timeout = kForever,
+                        const char* command = "done") {
+    return cfgtree_ptr{msgbus_wait_answer(ctx.get(), command, "Error: no answer\n", timeout)};
 }
 
-std::string value_of(const Tree& answer) {
+std::string value_of(const cfgtree_ptr& answer) {
     const char* value = cfgtree_get_param(answer.get(), "value");
     return value ? value : "(none)";
 }
@@ -95,15 +84,15 @@ class Msgbus : public testing::Test {
 
     // A reason not to join that was logged before is logged again after this.
     void join_once(int module) const {
-        const std::string elsewhere = directory / "elsewhere";
+        const std::string elsewhere = folder / "elsewhere";
         const RunningBroker broker{elsewhere};
         setenv("MSGBUS_SOCKET", elsewhere.c_str(), 1);
         EXPECT_TRUE(join(module));
         setenv("MSGBUS_SOCKET", path.c_str(), 1);
     }
 
-    TemporaryDirectory directory;
-    const std::string path = directory / "bus";
+    TemporaryFolder folder;
+    const std::string path = folder / "bus";
     ScopedEnvironment environment{"MSGBUS_SOCKET", path};
 };
 
@@ -118,8 +107,8 @@ class MsgbusOnBroker : public Msgbus {
 };
 
 TEST_F(MsgbusOnBroker, KeepsShortMessagesForLaterUntilTheFlush) {
-    const Context sender = join(28);
-    const Context receiver = join(1);
+    const msgbus_ptr sender = join(28);
+    const msgbus_ptr receiver = join(1);
     msgbus_peer_start(receiver.get());
     msgbus_send_later(sender.get(), "one", 1, 3);
     msgbus_send_later(sender.get(), "two", 1, 3);
@@ -132,8 +121,8 @@ TEST_F(MsgbusOnBroker, KeepsShortMessagesForLaterUntilTheFlush) {
 }
 
 TEST_F(MsgbusOnBroker, SendsWhatWasKeptBeforeTheNextMessage) {
-    const Context sender = join(28);
-    const Context receiver = join(1);
+    const msgbus_ptr sender = join(28);
+    const msgbus_ptr receiver = join(1);
     msgbus_peer_start(receiver.get());
     const std::string large(100000, 'x');
     msgbus_send_later(sender.get(), "one", 1, 3);
@@ -146,8 +135,8 @@ TEST_F(MsgbusOnBroker, SendsWhatWasKeptBeforeTheNextMessage) {
 }
 
 TEST_F(MsgbusOnBroker, SendsWhatWasKeptAtTheEndOfTheContext) {
-    Context sender = join(28);
-    const Context receiver = join(1);
+    msgbus_ptr sender = join(28);
+    const msgbus_ptr receiver = join(1);
     msgbus_peer_start(receiver.get());
     msgbus_send_later(sender.get(), "last words", 1, 10);
     sender.reset();
@@ -157,8 +146,8 @@ TEST_F(MsgbusOnBroker, SendsWhatWasKeptAtTheEndOfTheContext) {
 // More than are kept, and than one system call of the broker takes.
 TEST_F(MsgbusOnBroker, KeepsTheOrderOfManyMessagesSentLater) {
     constexpr int count = 500;
-    const Context sender = join(28);
-    const Context receiver = join(1);
+    const msgbus_ptr sender = join(28);
+    const msgbus_ptr receiver = join(1);
     msgbus_peer_start(receiver.get());
     const std::string pad(300, ' ');
     for (int i = 0; i < count; ++i) {
@@ -171,8 +160,8 @@ TEST_F(MsgbusOnBroker, KeepsTheOrderOfManyMessagesSentLater) {
 }
 
 TEST_F(MsgbusOnBroker, CarriesAMessageWithItsHeader) {
-    const Context sender = join(28);
-    const Context receiver = join(1);
+    const msgbus_ptr sender = join(28);
+    const msgbus_ptr receiver = join(1);
     msgbus_peer_start(receiver.get());
     send(sender, 1, "hello");
     const Message frame = poll_frame(receiver);
@@ -189,7 +178,7 @@ TEST_F(MsgbusOnBroker, CarriesAMessageWithItsHeader) {
 }
 
 TEST_F(MsgbusOnBroker, AnEmptyMessageBeginsWithNul) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     msgbus_peer_start(ctx.get());
     send(ctx, 1, "");
     const Message frame = poll_frame(ctx);
@@ -199,8 +188,8 @@ TEST_F(MsgbusOnBroker, AnEmptyMessageBeginsWithNul) {
 }
 
 TEST_F(MsgbusOnBroker, CarriesAMessageOfTheLargestSizeWhole) {
-    const Context sender = join(1);
-    const Context receiver = join(2);
+    const msgbus_ptr sender = join(1);
+    const msgbus_ptr receiver = join(2);
     msgbus_peer_start(receiver.get());
     std::string payload(MSGBUS_MAX_PAYLOAD, '\0');
     std::iota(payload.begin(), payload.end(), '\0');
@@ -211,7 +200,7 @@ TEST_F(MsgbusOnBroker, CarriesAMessageOfTheLargestSizeWhole) {
 }
 
 TEST_F(MsgbusOnBroker, GivesEachMessageANumberOfItsOwn) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     msgbus_peer_start(ctx.get());
     send(ctx, 1, "a");
     send(ctx, 1, "b");
@@ -222,7 +211,7 @@ TEST_F(MsgbusOnBroker, GivesEachMessageANumberOfItsOwn) {
 }
 
 TEST_F(MsgbusOnBroker, RefusesAMessageThatIsTooLongAndStaysOnTheBus) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     msgbus_peer_start(ctx.get());
     const std::string payload(MSGBUS_MAX_PAYLOAD + 1, 'x');
     send(ctx, 1, payload);
@@ -233,7 +222,7 @@ TEST_F(MsgbusOnBroker, RefusesAMessageThatIsTooLongAndStaysOnTheBus) {
 }
 
 TEST_F(MsgbusOnBroker, RefusesAModuleThatIsHeldAndLeavesTheHolderAlone) {
-    const Context holder = join(5);
+    const msgbus_ptr holder = join(5);
     ASSERT_TRUE(holder);
     EXPECT_EQ(join(5), nullptr);
     EXPECT_THAT(take_syslog(), logged("msgbus: module 5 cannot join the bus at " + path +
@@ -249,8 +238,8 @@ TEST_F(MsgbusOnBroker, TakesAModuleThatWasReleased) {
 }
 
 TEST_F(MsgbusOnBroker, AnswersGoToTheSenderUnderTheRequestsNumber) {
-    const Context client = join(28);
-    const Context server = join(1);
+    const msgbus_ptr client = join(28);
+    const msgbus_ptr server = join(1);
     msgbus_peer_start(client.get());
     msgbus_peer_start(server.get());
     send(client, 1, R"({"command":"get"})");
@@ -262,7 +251,7 @@ TEST_F(MsgbusOnBroker, AnswersGoToTheSenderUnderTheRequestsNumber) {
 }
 
 TEST_F(MsgbusOnBroker, AnUndeliverableRequestEndsTheWaitAtOnce) {
-    const Context ctx = join(28);
+    const msgbus_ptr ctx = join(28);
     msgbus_peer_start(ctx.get());
     send(ctx, 1, "{}");
     EXPECT_EQ(wait_answer(ctx), nullptr);
@@ -272,7 +261,7 @@ TEST_F(MsgbusOnBroker, AnUndeliverableRequestEndsTheWaitAtOnce) {
 }
 
 TEST_F(MsgbusOnBroker, TheBrokersEndEndsAWaitAtOnce) {
-    const Context ctx = join(28);
+    const msgbus_ptr ctx = join(28);
     RawPeer server{path};
     ASSERT_TRUE(server.attach(1));
     msgbus_peer_start(ctx.get());
@@ -287,7 +276,7 @@ TEST_F(MsgbusOnBroker, TheBrokersEndEndsAWaitAtOnce) {
 }
 
 TEST_F(MsgbusOnBroker, AttachesAgainAtPeerStartWhenTheBrokerIsBack) {
-    const Context ctx = join(28);
+    const msgbus_ptr ctx = join(28);
     msgbus_peer_start(ctx.get());
     broker.reset();
     EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
@@ -304,7 +293,7 @@ TEST_F(MsgbusOnBroker, AttachesAgainAtPeerStartWhenTheBrokerIsBack) {
 }
 
 TEST_F(MsgbusOnBroker, AttachesAgainAtPeerStartWithoutHavingNoticedTheLoss) {
-    const Context ctx = join(28);
+    const msgbus_ptr ctx = join(28);
     broker.reset();
     start_broker();
     msgbus_peer_start(ctx.get());
@@ -318,8 +307,8 @@ class MsgbusEvent : public MsgbusOnBroker {
   protected:
     ~MsgbusEvent() override { close(event); }
 
-    [[nodiscard]] Context join_with_event() const {
-        return Context{msgbus_init_with_event(28, nullptr, 0, event)};
+    [[nodiscard]] msgbus_ptr join_with_event() const {
+        return msgbus_ptr{msgbus_init_with_event(28, nullptr, 0, event)};
     }
     // False when nobody has added to the descriptor in time.
     [[nodiscard]] bool wait_event() const {
@@ -328,7 +317,7 @@ class MsgbusEvent : public MsgbusOnBroker {
         return poll(&entry, 1, kPatienceMs) == 1 && eventfd_read(event, &counter) == 0;
     }
     // The next frame by nothing but the descriptor's word.
-    [[nodiscard]] Message frame_by_event(const Context& ctx) const {
+    [[nodiscard]] Message frame_by_event(const msgbus_ptr& ctx) const {
         Message frame;
         while (!(frame = poll_once(ctx)) && wait_event())
             continue;
@@ -339,7 +328,7 @@ class MsgbusEvent : public MsgbusOnBroker {
 };
 
 TEST_F(MsgbusEvent, TellsOfEachFrame) {
-    const Context ctx = join_with_event();
+    const msgbus_ptr ctx = join_with_event();
     for (const char* text : {"one", "two", "three"}) {
         send(ctx, 28, text);
         EXPECT_EQ(text_of(frame_by_event(ctx)), text);
@@ -347,7 +336,7 @@ TEST_F(MsgbusEvent, TellsOfEachFrame) {
 }
 
 TEST_F(MsgbusEvent, TellsOfALongFrameUntilItIsWhole) {
-    const Context ctx = join_with_event();
+    const msgbus_ptr ctx = join_with_event();
     const std::string text(MSGBUS_MAX_PAYLOAD, 'x');
     std::thread other{[&] { send(join(1), 28, text); }};
     EXPECT_EQ(text_of(frame_by_event(ctx)), text);
@@ -355,7 +344,7 @@ TEST_F(MsgbusEvent, TellsOfALongFrameUntilItIsWhole) {
 }
 
 TEST_F(MsgbusEvent, IsHandedToTheNextBrokerToo) {
-    const Context ctx = join_with_event();
+    const msgbus_ptr ctx = join_with_event();
     broker.reset();
     start_broker();
     msgbus_peer_start(ctx.get());
@@ -366,7 +355,7 @@ TEST_F(MsgbusEvent, IsHandedToTheNextBrokerToo) {
 TEST_F(MsgbusEvent, WhoseCounterIsFullHoldsNobodyUp) {
     const int blocking = eventfd(0, EFD_CLOEXEC);
     ASSERT_EQ(eventfd_write(blocking, ~std::uint64_t{1}), 0);
-    const Context ctx{msgbus_init_with_event(28, nullptr, 0, blocking)};
+    const msgbus_ptr ctx{msgbus_init_with_event(28, nullptr, 0, blocking)};
     ASSERT_TRUE(ctx);
     msgbus_peer_start(ctx.get());
     send(ctx, 28, "hello");
@@ -375,7 +364,7 @@ TEST_F(MsgbusEvent, WhoseCounterIsFullHoldsNobodyUp) {
 }
 
 TEST_F(MsgbusEvent, MayBeAbsent) {
-    const Context ctx{msgbus_init_with_event(28, nullptr, 0, -1)};
+    const msgbus_ptr ctx{msgbus_init_with_event(28, nullptr, 0, -1)};
     ASSERT_TRUE(ctx);
     msgbus_peer_start(ctx.get());
     send(ctx, 28, "hello");
@@ -385,7 +374,7 @@ TEST_F(MsgbusEvent, MayBeAbsent) {
 TEST_F(MsgbusEvent, IsGivenUpByTheBrokerWithTheConnection) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
-    Context ctx{msgbus_init_with_event(28, nullptr, 0, ends[1])};
+    msgbus_ptr ctx{msgbus_init_with_event(28, nullptr, 0, ends[1])};
     close(ends[1]);
     pollfd entry{ends[0], POLLIN, 0};
     ctx.reset();
@@ -398,7 +387,7 @@ TEST_F(MsgbusEvent, IsGivenUpByTheBrokerWithTheConnection) {
 }
 
 TEST_F(MsgbusOnBroker, ARequestOfAnEarlierConnectionIsNotWaitedForOnTheNext) {
-    const Context ctx = join(28);
+    const msgbus_ptr ctx = join(28);
     send(ctx, 28, "{}");
     broker.reset();
     start_broker();
@@ -412,7 +401,7 @@ TEST_F(MsgbusOnBroker, ServesManyContextsOnThreadsOfTheirOwn) {
     std::atomic<int> clients_left{kPairs};
     std::vector<std::thread> threads;
     for (int pair = 0; pair < kPairs; pair++) {
-        Context server = join(100 + pair);
+        msgbus_ptr server = join(100 + pair);
         ASSERT_TRUE(server);
         threads.emplace_back([&clients_left, ctx = std::move(server)] {
             msgbus_peer_start(ctx.get());
@@ -430,11 +419,11 @@ TEST_F(MsgbusOnBroker, ServesManyContextsOnThreadsOfTheirOwn) {
     // Requests that reach a server before its peer start are discarded there, so ask again.
     for (int pair = 0; pair < kPairs; pair++)
         threads.emplace_back([&clients_left, pair] {
-            const Context ctx = join(pair);
+            const msgbus_ptr ctx = join(pair);
             for (int round = 0; round < kRounds;) {
                 msgbus_peer_start(ctx.get());
                 send(ctx, 100 + pair, std::to_string(round));
-                const Tree answer = wait_answer(ctx, 1);
+                const cfgtree_ptr answer = wait_answer(ctx, 1);
                 msgbus_peer_stop(ctx.get());
                 if (!answer)
                     continue;
@@ -450,7 +439,7 @@ TEST_F(MsgbusOnBroker, ServesManyContextsOnThreadsOfTheirOwn) {
 // ---- the module loop
 
 TEST_F(MsgbusOnBroker, TheModuleLoopRunsFromPeerStartToPeerStop) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
     msgbus_peer_start(ctx.get());
     EXPECT_NE(msgbus_get_module_loop(ctx.get()), 0);
@@ -459,7 +448,7 @@ TEST_F(MsgbusOnBroker, TheModuleLoopRunsFromPeerStartToPeerStop) {
 }
 
 TEST_F(MsgbusOnBroker, TheModuleLoopCanBeSet) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     msgbus_set_module_loop(ctx.get(), 7);
     EXPECT_NE(msgbus_get_module_loop(ctx.get()), 0);
     msgbus_set_module_loop(ctx.get(), 0);
@@ -467,7 +456,7 @@ TEST_F(MsgbusOnBroker, TheModuleLoopCanBeSet) {
 }
 
 TEST_F(MsgbusOnBroker, PeerStartDiscardsWhatArrivedBefore) {
-    const Context ctx = join(1);
+    const msgbus_ptr ctx = join(1);
     RawPeer sender{path};
     ASSERT_TRUE(sender.attach(2));
     ASSERT_TRUE(sender.send(1, 1, "old"));
@@ -514,15 +503,15 @@ class FakeBroker {
 class MsgbusOnFake : public Msgbus {
   protected:
     // Joins the fake bus; `peer` is then the broker's end.
-    Context join_fake(const std::string& stream = {}) {
+    msgbus_ptr join_fake(const std::string& stream = {}) {
         std::future<RawPeer> admitted =
             std::async(std::launch::async, [&] { return fake.admit(stream); });
-        Context ctx = join(28);
+        msgbus_ptr ctx = join(28);
         peer.emplace(admitted.get());
         return ctx;
     }
-    Context start_fake() {
-        Context ctx = join_fake();
+    msgbus_ptr start_fake() {
+        msgbus_ptr ctx = join_fake();
         msgbus_peer_start(ctx.get());
         return ctx;
     }
@@ -552,7 +541,7 @@ class MsgbusOnFake : public Msgbus {
         EXPECT_THAT(take_syslog(), logged(reason));
     }
     void expect_ends_connection(const std::string& bytes) {
-        const Context ctx = start_fake();
+        const msgbus_ptr ctx = start_fake();
         ASSERT_TRUE(peer->write(bytes));
         EXPECT_EQ(poll_frame(ctx), nullptr);
         EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
@@ -622,7 +611,7 @@ TEST_F(MsgbusInit, SendsAnAttachFrameAndNoOptions) {
 
 TEST_F(MsgbusInit, WorksWithoutOptions) {
     std::thread broker{[&] { peer.emplace(fake.admit()); }};
-    EXPECT_TRUE(Context{msgbus_init(28, nullptr, 0)});
+    EXPECT_TRUE(msgbus_ptr{msgbus_init(28, nullptr, 0)});
     broker.join();
 }
 
@@ -649,12 +638,12 @@ TEST_F(MsgbusInit, FailsWhenTheFirstFrameIsNoAttach) {
 }
 
 TEST_F(MsgbusReceive, KeepsWhatFollowsTheAttachAnswerInOnePiece) {
-    const Context ctx = join_fake(data(1, "at once"));
+    const msgbus_ptr ctx = join_fake(data(1, "at once"));
     EXPECT_EQ(text_of(poll_once(ctx)), "at once");
 }
 
 TEST_F(MsgbusReceive, PutsFramesTogetherWhateverTheSplit) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     const std::string stream = data(1, "first") + data(2, "") + data(3, "third");
     for (const char byte : stream) {
         ASSERT_TRUE(peer->write({byte}));
@@ -669,7 +658,7 @@ TEST_F(MsgbusReceive, PutsFramesTogetherWhateverTheSplit) {
 }
 
 TEST_F(MsgbusReceive, APartOfAFrameIsNoFrameYet) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     const std::string frame = data(1, "whole");
     for (std::size_t split = 1; split < frame.size(); split++) {
         ASSERT_TRUE(peer->write(frame.substr(0, split)));
@@ -680,7 +669,7 @@ TEST_F(MsgbusReceive, APartOfAFrameIsNoFrameYet) {
 }
 
 TEST_F(MsgbusReceive, HandsOutDataFramesAlone) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     ASSERT_TRUE(peer->write(undeliverable(1) + bytes_of(make_frame(MSGBUS_ATTACH, 28, 28)) +
                             bytes_of(make_frame(MSGBUS_DETACH, 1, 1)) + data(2, "data")));
     EXPECT_EQ(text_of(poll_frame(ctx)), "data");
@@ -688,7 +677,7 @@ TEST_F(MsgbusReceive, HandsOutDataFramesAlone) {
 }
 
 TEST_F(MsgbusReceive, HandsOutWhatArrivedBeforeTheConnectionWasLost) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     ASSERT_TRUE(peer->write(data(1, "one") + data(2, "two")));
     peer->hang_up();
     EXPECT_NE(msgbus_get_module_loop(ctx.get()), 0);
@@ -700,7 +689,7 @@ TEST_F(MsgbusReceive, HandsOutWhatArrivedBeforeTheConnectionWasLost) {
 }
 
 TEST_F(MsgbusReceive, AFrameCutOffByTheLossIsNotHandedOut) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     const std::string frame = data(1, "whole");
     ASSERT_TRUE(peer->write(frame.substr(0, frame.size() - 1)));
     peer->hang_up();
@@ -731,7 +720,7 @@ TEST_F(MsgbusReceive, AnUnknownTypeEndsTheConnection) {
 }
 
 TEST_F(MsgbusReceive, HandsOutWhatCameBeforeAMalformedFrame) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     ASSERT_TRUE(peer->write(data(1, "good") + std::string(100, 'x')));
     EXPECT_EQ(text_of(poll_frame(ctx)), "good");
     EXPECT_EQ(poll_once(ctx), nullptr);
@@ -739,7 +728,7 @@ TEST_F(MsgbusReceive, HandsOutWhatCameBeforeAMalformedFrame) {
 }
 
 TEST_F(MsgbusSend, ReceivesWhileTheBrokerDoesNotRead) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     const std::string large(4 * 1024 * 1024, 'x');
     std::thread broker{[&] {
         // Writes all it has before it reads a byte, as this client does.
@@ -755,7 +744,7 @@ TEST_F(MsgbusSend, ReceivesWhileTheBrokerDoesNotRead) {
 }
 
 TEST_F(MsgbusSend, OnALostConnectionLosesTheMessageAndRaisesNoSignal) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     peer->hang_up();
     send(ctx, 1, "lost");
     send(ctx, 1, "lost");
@@ -764,7 +753,7 @@ TEST_F(MsgbusSend, OnALostConnectionLosesTheMessageAndRaisesNoSignal) {
 }
 
 TEST_F(MsgbusSend, KeepsWhatArrivedWhenItFindsTheConnectionLost) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     ASSERT_TRUE(peer->write(data(1, "before")));
     peer->hang_up();
     send(ctx, 1, "lost");
@@ -772,7 +761,7 @@ TEST_F(MsgbusSend, KeepsWhatArrivedWhenItFindsTheConnectionLost) {
 }
 
 TEST_F(MsgbusSend, GivesUpABrokerThatTakesNothing) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     send(ctx, 1, std::string(MSGBUS_MAX_PAYLOAD, 'x'));
     EXPECT_THAT(take_syslog(), logged("the broker takes nothing"));
     EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
@@ -780,7 +769,7 @@ TEST_F(MsgbusSend, GivesUpABrokerThatTakesNothing) {
 }
 
 TEST_F(MsgbusSend, EndsWhenTheBrokerDiesInTheMiddle) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker{[&] {
         EXPECT_TRUE(peer->readable(kPatienceMs));
         peer->hang_up();
@@ -791,7 +780,7 @@ TEST_F(MsgbusSend, EndsWhenTheBrokerDiesInTheMiddle) {
 }
 
 TEST_F(MsgbusWait, TakesTheAnswerOfTheLastRequest) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker = answer_with([](std::uint32_t seq) { return data(seq, done("36")); });
     send(ctx, 1, "{}");
     EXPECT_EQ(value_of(wait_answer(ctx)), "36");
@@ -800,7 +789,7 @@ TEST_F(MsgbusWait, TakesTheAnswerOfTheLastRequest) {
 }
 
 TEST_F(MsgbusWait, DiscardsWhatIsNotTheAnswer) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker = answer_with([](std::uint32_t seq) {
         return data(seq, R"({"command":"other","value":"command"})") +
                data(seq + 1, done("number")) + data(seq, "no JSON") + data(seq, "") +
@@ -815,7 +804,7 @@ TEST_F(MsgbusWait, DiscardsWhatIsNotTheAnswer) {
 }
 
 TEST_F(MsgbusWait, NeverTakesALateAnswerForTheCurrentOne) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     send(ctx, 1, "{}");
     EXPECT_EQ(wait_answer(ctx, 0), nullptr);
     const std::uint32_t late = peer->read()->header.seq;
@@ -828,7 +817,7 @@ TEST_F(MsgbusWait, NeverTakesALateAnswerForTheCurrentOne) {
 }
 
 TEST_F(MsgbusWait, AnAnswerGivenMeanwhileDoesNotChangeWhatIsWaitedFor) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker = answer_with([](std::uint32_t seq) { return data(seq, done("mine")); });
     send(ctx, 1, "{}");
     message_s request{};
@@ -843,7 +832,7 @@ TEST_F(MsgbusWait, AnAnswerGivenMeanwhileDoesNotChangeWhatIsWaitedFor) {
 }
 
 TEST_F(MsgbusWait, EndsAtOnceWhenTheRequestIsUndeliverable) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker = answer_with(undeliverable);
     send(ctx, 1, "{}");
     EXPECT_EQ(wait_answer(ctx), nullptr);
@@ -852,7 +841,7 @@ TEST_F(MsgbusWait, EndsAtOnceWhenTheRequestIsUndeliverable) {
 }
 
 TEST_F(MsgbusWait, EndsAtTheTimeOutWithTheCallersTextAsAnError) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     send(ctx, 1, "{}");
     EXPECT_EQ(wait_answer(ctx, 1), nullptr);
     EXPECT_THAT(take_syslog(), ElementsAre(AllOf(Field(&SyslogLine::text, "Error: no answer"),
@@ -861,13 +850,13 @@ TEST_F(MsgbusWait, EndsAtTheTimeOutWithTheCallersTextAsAnError) {
 }
 
 TEST_F(MsgbusWait, ATextWithFormatCharactersIsLoggedAsItIs) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     EXPECT_EQ(msgbus_wait_answer(ctx.get(), "done", "100%s sure%n", 0), nullptr);
     EXPECT_THAT(take_syslog(), logged("100%s sure%n"));
 }
 
 TEST_F(MsgbusWait, WithoutTimeTakesWhatIsThere) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     send(ctx, 1, "{}");
     const std::uint32_t seq = peer->read()->header.seq;
     ASSERT_TRUE(peer->write(data(seq, done("there"))));
@@ -875,14 +864,14 @@ TEST_F(MsgbusWait, WithoutTimeTakesWhatIsThere) {
 }
 
 TEST_F(MsgbusWait, EndsAtOnceWhenNothingWasSent) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     EXPECT_EQ(wait_answer(ctx), nullptr);
     EXPECT_EQ(msgbus_wait_answer(ctx.get(), "done", nullptr, kForever), nullptr);
     EXPECT_EQ(msgbus_wait_answer(ctx.get(), nullptr, nullptr, kForever), nullptr);
 }
 
 TEST_F(MsgbusWait, EndsAtOnceWhenTheConnectionIsLost) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker{[&] {
         EXPECT_TRUE(peer->read());
         peer->hang_up();
@@ -894,7 +883,7 @@ TEST_F(MsgbusWait, EndsAtOnceWhenTheConnectionIsLost) {
 }
 
 TEST_F(MsgbusWait, EndsAtOnceAtAMalformedFrame) {
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     std::thread broker = answer_with([](std::uint32_t) { return std::string(17, 'x'); });
     send(ctx, 1, "{}");
     EXPECT_EQ(wait_answer(ctx), nullptr);
@@ -908,7 +897,7 @@ TEST_F(MsgbusWait, GoesOnAfterASignal) {
     struct sigaction before {};
     action.sa_handler = [](int) { signals_seen++; };
     sigaction(SIGTERM, &action, &before);
-    const Context ctx = start_fake();
+    const msgbus_ptr ctx = start_fake();
     const pthread_t waiting = pthread_self();
     std::thread broker = answer_with([waiting](std::uint32_t seq) {
         pthread_kill(waiting, SIGTERM);

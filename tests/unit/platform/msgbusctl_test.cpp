@@ -20,8 +20,8 @@ class Msgbusctl : public testing::Test {
         return arguments;
     }
 
-    TemporaryDirectory directory;
-    const std::string path = directory / "bus";
+    TemporaryFolder folder;
+    const std::string path = folder / "bus";
     std::unique_ptr<RunningBroker> broker = std::make_unique<RunningBroker>(path);
 };
 

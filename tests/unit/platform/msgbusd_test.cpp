@@ -33,8 +33,8 @@ class Msgbusd : public testing::Test {
         }
     }
 
-    TemporaryDirectory directory;
-    const std::string path = directory / "bus";
+    TemporaryFolder folder;
+    const std::string path = folder / "bus";
 };
 
 TEST_F(Msgbusd, ServesUntilASignalAndRemovesItsSocket) {
@@ -72,8 +72,8 @@ TEST_F(Msgbusd, StartsAgainAfterItWasKilled) {
 }
 
 TEST_F(Msgbusd, SaysInOneLineWhyItCannotServe) {
-    Program daemon{{MSGBUSD, "-s", directory / "missing/bus"}};
-    EXPECT_THAT(daemon.line(), StartsWith("msgbusd: cannot listen on " + directory.path()));
+    Program daemon{{MSGBUSD, "-s", folder / "missing/bus"}};
+    EXPECT_THAT(daemon.line(), StartsWith("msgbusd: cannot listen on " + folder.path()));
     EXPECT_EQ(daemon.rest(), "");
     EXPECT_EQ(daemon.exit_status(), 1);
 }

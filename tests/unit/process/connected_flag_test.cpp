@@ -12,6 +12,7 @@
 #include <string>
 
 #include "log_capture.h"
+#include "temporary_folder.h"
 
 // The test's own place for the flag file; empty: where it belongs.
 static std::string redirection;
@@ -37,17 +38,10 @@ namespace {
 
 class ConnectedFlag : public testing::Test {
   protected:
-    ConnectedFlag() {
-        char name[] = "/tmp/lumd-flag-XXXXXX";
-        directory = mkdtemp(name);
-        redirection = directory + "/flag";
-    }
-    ~ConnectedFlag() override {
-        redirection.clear();
-        std::filesystem::remove_all(directory);
-    }
+    ConnectedFlag() { redirection = folder / "flag"; }
+    ~ConnectedFlag() override { redirection.clear(); }
 
-    std::string directory;
+    const TemporaryFolder folder;
 };
 
 TEST_F(ConnectedFlag, StandsWhereTheAccessPointLooksForIt) {
@@ -80,7 +74,7 @@ TEST_F(ConnectedFlag, UnsettingAnAbsentFileIsNoError) {
 
 TEST_F(ConnectedFlag, AFileThatCannotBeCreatedIsLogged) {
     const LogCapture log;
-    redirection = directory + "/missing/flag";
+    redirection = folder / "missing/flag";
     set_orvanta_connected_mode();
     EXPECT_TRUE(log.contains("error: Cannot create /tmp/.orvanta-connected: "));
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "temporary_folder.h"
 
 using testing::ExitedWithCode;
 
@@ -22,18 +23,12 @@ constexpr const char* rrm_url = "orvanta_service_url=ws://service.example:8080/a
 
 class WebsockCfg : public testing::Test {
   protected:
-    WebsockCfg() {
-        char name[] = "/tmp/lumd-cfg-XXXXXX";
-        directory = mkdtemp(name);
-        path = directory + "/lumd.conf";
-    }
     ~WebsockCfg() override {
         trace.set_log_level(0);
         global_log_level = 0;
         global_log_file.clear();
         global_log_out = false;
         logsink_set_file(nullptr);
-        std::filesystem::remove_all(directory);
     }
 
     static websock_cfg_t from_options(std::vector<const char*> options) {
@@ -42,7 +37,7 @@ class WebsockCfg : public testing::Test {
         options.push_back(nullptr);
         return websock_cfg_t(count, options.data());
     }
-    void write(const std::string& text) const { std::ofstream{path, std::ios::binary} << text; }
+    void write(const std::string& text) const { folder.write("lumd.conf", text); }
     websock_cfg_t from_file(const std::string& text) const {
         write(text);
         return from_options({"-f", path.c_str()});
@@ -51,8 +46,8 @@ class WebsockCfg : public testing::Test {
         return from_file("orvanta_service_url=" + url + "\n").instance[WS_INSTANCE_RRM];
     }
 
-    std::string directory;
-    std::string path;
+    const TemporaryFolder folder;
+    const std::string path = folder / "lumd.conf";
 };
 
 using WebsockCfgDeathTest = WebsockCfg;
@@ -143,7 +138,7 @@ TEST_F(WebsockCfg, AnUnreadableFileIsAnError) {
 
 // A directory opens well and fails at the first read.
 TEST_F(WebsockCfg, AReadErrorAfterAGoodOpenIsTheEndOfTheFile) {
-    EXPECT_EQ(from_options({"-f", directory.c_str()}).error, 0);
+    EXPECT_EQ(from_options({"-f", folder.path().c_str()}).error, 0);
 }
 
 TEST_F(WebsockCfg, AnEmptyFileEnablesNothingAndIsNoError) {
@@ -206,11 +201,11 @@ TEST_F(WebsockCfg, AcceptsEveryCompleteUrl) {
 TEST_F(WebsockCfg, AUrlWithoutPortOrPathLeavesTheServiceDisabledWithoutAMessage) {
     for (const char* url : {"", "host", "ws://", "ws://host", "ws://host/path", "ws://host:80",
                             "host:80", "/", ":"}) {
-        write("log_file=" + directory + "/log\nlog_level=15\norvanta_service_url=" + url + "\n");
+        write("log_file=" + folder / "log" + "\nlog_level=15\norvanta_service_url=" + url + "\n");
         const websock_cfg_t cfg = from_options({"-f", path.c_str()});
         EXPECT_FALSE(cfg.instance[WS_INSTANCE_RRM].run) << url;
         EXPECT_EQ(cfg.error, 0) << url;
-        EXPECT_FALSE(std::filesystem::exists(directory + "/log")) << url;
+        EXPECT_FALSE(std::filesystem::exists(folder / "log")) << url;
     }
 }
 
@@ -244,8 +239,8 @@ TEST_F(WebsockCfg, RefusesEveryOtherScheme) {
 }
 
 TEST_F(WebsockCfg, ARefusedSchemeIsLogged) {
-    from_file("log_file=" + directory + "/log\norvanta_service_url=wss://host:80/path\n");
-    std::ifstream log{directory + "/log"};
+    from_file("log_file=" + folder / "log" + "\norvanta_service_url=wss://host:80/path\n");
+    std::ifstream log{folder / "log"};
     std::string line;
     std::getline(log, line);
     EXPECT_THAT(line, testing::EndsWith("debug: Proto wss is invalid"));
@@ -347,7 +342,7 @@ TEST_F(WebsockCfg, AFileWithoutLogLevelLeavesTheGlobalLevelZero) {
 }
 
 TEST_F(WebsockCfg, TheLogFileIsWhereTheSinkWrites) {
-    const std::string log_file = directory + "/lumd.log";
+    const std::string log_file = folder / "lumd.log";
     from_file("log_level=15\nlog_file=" + log_file + "\r\n");
     EXPECT_TRUE(global_log_out);
     EXPECT_EQ(global_log_file, log_file);
@@ -356,7 +351,7 @@ TEST_F(WebsockCfg, TheLogFileIsWhereTheSinkWrites) {
 }
 
 TEST_F(WebsockCfg, AFileWithoutLogFileEndsLoggingToOne) {
-    const std::string log_file = directory + "/lumd.log";
+    const std::string log_file = folder / "lumd.log";
     from_file("log_file=" + log_file + "\n");
     from_file("log_level=15\n");
     EXPECT_FALSE(global_log_out);

@@ -18,6 +18,7 @@
 #include "mock_driver.h"
 #include "rrm_worker.h"
 #include "safe_queue.h"
+#include "temporary_folder.h"
 #include "test_bus.h"
 #include "test_clock.h"
 
@@ -49,8 +50,8 @@ class RrmWorkerTest : public testing::Test {
   protected:
     // hostapd is up, the configuration store answers, and the link to the service is down.
     RrmWorkerTest() {
-        for (const char* folder : {"/tmp", "/var/run"})
-            std::filesystem::create_directories(root + folder);
+        for (const char* name : {"/tmp", "/var/run"})
+            std::filesystem::create_directories(root + name);
         lab::set_root(root);
         touch(hostapd_pid);
         start_worker();
@@ -58,7 +59,6 @@ class RrmWorkerTest : public testing::Test {
     ~RrmWorkerTest() override {
         worker.reset();
         lab::set_root("");
-        std::filesystem::remove_all(root);
     }
 
     static constexpr const char* hostapd_pid = "/var/run/hostapd.pid";
@@ -225,7 +225,8 @@ class RrmWorkerTest : public testing::Test {
     FakeVaultd vaultd{bus};
     TestClock clock;
     LogCapture log;
-    const std::string root = make_root();
+    const TemporaryFolder folder;
+    const std::string root = folder.path();
     volatile bool run_flag = true;
     testing::NiceMock<MockDriver> driver{&run_flag};
     safe_queue from_websocket;
@@ -235,11 +236,6 @@ class RrmWorkerTest : public testing::Test {
     std::unique_ptr<rrm_worker> worker;
 
   private:
-    static std::string make_root() {
-        char name[] = "/tmp/lumd-root-XXXXXX";
-        return mkdtemp(name);
-    }
-
     void deliver(safe_queue& queue, const std::string& text) {
         put(queue, text);
         worker->execute();

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "kernel.h"
+#include "temporary_folder.h"
 
 class FakeKernel : public lab::Kernel {
   public:
@@ -92,39 +93,33 @@ class FakeKernel : public lab::Kernel {
 
     // Installs itself with a root folder of its own; removes both at the end.
     FakeKernel() {
-        char name[] = "/tmp/lumd-kernel-XXXXXX";
-        if (mkdtemp(name) == nullptr)
-            throw std::runtime_error("no folder for the kernel");
-        root_ = name;
         for (const char* folder : {"/proc/net/rtk_wifi6", "/sys/class/net", "/tmp", "/var/run"})
-            std::filesystem::create_directories(root_ + folder);
-        lab::set_root(root_);
+            std::filesystem::create_directories(root() + folder);
+        lab::set_root(root());
         lab::install(this);
     }
     ~FakeKernel() override {
         lab::install(nullptr);
         lab::set_root("");
-        std::error_code ignored;
-        std::filesystem::remove_all(root_, ignored);
     }
     FakeKernel(const FakeKernel&) = delete;
     FakeKernel& operator=(const FakeKernel&) = delete;
 
     // --- the model ---
 
-    [[nodiscard]] const std::string& root() const { return root_; }
+    [[nodiscard]] const std::string& root() const { return root_.path(); }
     Interface& interface(const std::string& ifname) { return interfaces_[ifname]; }
 
     // The interface exists, with its entries below /proc and /sys, and is up or down.
     void add_interface(const std::string& ifname, bool up = true) {
         for (const std::string folder : {"/proc/", "/proc/net/rtk_wifi6/", "/sys/class/net/"})
-            std::filesystem::create_directories(root_ + folder + ifname);
+            std::filesystem::create_directories(root() + folder + ifname);
         put_file("/sys/class/net/" + ifname + "/flags", up ? "0x1003\n" : "0x1002\n");
         interfaces_[ifname];
     }
     void remove_interface(const std::string& ifname) {
         for (const std::string folder : {"/proc/", "/proc/net/rtk_wifi6/", "/sys/class/net/"})
-            std::filesystem::remove_all(root_ + folder + ifname);
+            std::filesystem::remove_all(root() + folder + ifname);
         interfaces_.erase(ifname);
     }
     void set_mib(const std::string& ifname, const std::string& name, std::int32_t value) {
@@ -139,12 +134,12 @@ class FakeKernel : public lab::Kernel {
     }
     // A file of the virtual /proc, /sys, /tmp or /var/run; its folders are made.
     void put_file(const std::string& path, const std::string& content) {
-        std::filesystem::create_directories(std::filesystem::path{root_ + path}.parent_path());
-        std::ofstream{root_ + path} << content;
+        std::filesystem::create_directories(std::filesystem::path{root() + path}.parent_path());
+        std::ofstream{root() + path} << content;
     }
     [[nodiscard]] std::string file(const std::string& path) const {
         std::ostringstream content;
-        content << std::ifstream{root_ + path}.rdbuf();
+        content << std::ifstream{root() + path}.rdbuf();
         return content.str();
     }
 
@@ -363,7 +358,7 @@ class FakeKernel : public lab::Kernel {
         return 0;
     }
 
-    std::string root_;
+    const TemporaryFolder root_;
     mutable std::mutex mutex_;
     std::map<std::string, Interface> interfaces_;
     std::map<std::pair<std::string, std::string>, std::string> set_texts_;

@@ -29,6 +29,7 @@
 #include "ipc_module.h"
 #include "msgbus.h"
 #include "msgbus_broker.h"
+#include "temporary_folder.h"
 
 namespace test_bus {
 
@@ -152,7 +153,7 @@ class TestBus {
     // daemon's thread; as long as it runs, later requests to that daemon wait.
     using Handler = std::function<std::optional<std::string>(const std::string& request)>;
 
-    TestBus() : folder_(make_folder()), socket_(folder_ + "/bus"), broker_(socket_) {
+    TestBus() : broker_(socket_) {
         if (!broker_.open())
             throw std::runtime_error("no broker at " + socket_);
         setenv("MSGBUS_SOCKET", socket_.c_str(), 1);
@@ -163,8 +164,6 @@ class TestBus {
         broker_.stop();
         runner_.join();
         unsetenv("MSGBUS_SOCKET");
-        unlink(socket_.c_str());
-        rmdir(folder_.c_str());
     }
     TestBus(const TestBus&) = delete;
     TestBus& operator=(const TestBus&) = delete;
@@ -269,13 +268,6 @@ class TestBus {
         std::thread thread_;
     };
 
-    static std::string make_folder() {
-        char name[] = "/tmp/lumd-bus-XXXXXX";
-        if (mkdtemp(name) == nullptr)
-            throw std::runtime_error("no folder for the bus");
-        return name;
-    }
-
     // The broker may not have noticed yet that an earlier holder of the id has gone.
     std::unique_ptr<test_bus::Connection> attach(ipc_module_t module) const {
         const auto deadline = std::chrono::steady_clock::now() + test_bus::patience;
@@ -294,8 +286,8 @@ class TestBus {
         arrived_.notify_all();
     }
 
-    const std::string folder_;
-    const std::string socket_;
+    const TemporaryFolder folder_;
+    const std::string socket_ = folder_ / "bus";
     MsgbusBroker broker_;
     std::thread runner_;
     mutable std::mutex mutex_;
