@@ -36,9 +36,10 @@ class socket_handle {
     int fd_;
 };
 
-// POSIX gives ioctl an int, as musl has it; glibc's wider number is the same for all that are used.
-int control(int fd, unsigned long number, iwreq& request) {
-    return ioctl(fd, static_cast<int>(number), &request);
+// ioctl(2), whose number is an int in POSIX and musl, and an unsigned long in glibc.
+template <typename Number>
+int control(int (*ioctl_of_libc)(int, Number, ...), int fd, unsigned long number, iwreq& request) {
+    return ioctl_of_libc(fd, static_cast<Number>(number), &request);
 }
 
 void no_filler(vexor_command&, int, unsigned) {}
@@ -120,7 +121,7 @@ void realtek_ioctl_ops::reset() {
 int realtek_ioctl_ops::issue(unsigned long number, void* data, std::size_t length) {
     std::memset(&request.u, 0, sizeof request.u);
     request.u.data = iw_point{data, static_cast<std::uint16_t>(length), 0};
-    return control(fd, number, request);
+    return control(ioctl, fd, number, request);
 }
 
 int realtek_ioctl_ops::execute(vexor_cmd_s code, const filler_t& filler, const parser_t& parser) {
@@ -279,7 +280,7 @@ int realtek_ioctl_ops::send_bsstrans_request(const std::string& ifname, const ch
     iwreq wrq{};
     ifname.copy(wrq.ifr_ifrn.ifrn_name, sizeof wrq.ifr_ifrn.ifrn_name);
     wrq.u.data = iw_point{bytes.data(), bytes.size(), 0};
-    if (control(sock.get(), bsstrans, wrq) < 0) {
+    if (control(ioctl, sock.get(), bsstrans, wrq) < 0) {
         trace.error("Error: %s not found on %s\n", mac == nullptr ? "" : mac, ifname.c_str());
         return -1;
     }
