@@ -3,6 +3,8 @@ import json
 import pathlib
 import sys
 
+from .silence import SILENT
+
 HEAD = """# When calls fail
 
 Each call that lumd makes to the system or to a library was made to fail at each of its call sites,
@@ -77,8 +79,6 @@ def explain(row, silent):
 
 
 def main(folder, document, write):
-    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
-    from test_fault_sites import SILENT
     rows, document = load(folder), pathlib.Path(document)
     if write:
         document.write_text(page(rows, SILENT), encoding="utf-8")
