@@ -12,11 +12,10 @@ import tempfile
 import time
 from statistics import median
 
+from labshow.handle import running_lab
+
 TREE = pathlib.Path(__file__).resolve().parent.parent
 BIN = pathlib.Path(os.environ["LUMD_BIN_DIR"])
-sys.path.insert(0, str(TREE / "lab"))
-
-from labap.harness import running_lab  # noqa: E402
 
 # Benchmark, what it is compared with.
 PAIRS = [

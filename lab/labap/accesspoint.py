@@ -1,15 +1,16 @@
 """The whole access point around one lumd, and the commands that change it while it runs."""
 import pathlib
 
+from labtalk.control import ControlServer
+from labtalk.journal import Journal
+
 from . import msgbus, scenario as scenarios
 from .air import Air
 from .clients import Clients
 from .clock import LabClock
-from .control import ControlServer
 from .daemons import Hubd, Portal, Scand, Traps, Vaultd
 from .faults import Faults
 from .hostapd import NeighbourTables
-from .journal import Journal
 from .kernel import Kernel, KernelServer
 from .presence import Files
 

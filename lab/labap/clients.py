@@ -55,7 +55,7 @@ class Clients:
 
     def asked_to_move(self, vap, station):
         """A BSS-transition request reached the client; it makes up its mind after a moment."""
-        task = asyncio.create_task(self._decide(vap, station))
+        task = asyncio.create_task(self.decide(vap, station))
         self._tasks.add(task)
         task.add_done_callback(self._tasks.discard)
 
@@ -63,7 +63,8 @@ class Clients:
         for task in list(self._tasks):
             task.cancel()
 
-    async def _decide(self, vap, station):
+    async def decide(self, vap, station):
+        """What the client does about the request, once it has made up its mind."""
         await self.clock.sleep(self.roam_delay)
         if station.roam == "ignore" or vap.stations.get(station.mac) is not station:
             return

@@ -7,8 +7,9 @@ import asyncio
 import copy
 import dataclasses
 
+from labtalk.journal import summary
+
 from . import msgbus, scenario as scenarios
-from .journal import summary
 
 ANSWERS = ("normal", "silent", "refuse", "garbage")
 

@@ -1,7 +1,8 @@
 """The kernel's radio side: what lumd's ioctls, /proc writes and iwpriv calls meet."""
-import asyncio
 import errno
 import struct
+
+from labtalk.unixserver import UnixServer
 
 from . import records
 from .faults import errno_of
@@ -191,39 +192,21 @@ class Kernel:
         self.journal.add("lumd", "driver", what, {"ifname": ifname, **data})
 
 
-class KernelServer:
+class KernelServer(UnixServer):
     """The socket behind liblabkernel.so (lab/kernel/remote_kernel.cpp has the wire format)."""
 
     IOCTL, WRITTEN = 1, 2
 
     def __init__(self, kernel):
+        super().__init__()
         self.kernel = kernel
-        self._server = None
-        self._writers = set()
 
-    async def start(self, path):
-        self._server = await asyncio.start_unix_server(self._serve, path)
-
-    async def stop(self):
-        if self._server is not None:
-            self._server.close()
-            for writer in list(self._writers):
-                writer.close()
-            await self._server.wait_closed()
-
-    async def _serve(self, reader, writer):
-        self._writers.add(writer)
-        try:
-            greeting = await reader.readexactly(8)
-            order = {b"LABKl": "<", b"LABKb": ">"}.get(greeting[:5])
-            while order is not None:
-                writer.write(await self._answer(reader, order))
-                await writer.drain()
-        except (asyncio.IncompleteReadError, ConnectionError):
-            pass
-        finally:
-            self._writers.discard(writer)
-            writer.close()
+    async def serve(self, reader, writer):
+        greeting = await reader.readexactly(8)
+        order = {b"LABKl": "<", b"LABKb": ">"}.get(greeting[:5])
+        while order is not None:
+            writer.write(await self._answer(reader, order))
+            await writer.drain()
 
     async def _answer(self, reader, order):
         head = await reader.readexactly(20)

@@ -1,11 +1,10 @@
 """The websocket server: accepts access points, answers, remembers, and sends commands."""
-import asyncio
 import json
 import logging
 
-from labap.control import ControlServer
-from labap.journal import Journal
 from labtalk import websocket
+from labtalk.control import ControlServer
+from labtalk.journal import Journal
 
 from . import checker
 from .model import ApModel
@@ -34,7 +33,8 @@ class Service:
         self.accepting = True
         self.aps = {}         # by MAC
         self.links = []       # open connections, oldest first
-        self.complaints = []  # (message, complaint)
+        self.complaints = []  # each the "cmd" of a message and the "complaint" about it
+        self.readers = []     # called with each text as it came, before anything is made of it
         self.connections = 0
         self._server = self._control = None
 
@@ -88,6 +88,8 @@ class Service:
                              {"code": link.close_code} if link.close_code else None)
 
     async def _receive(self, link, text):
+        for reader in self.readers:
+            reader(text)
         try:
             message = json.loads(text)
         except ValueError:
@@ -178,13 +180,3 @@ class Service:
 
     async def _wait_event(self, since=0, timeout=10.0, **match):
         return await self.journal.wait(since, timeout, **match)
-
-
-async def until(predicate, timeout=10.0):
-    """Waits until `predicate()` is true; False when it did not become so."""
-    deadline = asyncio.get_running_loop().time() + timeout
-    while not predicate():
-        if asyncio.get_running_loop().time() > deadline:
-            return False
-        await asyncio.sleep(0.02)
-    return True

@@ -9,8 +9,10 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
 
+from labap.accesspoint import AccessPoint  # noqa: E402
 from lumdtest.agent import Agent  # noqa: E402
 from lumdtest.lab import Labs  # noqa: E402
+from lumdtest.labparts import FakeClock, minimal  # noqa: E402
 from lumdtest.msgbus import Broker  # noqa: E402
 from lumdtest.programs import Programs  # noqa: E402
 from lumdtest.service import Service  # noqa: E402
@@ -54,6 +56,12 @@ def folder():
     path = pathlib.Path(tempfile.mkdtemp(prefix="lumd-", dir="/tmp"))
     yield path
     shutil.rmtree(path)
+
+
+@pytest.fixture
+def ap(tmp_path):
+    """A virtual access point that has not joined a bus and whose time stands still."""
+    return AccessPoint(minimal(), tmp_path / "root", tmp_path / "no-bus", clock=FakeClock())
 
 
 @pytest.fixture

@@ -8,7 +8,6 @@ that the fault at work does not cost, and nothing may pile up.
 import os
 import random
 import re
-import signal
 import time
 
 import pytest
@@ -129,21 +128,7 @@ class Office:
         self.lab.wait("rrm-config-changed", since)
 
     def restart_the_broker(self):
-        lab = self.lab
-
-        async def restart():
-            broker = lab.lab.broker
-            broker.signal(signal.SIGKILL)
-            await broker.wait()
-            for daemon in lab.lab.ap.daemons.values():
-                await daemon.stop()
-            lab.lab.bus_path.unlink(missing_ok=True)
-            await broker.start([lab.lab.build.bin / "msgbusd"], lab.lab._environment())
-            await lab.lab._bus_is_there()
-            for daemon in lab.lab.ap.daemons.values():
-                await daemon.start()
-
-        lab.run(restart())
+        self.lab.run(self.lab.lab.restart_broker())
         wait_until(lambda: self.tells_the_truth(), "the truth again after the broker's restart")
         wait_until(self.traps_pass, "traps again after the broker's restart")
         self.explain(NO_ANSWER)

@@ -8,7 +8,6 @@ import os
 import pytest
 
 from lumdtest.lab import CONFIG, ask, radios, scenario
-from labap import harness
 
 pytestmark = pytest.mark.skipif(
     not os.environ.get("LUMD_EMULATOR"),
@@ -52,8 +51,8 @@ def subscribed(start_lab):
 
 
 @pytest.mark.parametrize("program", ["lumd", "msgbusd"])
-def test_the_programs_are_32_bit_big_endian_ones(program):
-    with open(harness.find_build().bin / program, "rb") as file:
+def test_the_programs_are_32_bit_big_endian_ones(programs, program):
+    with open(programs.binary(program), "rb") as file:
         identification = file.read(6)
     assert identification == b"\x7fELF\x01\x02"  # elf(5): ELFCLASS32, ELFDATA2MSB
 

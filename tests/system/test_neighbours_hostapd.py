@@ -13,7 +13,8 @@ import subprocess
 
 import pytest
 
-from lumdtest.lab import CONFIG, LAB, radios, scenario
+from lumdtest.lab import CONFIG, radios, scenario
+from lumdtest.programs import ROOT
 from lumdtest.waiting import wait_until
 
 WPA_CLI, HOSTAPD = shutil.which("wpa_cli"), shutil.which("hostapd")
@@ -42,7 +43,7 @@ class Hostapd:
         tools.mkdir()
         (tools / "wpa_cli").write_text(IN_FRONT.format(folder=folder, wpa_cli=WPA_CLI))
         (tools / "wpa_cli").chmod(0o755)
-        self.path = f"{tools}:{LAB / 'bin'}:{os.environ['PATH']}"
+        self.path = f"{tools}:{ROOT / 'lab' / 'bin'}:{os.environ['PATH']}"
         with open(folder / "output", "wb") as output:
             self.process = subprocess.Popen(
                 [HOSTAPD, "-g", folder / "global", folder / "bss.conf"], stdout=output,

@@ -5,18 +5,14 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import syslog
 import time
 
 import pytest
 
 from lumdtest.agent import Agent
+from lumdtest.lab import running_lab
 from lumdtest.waiting import PATIENCE, wait_until
-
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
-
-from labap.harness import running_lab  # noqa: E402
 
 PORTAL_THREADS = ["lumd:ipc", "lumd:websock-ro"]  # the kernel keeps 15 bytes of a name
 RRM_THREADS = ["lumd:ipc", "lumd:rrm", "lumd:websock-rr"]

@@ -1,53 +1,22 @@
 """The RRM mode from end to end: lumd between the service and a virtual access point."""
-import pathlib
-import sys
-
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "lab"))
+from lumdtest.lab import CONFIG, SPEED, ask, radios
 
-from labap.harness import running_lab  # noqa: E402
-
-SPEED = 20
-LOG_LEVEL = ["log_level=7"]  # no debug lines: dumping megabytes of survey costs more than the survey
-CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
 NEIGHBOUR = {"neighbour-mac": "00:11:22:33:50:51", "channel": 11, "priority": 3,
              "vaps": [{"ssid": "office", "mac": "00:11:22:33:50:51"}]}
 
 
 @pytest.fixture(name="start")
-def lab_starter():
-    """Starts labs; every lumd must end with status 0, without a finding of its sanitizer."""
-    contexts = []
-
+def office_starter(start_lab):
+    """Starts offices whose first talk is over."""
     def start(scenario="office", subscribed=True, **options):
-        context = running_lab(scenario, speed=SPEED, start_lumd=False, config=LOG_LEVEL, **options)
-        lab = context.__enter__()
-        contexts.append((context, lab))
+        lab = start_lab(scenario, start_lumd=subscribed, **options)
         if subscribed:
-            lab.start_lumd()
-            lab.wait_subscribed()
             lab.settle()
         return lab
 
-    yield start
-    for context, lab in contexts:
-        status = lab.stop_lumd()
-        log = lab.log_lines()
-        complaints = lab.service("complaints")
-        context.__exit__(None, None, None)
-        assert status in (0, None), "\n".join(log[-40:])
-        assert complaints == []
-
-
-def ask(lab, message, answer, **match):
-    since = lab.mark()
-    lab.send(message)
-    return lab.wait(answer, since, **match)["data"]
-
-
-def radios(lab):
-    return ask(lab, {"cmd": "rrm-request-mode"}, "rrm-mode-response")["radios"]
+    return start
 
 
 def clients(lab):

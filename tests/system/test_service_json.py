@@ -9,6 +9,7 @@ import json
 import pytest
 
 from lumdtest.lab import CONFIG, Labs, ask, radios, scenario, send_bytes
+from lumdtest.msgbus import ORVANTA_EVENTS
 from lumdtest.waiting import wait_until
 
 HEADER = b'{"version":"2.4","service":"rrm","cmd":"rrm-request-mode"'
@@ -131,7 +132,7 @@ def test_rrm_survives_every_type_in_every_member_of_a_trap(rrm):
     traps = rrm.lab.ap.daemons["traps"]
     for path, text in itertools.product(places(trap), VALUES):
         payload = with_member(trap, path, text)
-        rrm.do(lambda payload=payload: traps._bus.send(31, payload.decode()))
+        rrm.do(lambda payload=payload: traps.send(ORVANTA_EVENTS, payload.decode()))
     since = rrm.mark()
     rrm.send({"cmd": "rrm-info", **CONFIG})
     assert len(radios(rrm)) == 2  # 802.11v is on before the trap comes by its other way

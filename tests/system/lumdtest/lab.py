@@ -1,19 +1,14 @@
 """Whole labs for the tests: the agent between a virtual access point and the service."""
-import pathlib
-import sys
-
-LAB = pathlib.Path(__file__).resolve().parents[3] / "lab"
-if str(LAB) not in sys.path:
-    sys.path.insert(0, str(LAB))
-
-from labap import scenario as scenarios  # noqa: E402
-from labap.harness import LabError, running_lab  # noqa: E402
+from labap import scenario as scenarios
+from labshow.handle import running_lab
+from labshow.process import LabError
 
 __all__ = ["CONFIG", "LabError", "Labs", "ask", "radios", "running_lab", "scenario", "scenarios",
            "send_bytes", "service_texts"]
 
 # Dumping a survey or a large message at debug level costs more than handling it.
 NO_DEBUG_LINES = "log_level=7"
+SPEED = 20
 CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
 
 
@@ -24,7 +19,7 @@ class Labs:
     def __init__(self):
         self._running = []
 
-    def start(self, scenario="minimal", wait=True, start_lumd=True, speed=20, config=(),
+    def start(self, scenario="minimal", wait=True, start_lumd=True, speed=SPEED, config=(),
               complaints=(), **options):
         """A LabHandle; `wait`: once the agent is subscribed (connected, in the WIDS mode)."""
         context = running_lab(scenario, speed=speed, start_lumd=False,
@@ -67,14 +62,7 @@ def radios(lab):
 def service_texts(lab):
     """A list that fills with each text that the service receives from now on, as it came."""
     texts = []
-    service = lab.lab.service
-    receive = service._receive
-
-    async def recording(link, text):
-        texts.append(text)
-        await receive(link, text)
-
-    service._receive = recording
+    lab.do(lambda: lab.lab.service.readers.append(texts.append))
     return texts
 
 

@@ -1,18 +1,17 @@
 """What the agent is asked to do while calls of its fail. Each operation tells in one word or two
 what came of it: DONE when all that belongs to it did."""
-import asyncio
 import json
-import signal
 import time
 
-from .lab import CONFIG, LabError, ask
-
 from labservice.server import ServiceError
+
+from .lab import CONFIG, LabError, ask
 
 DONE, NOTHING = "done", "not done"
 ENOUGH_TO_ROTATE = 5  # large messages, each dumped to a log of a mebibyte
 BURST = 100
 NO_LINK_PAUSE = 0.1  # real seconds
+BROKER_AWAY = 0.2    # real seconds
 MAC, SSID = "00:11:22:33:44:50", "office"
 
 
@@ -31,6 +30,9 @@ class Operations:
     def _next(self):
         self._turn += 1
         return self._turn
+
+    def _restart_broker(self):
+        self.lab.run(self.lab.lab.restart_broker(BROKER_AWAY))
 
     def carry_out(self, name):
         try:
@@ -168,7 +170,7 @@ class Operations:
         raise LabError("no new file")
 
     def bus(self):
-        restart_broker(self.lab)
+        self._restart_broker()
         if self.report() != DONE:
             raise LabError("no report")
         deadline = time.monotonic() + self.patience
@@ -209,7 +211,7 @@ class Operations:
         self._wait("message", since, to="service", data=texts[-1])
 
     def bus_of_the_portal(self):
-        restart_broker(self.lab)
+        self._restart_broker()
         return self.relay_again()
 
     def relay_again(self):
@@ -262,21 +264,3 @@ def _real(radios):
              {station["mac"]: max(station["rssi"]) for vap in radio["vaps"]
               for station in vap["stations"]},
              [vap["ssid"] for vap in radio["vaps"]]) for radio in radios]
-
-
-def restart_broker(lab):
-    async def restart():
-        inner = lab.lab
-        inner.broker.signal(signal.SIGKILL)
-        await inner.broker.wait()
-        for daemon in inner.ap.daemons.values():
-            await daemon.stop()
-        inner.bus_path.unlink(missing_ok=True)
-        await asyncio.sleep(0.2)
-        await inner.broker.start([*inner.build.emulator, inner.build.bin / "msgbusd"],
-                                 inner._environment())
-        await inner._bus_is_there()
-        for daemon in inner.ap.daemons.values():
-            await daemon.start()
-
-    lab.run(restart())

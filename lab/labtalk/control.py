@@ -8,39 +8,33 @@ import asyncio
 import json
 import socket
 
+from .unixserver import UnixServer
+
 LINE_LIMIT = 64 * 1024 * 1024
 
 
-class ControlServer:
+class ControlServer(UnixServer):
     """Serves a table of commands: name to a function of keyword arguments, plain or async."""
 
+    read_limit = LINE_LIMIT
+
     def __init__(self, commands):
+        super().__init__()
         self.commands = commands
-        self._server = None
-        self._writers = set()
 
-    async def start(self, path):
-        self._server = await asyncio.start_unix_server(self._serve, path, limit=LINE_LIMIT)
+    async def serve(self, reader, writer):
+        while line := await self._line(reader):
+            reply = await self._reply(line)
+            writer.write(json.dumps(reply, ensure_ascii=False).encode() + b"\n")
+            await writer.drain()
 
-    async def stop(self):
-        if self._server is not None:
-            self._server.close()
-            for writer in list(self._writers):
-                writer.close()
-            await self._server.wait_closed()
-
-    async def _serve(self, reader, writer):
-        self._writers.add(writer)
+    @staticmethod
+    async def _line(reader):
+        """The next request; nothing at the end, and after one that is too long."""
         try:
-            while line := await reader.readline():
-                reply = await self._reply(line)
-                writer.write(json.dumps(reply, ensure_ascii=False).encode() + b"\n")
-                await writer.drain()
-        except (ConnectionError, ValueError):
-            pass
-        finally:
-            self._writers.discard(writer)
-            writer.close()
+            return await reader.readline()
+        except ValueError:
+            return b""
 
     async def _reply(self, line):
         try:

@@ -1,0 +1,100 @@
+"""What is typed at the prompt of ./run."""
+import asyncio
+
+import pytest
+
+from labshow.console import Console, Refused
+from labshow.process import LabError
+from labshow.prompt import carry_out, split
+
+
+class Notes:
+    """What was shown, in one text."""
+
+    def __init__(self):
+        self.shown = ""
+
+    def text(self, text):
+        self.shown += text + "\n"
+
+    heading = text
+
+
+class Echo(Console):
+    """Commands that tell what they were given."""
+
+    async def pair(self, first, second="none"):
+        """pair FIRST [SECOND]: two words"""
+        self.show.text(f"<{first}> <{second}>")
+
+    async def send(self, *words):
+        """send TEXT: as it stands"""
+        self.show.text(f"<{'> <'.join(words)}>")
+
+    async def refuse(self):
+        """refuse: what cannot be"""
+        raise Refused("no such thing")
+
+    async def fail(self):
+        """fail: what should have been"""
+        raise LabError("nothing came")
+
+    async def stumble(self):
+        """stumble: over a mistake of its own"""
+        return len(5)
+
+    def commands(self):
+        return {"pair": self.pair, "send": self.send, "refuse": self.refuse, "fail": self.fail,
+                "stumble": self.stumble}
+
+
+def typed(line):
+    """(whether another line may follow, what was shown but for the line itself)"""
+    notes = Notes()
+    more = asyncio.run(carry_out(line, Echo(None, notes), notes))
+    return more, notes.shown.removeprefix(f"{line}\n") if line else notes.shown
+
+
+def test_a_command_gets_its_words():
+    assert typed("pair 1 'two words'") == (True, "<1> <two words>\n")
+    assert typed("pair 1") == (True, "<1> <none>\n")
+
+
+@pytest.mark.parametrize("line", ["pair", "pair 1 2 3"])
+def test_with_the_wrong_number_of_words_a_command_is_explained_and_not_called(line):
+    assert typed(line) == (True, "pair FIRST [SECOND]: two words\n")
+
+
+def test_a_mistake_of_the_lab_s_own_is_not_taken_for_one_of_whoever_types():
+    with pytest.raises(TypeError):
+        typed("stumble")
+
+
+def test_what_is_refused_and_what_fails_is_told_and_the_session_goes_on():
+    assert typed("refuse") == (True, "refuse: no such thing\n")
+    assert typed("fail") == (True, "fail failed: nothing came\n")
+
+
+def test_help_and_an_unknown_command_list_what_there_is():
+    more, shown = typed("help")
+    assert more and "  pair FIRST [SECOND]: two words\n" in shown and "quit" in shown
+    assert typed("dance")[1] == "unknown command 'dance'\n" + shown
+
+
+@pytest.mark.parametrize("line", ["quit", "exit", " quit ", "quit now", None])
+def test_the_session_ends_when_it_is_told_to_and_with_its_input(line):
+    assert typed(line) == (False, "")
+
+
+@pytest.mark.parametrize("line", ["", "   "])
+def test_an_empty_line_is_nothing(line):
+    assert typed(line) == (True, "")
+
+
+def test_a_quote_that_is_not_closed_is_told():
+    assert typed("pair 'x") == (True, "No closing quotation\n")
+
+
+def test_a_message_to_send_keeps_its_quotes_and_blanks():
+    assert split('send {"a":  "it\'s  so"} ') == ["send", '{"a":  "it\'s  so"}']
+    assert split("send") == ["send"]
