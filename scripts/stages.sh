@@ -77,6 +77,7 @@ stage_mips() { scripts/mips; }
 stage_debian13() { scripts/debian13; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
+stage_mutate() { scripts/mutate --sample 25; }
 
 packages_of() {
     case $1 in
@@ -88,6 +89,7 @@ packages_of() {
         musl) echo build musl ;;
         mips) echo build test mips ;;
         debian13) echo root ;;
+        mutate) echo build test mutate ;;
         *) echo build test ;;
     esac
 }
@@ -111,6 +113,7 @@ declare -A purposes=(
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [faults]="every call of the agent fails once"
+    [mutate]="25 faults put into src/, each to be noticed by a test"
     [soak]="a day in protocol time"
 )
 
