@@ -1,3 +1,4 @@
+// driver_realtek: its making, plain accessors and fixed answers.
 #include "driver_realtek.h"
 
 #include <cstring>

@@ -166,6 +166,9 @@ class driver_realtek final : public driver_interface {
     int process_driver_events(const driver_event_callback& callback) const override;
     int send_bsstrans_request(const char* ifname, const char* mac, int value) const override;
     int set_vexor_roam_attempt_timeout(const char* ifname, int timeout) const override;
+
+    // --- driver_realtek_unsupported.cpp: client control without a counterpart in these drivers ---
+    // Each leaves a debug line and answers 0.
     int block_sta(const char* ifname, const char* mac) const override;
     int block_sta_data(const char* ifname, const char* mac) const override;
     int unblock_sta(const char* ifname, const char* mac) const override;
@@ -195,7 +198,7 @@ class driver_realtek final : public driver_interface {
     // hostapd is up and the process is not stopping.
     [[nodiscard]] bool live() const { return hostapd_status && run_flag; }
 
-    // The back-end for an interface; null only for an unknown chip family.
+    // The back-end for an interface; never null.
     [[nodiscard]] std::unique_ptr<ioctl_ops> make_ops(const char* ifname) const;
 
     static std::string vap_name(int radio, int vap);

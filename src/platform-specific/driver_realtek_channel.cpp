@@ -1,3 +1,4 @@
+// driver_realtek: chanspecs, and the channel and power in use or asked for.
 #include <cstring>
 #include <span>
 
@@ -119,8 +120,7 @@ unsigned driver_realtek::get_chanspec(const char* ifname) const {
         return 0;
     }
     std::uint32_t value = 0;
-    if (const std::unique_ptr<ioctl_ops> ops = make_ops(ifname))
-        ops->get_mib("chanspec", std::as_writable_bytes(std::span{&value, 1}), ifname);
+    make_ops(ifname)->get_mib("chanspec", std::as_writable_bytes(std::span{&value, 1}), ifname);
     trace.debug("<%s:%d> ifname == %s chanspec == %0x\n", __func__, __LINE__, ifname, value);
     return value;
 }
@@ -163,8 +163,7 @@ int driver_realtek::fill_chanspecs(const char* ifname, std::string& out) const {
     if (!is_enabled(radio) || is_wds_enabled(radio) || is_wids_enabled(radio))
         return -1;
     std::set<unsigned> channels;
-    const std::unique_ptr<ioctl_ops> ops = make_ops(ifname);
-    if (!ops || ops->get_available_channels(channels) != 0)
+    if (make_ops(ifname)->get_available_channels(channels) != 0)
         return -1;
     if (getconf_radio<std::string>(ifname, "use-limit-channels", empty_callback_radio) == "true") {
         // The configured channels stand even where the driver does not offer them.

@@ -1,3 +1,4 @@
+// driver_realtek: what the configuration store holds of radios and VAPs.
 #include <algorithm>
 
 #include "antcfg.h"

@@ -1,3 +1,4 @@
+// driver_realtek: radios and VAPs as last read, and the questions that this answers.
 #include <dirent.h>
 
 #include <cstdio>
@@ -68,6 +69,18 @@ std::string vap_mac(const char* ifname, const char* base_mac) {
     return libhubd::MacAddr{bytes}.str();
 }
 
+// The entry of that number; null, with an error line under the caller's name, when there is none.
+template <typename Entry, std::size_t size>
+const Entry* entry_at(const std::array<Entry, size>& array, int number, const char* what,
+                      const char* function, int line) {
+    try {
+        return &array.at(static_cast<std::size_t>(number));
+    } catch (const std::out_of_range& error) {
+        trace.error("<%s:%d> %s %d are absence: %s\n", function, line, what, number, error.what());
+        return nullptr;
+    }
+}
+
 bool is_if_exists(const std::string& ifname) {
     struct dir_closer {
         void operator()(DIR* dir) const { closedir(dir); }
@@ -101,13 +114,7 @@ void forget_vap(vap_context& vap) {
 }  // namespace
 
 const vap_context* interface_context::get_vap(int number) const {
-    try {
-        return &vap.at(static_cast<std::size_t>(number));
-    } catch (const std::out_of_range& error) {
-        trace.error("<%s:%d> vap_id %d are absence: %s\n", __func__, __LINE__, number,
-                    error.what());
-        return nullptr;
-    }
+    return entry_at(vap, number, "vap_id", __func__, __LINE__);
 }
 
 vap_context* interface_context::get_vap(int number) {
@@ -133,13 +140,7 @@ void driver_realtek::name_interfaces() {
 }
 
 const interface_context* driver_realtek::get_radio(int radio) const {
-    try {
-        return &interfaces.at(static_cast<std::size_t>(radio));
-    } catch (const std::out_of_range& error) {
-        trace.error("<%s:%d> radio_id %d are absence: %s\n", __func__, __LINE__, radio,
-                    error.what());
-        return nullptr;
-    }
+    return entry_at(interfaces, radio, "radio_id", __func__, __LINE__);
 }
 
 interface_context* driver_realtek::get_radio(int radio) {
@@ -148,15 +149,7 @@ interface_context* driver_realtek::get_radio(int radio) {
 
 const interface_context* driver_realtek::radio_by_ifname(const std::string& ifname) const {
     const std::optional<int> radio = read_radio_number(ifname.c_str());
-    if (!radio)
-        return nullptr;
-    try {
-        return &interfaces.at(static_cast<std::size_t>(*radio));
-    } catch (const std::out_of_range& error) {
-        trace.error("<%s:%d> radio_id %d are absence: %s\n", __func__, __LINE__, *radio,
-                    error.what());
-        return nullptr;
-    }
+    return radio ? entry_at(interfaces, *radio, "radio_id", __func__, __LINE__) : nullptr;
 }
 
 interface_context* driver_realtek::radio_by_ifname(const std::string& ifname) {
