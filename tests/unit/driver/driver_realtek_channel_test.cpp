@@ -1,11 +1,11 @@
-#include "realtek_fixture.h"
+#include "driver_fixture.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using DriverChannelTest = RealtekTest;
+using DriverChannelTest = DriverTest;
 
 // ---- taking a chanspec apart
 
@@ -81,10 +81,10 @@ TEST_F(DriverChannelTest, TheSideOf40MhzIsReadFromItsLetters) {
 
 TEST_F(DriverChannelTest, TheChanspecInUseComesFromTheKernel) {
     driver_realtek& ready = ready_driver();
-    kernel.set_mib("wlan1", "chanspec", 0xD92E);
-    EXPECT_EQ(ready.get_chanspec("wlan1"), 0xD92EU);
+    kernel.set_mib("wlan0", "chanspec", 0xD92E);
+    EXPECT_EQ(ready.get_chanspec("wlan0"), 0xD92EU);
     EXPECT_TRUE(log.contains("debug: <get_chanspec:"));
-    EXPECT_TRUE(log.contains("> ifname == wlan1 chanspec == d92e"));
+    EXPECT_TRUE(log.contains("> ifname == wlan0 chanspec == d92e"));
 }
 
 TEST_F(DriverChannelTest, AChanspecThatCannotBeReadIsZero) {
@@ -151,7 +151,7 @@ TEST_F(DriverChannelTest, NothingIsAskedForUnlessLive) {
 
 // ---- channels the radio may use
 
-class AvailableChannelsTest : public RealtekTest {
+class AvailableChannelsTest : public DriverTest {
   protected:
     AvailableChannelsTest() {
         for (const char* ifname : {"wlan0", "wlan1"})

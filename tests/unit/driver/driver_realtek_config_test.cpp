@@ -1,4 +1,4 @@
-#include "realtek_fixture.h"
+#include "driver_fixture.h"
 
 namespace {
 
@@ -6,7 +6,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // A ready driver and short names for the places in the configuration store.
-class DriverConfigTest : public RealtekTest {
+class DriverConfigTest : public DriverTest {
   protected:
     static std::string radio_path(const std::string& key, const std::string& ifname = "wlan0") {
         return "/interface/" + ifname + "/wlan/radio/" + key;
@@ -251,8 +251,8 @@ TEST_F(AntennaTest, AConfiguredAntennasTenthsAreTruncatedTowardZero) {
 }
 
 TEST_F(AntennaTest, AConfiguredAntennaMayBeAKnownOne) {
-    write("antennas.json",
-          R"({"antennas": [{"name": "dish", "antenna-gain": 120, "cable-loss": 19}]})");
+    platform.write("antennas.json",
+                   R"({"antennas": [{"name": "dish", "antenna-gain": 120, "cable-loss": 19}]})");
     vaultd.set(radio_path("antenna-configuration", "wlan1"), R"({"name": "dish"})");
     EXPECT_EQ(antenna("wlan1"), "12/1");
 }
@@ -264,8 +264,8 @@ TEST_F(AntennaTest, WithoutAConfigurationTheFiguresAreZero) {
 }
 
 TEST_F(AntennaTest, ARadioWithoutAntennaDataHasZeroFigures) {
-    set_radios(R"({"radios": [{"ifname": "wlan0", "driver": "g6", "bands": ["2.4GHz"],
-                               "antenna-gain": {"type": "none"}}]})");
+    platform.radios(R"({"ifname": "wlan0", "driver": "g6", "bands": ["2.4GHz"],
+                        "antenna-gain": {"type": "none"}})");
     EXPECT_EQ(antenna("wlan0"), "0/0");
     EXPECT_TRUE(log.contains("> ant_type == configurable ant_gain == 0 cable_loss == 0"));
 }

@@ -2,8 +2,8 @@
 
 #include <csignal>
 
+#include "driver_fixture.h"
 #include "json_writer.h"
-#include "realtek_fixture.h"
 
 namespace {
 
@@ -12,7 +12,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StrEq;
 
-using DriverContextTest = RealtekTest;
+using DriverContextTest = DriverTest;
 
 // ---- construction
 
@@ -35,7 +35,7 @@ TEST_F(DriverContextTest, FactoryDataIsTakenOver) {
 }
 
 TEST_F(DriverContextTest, LongFactoryTextsAreCutAndTerminated) {
-    write("factory.json", R"({"serial": ")" + std::string(50, 's') + R"("})");
+    platform.write("factory.json", R"({"serial": ")" + std::string(50, 's') + R"("})");
     EXPECT_EQ(driver().get_factory().serial, std::string(31, 's'));
 }
 
@@ -45,13 +45,13 @@ TEST_F(DriverContextTest, VapMacsCountFromTheBaseMac) {
 }
 
 TEST_F(DriverContextTest, VapMacsWrapInTheLastByteWithoutCarry) {
-    write("factory.json", R"({"mac": "00:11:22:33:44:fa"})");
+    platform.write("factory.json", R"({"mac": "00:11:22:33:44:fa"})");
     EXPECT_EQ(driver().get_radio(0)->get_vap(5)->mac, "00:11:22:33:44:00");
     EXPECT_EQ(driver().get_radio(1)->get_vap(0)->mac, "00:11:22:33:44:03");
 }
 
 TEST_F(DriverContextTest, WithoutFactoryDataVapMacsCountFromZero) {
-    std::filesystem::remove(folder / "factory.json");
+    platform.remove("factory.json");
     EXPECT_EQ(driver().get_radio(0)->get_vap(0)->mac, "00:00:00:00:00:01");
     EXPECT_STREQ(driver().get_mac(), "");
     EXPECT_STREQ(driver().get_factory().board, "");
@@ -135,8 +135,6 @@ TEST_F(DriverContextTest, NullNamesAreNoCrash) {
 }
 
 TEST_F(DriverContextTest, TheChipFamilyFollowsTheRadioOfTheInterface) {
-    set_radios(R"({"radios": [{"ifname": "wlan0", "driver": "rtl8192cd", "bands": ["2.4GHz"]},
-                              {"ifname": "wlan1", "driver": "g6", "bands": ["5GHz"]}]})");
     EXPECT_EQ(driver().get_ioctl_type("wlan0"), RTL8192CD);
     EXPECT_EQ(driver().get_ioctl_type("wlan1"), G6);
     EXPECT_EQ(driver().get_ioctl_type("wlan1-va3"), G6);
@@ -169,7 +167,7 @@ TEST_F(DriverContextTest, ReadsTwoRadiosInTheDocumentedOrder) {
     set_up("wlan0");
     set_up("wlan1");
     kernel.set_mib("wlan0", "chanspec", LWLIO_CHANSPEC_BW_20 | 6);
-    kernel.set_mib("wlan1", "chanspec", LWLIO_CHANSPEC_BW_20 | 36);
+    tools.set_mib("wlan1", "chanspec", LWLIO_CHANSPEC_BW_20 | 36);
     vaultd.set("/wids/enabled", "true");
     vaultd.set("/wids/scan-mode", "sentry");
     vaultd.set("/wids/scan-interface", "wlan1");
@@ -209,7 +207,7 @@ TEST_F(DriverContextTest, KeepsWhatItHasReadOfARadio) {
     vaultd.set("/interface/wlan1/wlan/radio/tx-power-min", "5");
     vaultd.set("/interface/wlan1/wlan/radio/eirp-max", "30");
     vaultd.set("/interface/wlan1/wlan/radio/eirp-min", "7");
-    kernel.put_file("/proc/wlan1/mib_11n", "  other: 0\n  coexist: 1\n");
+    kernel.put_file("/proc/net/rtk_wifi6/wlan1/coex_2g_40m", "1\n");
     driver_realtek& ready = ready_driver();
     EXPECT_TRUE(ready.is_enabled(1));
     EXPECT_TRUE(ready.is_band(0, BAND_2G));

@@ -1,4 +1,4 @@
-#include "realtek_fixture.h"
+#include "driver_fixture.h"
 
 namespace {
 
@@ -6,7 +6,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-using DriverFbtTest = RealtekTest;
+using DriverFbtTest = DriverTest;
 
 constexpr const char* reset_message =
     R"({"command":"reset-orvanta-fbt",)"
@@ -125,8 +125,8 @@ TEST_F(DriverFbtTest, ARefusedResetIsLoggedButNoFailure) {
 }
 
 TEST_F(DriverFbtTest, SettingsAreResetOnEveryDescribedRadioInItsOrder) {
-    set_radios(R"({"radios": [{"ifname": "wlan1", "driver": "g6", "bands": ["5GHz"]},
-                              {"ifname": "wlan0", "driver": "g6", "bands": ["2.4GHz"]}]})");
+    platform.radios(R"({"ifname": "wlan1", "driver": "g6", "bands": ["5GHz"]},
+                       {"ifname": "wlan0", "driver": "g6", "bands": ["2.4GHz"]})");
     driver().reset_orvanta(UNKNOWN);
     EXPECT_THAT(hubd.requests(), ElementsAre(R"({"command":"reset-orvanta","ifname":"wlan1"})",
                                              R"({"command":"reset-orvanta","ifname":"wlan0"})"));

@@ -1,4 +1,4 @@
-#include "radio_fixture.h"
+#include "driver_fixture.h"
 
 namespace {
 
@@ -6,11 +6,11 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class DriverScanTest : public LiveRadioTest {
+class DriverScanTest : public LiveDriverTest {
   protected:
     int start(bool active, const std::set<unsigned>& channels_2,
               const std::set<unsigned>& channels_5) {
-        return driver.start(active, channels_2, channels_5, duration);
+        return driver().start(active, channels_2, channels_5, duration);
     }
 
     static std::set<unsigned> channels(unsigned count) {
@@ -31,7 +31,7 @@ TEST_F(DriverScanTest, StartsEachRadioOnItsOwnBandsChannels) {
                 ElementsAre("wlan0 stop", "wlan0 scan", "wlan1 stop", "wlan1 scan"));
     EXPECT_THAT(kernel.interface("wlan0").scanning, ElementsAre(1, 6, 11));
     EXPECT_THAT(kernel.interface("wlan1").scanning, ElementsAre(36, 40));
-    EXPECT_TRUE(driver.is_in_progress());
+    EXPECT_TRUE(driver().is_in_progress());
     EXPECT_EQ(logged("info: Attempt to start active scanning..."), 1);
     EXPECT_THAT(scan_notices(2), ElementsAre("lock-scan wlan0", "lock-scan wlan1"));
 }
@@ -44,7 +44,7 @@ TEST_F(DriverScanTest, AnRrmScanMeasuresTheLowestChannelOfEachRadio) {
     EXPECT_THAT(tools.lines(), ElementsAre("iwpriv wlan1 set_mib rrm_scan_chan=0",
                                            "iwpriv wlan1 set_mib rrm_scan_chan=36"));
     EXPECT_EQ(logged("info: Attempt to start RRM scanning..."), 1);
-    EXPECT_TRUE(driver.is_in_progress());
+    EXPECT_TRUE(driver().is_in_progress());
 }
 
 TEST_F(DriverScanTest, AnRrmScanTakesAtLeastSixSeconds) {
@@ -98,10 +98,10 @@ TEST_F(DriverScanTest, ASecondStartIsIgnored) {
 }
 
 TEST_F(DriverScanTest, WithHostapdDownNothingStartsAndNothingIsLocked) {
-    driver.set_hostapd_initialized(false);
+    driver().set_hostapd_initialized(false);
     EXPECT_EQ(start(true, {1}, {36}), 0);
     EXPECT_EQ(start(false, {1}, {36}), 0);
-    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_FALSE(driver().is_in_progress());
     EXPECT_EQ(duration, 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
     EXPECT_THAT(bus.requests(SCANDMOD), IsEmpty());
@@ -109,9 +109,9 @@ TEST_F(DriverScanTest, WithHostapdDownNothingStartsAndNothingIsLocked) {
 }
 
 TEST_F(DriverScanTest, NothingStartsWhileTheProcessStops) {
-    run = false;
+    run_flag = false;
     EXPECT_EQ(start(true, {1}, {36}), 0);
-    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_FALSE(driver().is_in_progress());
     EXPECT_THAT(kernel.calls(), IsEmpty());
 }
 
@@ -120,7 +120,7 @@ TEST_F(DriverScanTest, A6GHzRadioIsLockedButNotScannedAndUnlockedByStop) {
                     R"({"ifname":"wlan1","driver":"g6","bands":["6GHz"]})");
     start(true, {1}, {36});
     EXPECT_THAT(kernel.history(), ElementsAre("wlan0 stop", "wlan0 scan"));
-    driver.stop(true);
+    driver().stop(true);
     EXPECT_THAT(scan_notices(4), ElementsAre("lock-scan wlan0", "lock-scan wlan1",
                                              "unlock-scan wlan0", "unlock-scan wlan1"));
 }
@@ -141,7 +141,7 @@ TEST_F(DriverScanTest, EachRadioIsLockedRightBeforeItsCommandsAndUnlockedRightAf
     });
     start(true, {1}, {36});
     due_before_wlan0 = 2;
-    driver.stop(true);
+    driver().stop(true);
     take_notices(4);
     kernel.watch({});
     EXPECT_THAT(order, ElementsAre("lock-scan wlan0", "wlan0 stop", "wlan0 scan", "lock-scan wlan1",
@@ -153,15 +153,15 @@ TEST_F(DriverScanTest, ARadioThatFailsDoesNotStopTheOthers) {
     kernel.fail(FakeKernel::RTL8192CD_VEXOR, EIO);
     EXPECT_EQ(start(true, {1}, {36}), 0);
     EXPECT_TRUE(kernel.interface("wlan1").scan_runs);
-    EXPECT_TRUE(driver.is_in_progress());
+    EXPECT_TRUE(driver().is_in_progress());
 }
 
 TEST_F(DriverScanTest, ReportsARadioWhoseNameHasNoNumber) {
     platform.radios(R"({"ifname":"radio","driver":"g6","bands":["5GHz"]})");
     start(true, {1}, {36});
-    driver.stop(true);
+    driver().stop(true);
     start(false, {1}, {36});
-    driver.stop(false);
+    driver().stop(false);
     for (const char* operation :
          {"start_active_scan", "stop_active_scan", "start_rrm_scan", "stop_rrm_scan"})
         EXPECT_EQ(logged("error: <" + std::string{operation} +
@@ -174,23 +174,23 @@ TEST_F(DriverScanTest, ReportsARadioWhoseNameHasNoNumber) {
 
 TEST_F(DriverScanTest, StopEndsTheScanOfEachRadio) {
     start(true, {1}, {36});
-    EXPECT_EQ(driver.stop(true), 0);
+    EXPECT_EQ(driver().stop(true), 0);
     EXPECT_FALSE(kernel.interface("wlan0").scan_runs);
     EXPECT_FALSE(kernel.interface("wlan1").scan_runs);
-    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_FALSE(driver().is_in_progress());
     EXPECT_EQ(logged("info: Attempt to stop active scanning..."), 1);
 }
 
 TEST_F(DriverScanTest, StopEndsAnRrmScanThroughTheMib) {
     start(false, {6}, {36});
-    EXPECT_EQ(driver.stop(false), 0);
+    EXPECT_EQ(driver().stop(false), 0);
     EXPECT_EQ(kernel.mib_text("wlan0", "rrm_scan_chan"), "0");
     EXPECT_EQ(tools.lines().back(), "iwpriv wlan1 set_mib rrm_scan_chan=0");
     EXPECT_EQ(logged("info: Attempt to stop RRM scanning..."), 1);
 }
 
 TEST_F(DriverScanTest, StopDoesNothingUnlessAScanRuns) {
-    EXPECT_EQ(driver.stop(true), 0);
+    EXPECT_EQ(driver().stop(true), 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
     EXPECT_THAT(bus.requests(SCANDMOD), IsEmpty());
 }
@@ -198,9 +198,9 @@ TEST_F(DriverScanTest, StopDoesNothingUnlessAScanRuns) {
 TEST_F(DriverScanTest, StopDoesNothingWithHostapdDown) {
     start(true, {1}, {36});
     kernel.forget();
-    driver.set_hostapd_initialized(false);
-    EXPECT_EQ(driver.stop(true), 0);
-    EXPECT_TRUE(driver.is_in_progress());
+    driver().set_hostapd_initialized(false);
+    EXPECT_EQ(driver().stop(true), 0);
+    EXPECT_TRUE(driver().is_in_progress());
     EXPECT_THAT(kernel.calls(), IsEmpty());
 }
 
@@ -211,7 +211,7 @@ TEST_F(DriverScanTest, TheTableHoldsTheNeighboursOfAllRadios) {
     kernel.interface("wlan1").heard = {{{2}, -60, 36, 20, 0, 0xD024},
                                        {{3}, -70, 40, 20, 0, 0xD028}};
     ap_table table(5);
-    EXPECT_EQ(driver.fill_ap_table(table), 0);
+    EXPECT_EQ(driver().fill_ap_table(table), 0);
     ASSERT_EQ(table.size(), 3U);
     EXPECT_EQ(table[0].bssid[0], 1);
     EXPECT_EQ(table[2].channel, 40);
@@ -222,7 +222,7 @@ TEST_F(DriverScanTest, TheRrmTableHoldsWhatTheRrmScansHeard) {
     kernel.interface("wlan0").rrm_heard = {{{1}, -50, 0, 0, 80, 0x1006}};
     kernel.interface("wlan1").rrm_heard = {{{2}, -60, 0, 0, 92, 0xD024}};
     ap_table table(5);
-    EXPECT_EQ(driver.fill_ap_table_vexor_rrm(table), 0);
+    EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), 0);
     ASSERT_EQ(table.size(), 2U);
     EXPECT_EQ(table[0].channel, 6);
     EXPECT_EQ(table[1].tx_power, 23);
@@ -234,9 +234,9 @@ TEST_F(DriverScanTest, AFailingRadioEndsTheTable) {
     kernel.interface("wlan1").rrm_heard.resize(2);
     kernel.fail(FakeKernel::RTL8192CD_VEXOR, EIO);
     ap_table table(1);
-    EXPECT_EQ(driver.fill_ap_table(table), -1);
+    EXPECT_EQ(driver().fill_ap_table(table), -1);
     EXPECT_THAT(table, IsEmpty());
-    EXPECT_EQ(driver.fill_ap_table_vexor_rrm(table), -1);
+    EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), -1);
     EXPECT_THAT(table, IsEmpty());
     EXPECT_THAT(kernel.history(), ElementsAre("wlan0 results", "wlan0 rrm-results"));
 }
@@ -245,14 +245,14 @@ TEST_F(DriverScanTest, NeighboursBeforeAFailingRadioStay) {
     kernel.interface("wlan0").heard.resize(2);
     kernel.fail(FakeKernel::G6_VEXOR, EIO);
     ap_table table;
-    EXPECT_EQ(driver.fill_ap_table(table), -1);
+    EXPECT_EQ(driver().fill_ap_table(table), -1);
     EXPECT_EQ(table.size(), 2U);
 }
 
 TEST_F(DriverScanTest, AMissingSocketIsAFailingRadio) {
     const call_faults::NoSocket fault;
     ap_table table;
-    EXPECT_EQ(driver.fill_ap_table(table), -1);
+    EXPECT_EQ(driver().fill_ap_table(table), -1);
 }
 
 TEST_F(DriverScanTest, ADisabledRadioIsLeftOutWithoutAnError) {
@@ -261,9 +261,9 @@ TEST_F(DriverScanTest, ADisabledRadioIsLeftOutWithoutAnError) {
     kernel.interface("wlan0").heard.resize(2);
     kernel.interface("wlan1").heard.resize(1);
     ap_table table;
-    EXPECT_EQ(driver.fill_ap_table(table), 0);
+    EXPECT_EQ(driver().fill_ap_table(table), 0);
     EXPECT_EQ(table.size(), 1U);
-    EXPECT_EQ(driver.fill_ap_table_vexor_rrm(table), 0);
+    EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), 0);
     start(true, {1}, {36});
     EXPECT_FALSE(kernel.interface("wlan0").scan_runs);
 }
@@ -275,7 +275,7 @@ TEST_F(DriverScanTest, AWdsRadioIsLeftOutWithoutAnError) {
     kernel.interface("wlan0").heard.resize(2);
     kernel.interface("wlan1").heard.resize(1);
     ap_table table;
-    EXPECT_EQ(driver.fill_ap_table(table), 0);
+    EXPECT_EQ(driver().fill_ap_table(table), 0);
     EXPECT_EQ(table.size(), 2U);
     start(true, {1}, {36});
     EXPECT_FALSE(kernel.interface("wlan1").scan_runs);
@@ -287,11 +287,11 @@ TEST_F(DriverScanTest, AWidsRadioIsLeftOutWithoutAnError) {
     vaultd.set("/wids/scan-mode", "sentry");
     vaultd.set("/wids/scan-interface", "wlan0");
     refresh();
-    ASSERT_TRUE(driver.is_wids_enabled(0));
+    ASSERT_TRUE(driver().is_wids_enabled(0));
     kernel.interface("wlan0").heard.resize(2);
     kernel.interface("wlan1").heard.resize(1);
     ap_table table;
-    EXPECT_EQ(driver.fill_ap_table(table), 0);
+    EXPECT_EQ(driver().fill_ap_table(table), 0);
     EXPECT_EQ(table.size(), 1U);
     start(false, {1}, {36});
     EXPECT_THAT(kernel.history(), ElementsAre("wlan1 results", "wlan1 trigger"));

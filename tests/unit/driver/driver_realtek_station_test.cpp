@@ -1,4 +1,4 @@
-#include "radio_fixture.h"
+#include "driver_fixture.h"
 #include "unsafe_texts.h"
 
 namespace {
@@ -8,16 +8,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-class DriverStationTest : public LiveRadioTest {
+class DriverStationTest : public LiveDriverTest {
   protected:
     // Clients of a radio as "mac ssid ifname".
     std::vector<std::string> clients(const char* ifname) {
         std::vector<std::string> result;
-        EXPECT_EQ(driver.get_assoclist(ifname,
-                                       [&](const rrm_sta_s& station) {
-                                           result.push_back(station.mac + " " + station.ssid + " " +
-                                                            station.ifname);
-                                       }),
+        EXPECT_EQ(driver().get_assoclist(ifname,
+                                         [&](const rrm_sta_s& station) {
+                                             result.push_back(station.mac + " " + station.ssid +
+                                                              " " + station.ifname);
+                                         }),
                   0);
         return result;
     }
@@ -43,8 +43,8 @@ TEST_F(DriverStationTest, ClientsOfAnEnterpriseVapAreMarked) {
     kernel.interface("wlan0-va0").stations.resize(1);
     std::vector<bool> marks;
     const auto note = [&](const rrm_sta_s& station) { marks.push_back(station.is_enterprise); };
-    driver.get_assoclist("wlan0", note);
-    driver.get_assoclist("wlan1", note);
+    driver().get_assoclist("wlan0", note);
+    driver().get_assoclist("wlan1", note);
     EXPECT_THAT(marks, ElementsAre(false, true));
 }
 
@@ -67,22 +67,22 @@ TEST_F(DriverStationTest, AFailingVapDoesNotHideTheOthersClients) {
 }
 
 TEST_F(DriverStationTest, WithHostapdDownNobodyIsAsked) {
-    driver.set_hostapd_initialized(false);
+    driver().set_hostapd_initialized(false);
     EXPECT_THAT(clients("wlan0"), IsEmpty());
-    EXPECT_EQ(driver.get_tx_power("wlan0"), 16);
-    EXPECT_EQ(driver.send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
-    EXPECT_EQ(driver.set_vexor_roam_attempt_timeout("wlan0", 5), 0);
-    EXPECT_FALSE(driver.get_status("wlan0"));
+    EXPECT_EQ(driver().get_tx_power("wlan0"), 16);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
+    EXPECT_EQ(driver().set_vexor_roam_attempt_timeout("wlan0", 5), 0);
+    EXPECT_FALSE(driver().get_status("wlan0"));
     EXPECT_THAT(kernel.calls(), IsEmpty());
     EXPECT_THAT(tools.lines(), IsEmpty());
 }
 
 TEST_F(DriverStationTest, WhileTheProcessStopsNobodyIsAsked) {
-    run = false;
+    run_flag = false;
     EXPECT_THAT(clients("wlan0"), IsEmpty());
-    EXPECT_EQ(driver.get_tx_power("wlan0"), 16);
-    EXPECT_EQ(driver.set_vexor_roam_attempt_timeout("wlan0", 5), 0);
-    EXPECT_FALSE(driver.get_status("wlan0"));
+    EXPECT_EQ(driver().get_tx_power("wlan0"), 16);
+    EXPECT_EQ(driver().set_vexor_roam_attempt_timeout("wlan0", 5), 0);
+    EXPECT_FALSE(driver().get_status("wlan0"));
     EXPECT_THAT(kernel.calls(), IsEmpty());
 }
 
@@ -91,27 +91,27 @@ TEST_F(DriverStationTest, ADisabledRadioIsNotAsked) {
     refresh();
     kernel.interface("wlan0-va0").stations.resize(1);
     EXPECT_THAT(clients("wlan0"), IsEmpty());
-    EXPECT_EQ(driver.send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
-    EXPECT_EQ(driver.set_vexor_roam_attempt_timeout("wlan0", 5), 0);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
+    EXPECT_EQ(driver().set_vexor_roam_attempt_timeout("wlan0", 5), 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
 }
 
 TEST_F(DriverStationTest, NamesOfNoRadioAreHarmless) {
     for (const char* ifname : {static_cast<const char*>(nullptr), "", "eth0", "wlan9", "wlan-1"}) {
         EXPECT_THAT(clients(ifname), IsEmpty());
-        EXPECT_EQ(driver.send_bsstrans_request(ifname, "00:01:02:03:04:05", 0), 0);
-        EXPECT_EQ(driver.set_vexor_roam_attempt_timeout(ifname, 5), 0);
-        EXPECT_EQ(driver.get_tx_power(ifname), 16);
-        EXPECT_EQ(driver.get_obss_coex(ifname), 0);
-        EXPECT_FALSE(driver.get_status(ifname));
+        EXPECT_EQ(driver().send_bsstrans_request(ifname, "00:01:02:03:04:05", 0), 0);
+        EXPECT_EQ(driver().set_vexor_roam_attempt_timeout(ifname, 5), 0);
+        EXPECT_EQ(driver().get_tx_power(ifname), 16);
+        EXPECT_EQ(driver().get_obss_coex(ifname), 0);
+        EXPECT_FALSE(driver().get_status(ifname));
     }
 }
 
 // --- moving clients ---
 
 TEST_F(DriverStationTest, AsksAClientToMoveOnItsVap) {
-    EXPECT_EQ(driver.send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 9), 0);
-    EXPECT_EQ(driver.send_bsstrans_request("wlan1-va0", "00:01:02:03:04:06", 9), 0);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 9), 0);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan1-va0", "00:01:02:03:04:06", 9), 0);
     EXPECT_THAT(kernel.interface("wlan0-va0").asked_to_move,
                 ElementsAre(FakeKernel::Mac{0, 1, 2, 3, 4, 5}));
     EXPECT_THAT(kernel.interface("wlan1-va0").asked_to_move,
@@ -119,13 +119,13 @@ TEST_F(DriverStationTest, AsksAClientToMoveOnItsVap) {
 }
 
 TEST_F(DriverStationTest, AMalformedClientAddressSendsNothing) {
-    EXPECT_EQ(driver.send_bsstrans_request("wlan0-va0", "00:01:02:03:04:0x", 0), 0);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan0-va0", "00:01:02:03:04:0x", 0), 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
 }
 
 TEST_F(DriverStationTest, AClientThatTheDriverDoesNotKnowIsNoFailure) {
     kernel.fail(FakeKernel::RTL8192CD_BSSTRANS, ENOENT);
-    EXPECT_EQ(driver.send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
+    EXPECT_EQ(driver().send_bsstrans_request("wlan0-va0", "00:01:02:03:04:05", 0), 0);
 }
 
 TEST_F(DriverStationTest, EveryEnabledVapGetsTheRoamAttemptTimeout) {
@@ -133,10 +133,10 @@ TEST_F(DriverStationTest, EveryEnabledVapGetsTheRoamAttemptTimeout) {
     add_vap("wlan0-va4", "off", false);
     vaultd.set("/interface/wlan0-va4/common/enabled", "false");
     refresh();
-    EXPECT_EQ(driver.set_vexor_roam_attempt_timeout("wlan0", 30), 0);
+    EXPECT_EQ(driver().set_vexor_roam_attempt_timeout("wlan0", 30), 0);
     EXPECT_THAT(kernel.history(), ElementsAre("wlan0-va0 set roam_attempt_timeout=30",
                                               "wlan0-va3 set roam_attempt_timeout=30"));
-    EXPECT_EQ(driver.set_vexor_roam_attempt_timeout("wlan1", 30), 0);
+    EXPECT_EQ(driver().set_vexor_roam_attempt_timeout("wlan1", 30), 0);
     EXPECT_THAT(tools.lines(), ElementsAre("iwpriv wlan1-va0 set_mib roam_attempt_timeout=30"));
 }
 
@@ -145,23 +145,23 @@ TEST_F(DriverStationTest, EveryEnabledVapGetsTheRoamAttemptTimeout) {
 TEST_F(DriverStationTest, ReadsThePowerInUse) {
     kernel.set_mib("wlan0", "actual_tx_power", 21);
     tools.set_mib("wlan1", "power_target", 23);
-    EXPECT_EQ(driver.get_tx_power("wlan0"), 21);
-    EXPECT_EQ(driver.get_tx_power("wlan1"), 23);
+    EXPECT_EQ(driver().get_tx_power("wlan0"), 21);
+    EXPECT_EQ(driver().get_tx_power("wlan1"), 23);
 }
 
 TEST_F(DriverStationTest, APowerThatCannotBeReadIs16) {
-    EXPECT_EQ(driver.get_tx_power("wlan0"), 16);
-    EXPECT_EQ(driver.get_tx_power("wlan1"), 16);
+    EXPECT_EQ(driver().get_tx_power("wlan0"), 16);
+    EXPECT_EQ(driver().get_tx_power("wlan1"), 16);
 }
 
 TEST_F(DriverStationTest, ReadsCoexistenceAlsoWithHostapdDown) {
-    driver.set_hostapd_initialized(false);
+    driver().set_hostapd_initialized(false);
     kernel.put_file("/proc/wlan0/mib_11n", "    coexist: 1\n");
     kernel.put_file("/proc/net/rtk_wifi6/wlan1/coex_2g_40m", "1\n");
-    EXPECT_EQ(driver.get_obss_coex("wlan0"), 1);
-    EXPECT_EQ(driver.get_obss_coex("wlan1"), 1);
+    EXPECT_EQ(driver().get_obss_coex("wlan0"), 1);
+    EXPECT_EQ(driver().get_obss_coex("wlan1"), 1);
     kernel.put_file("/proc/wlan0/mib_11n", "    coexist: 0\n");
-    EXPECT_EQ(driver.get_obss_coex("wlan0"), 0);
+    EXPECT_EQ(driver().get_obss_coex("wlan0"), 0);
 }
 
 TEST_F(DriverStationTest, AnInterfaceIsUpByTheLowestBitOfItsFlags) {
@@ -177,14 +177,14 @@ TEST_F(DriverStationTest, AnInterfaceIsUpByTheLowestBitOfItsFlags) {
                                                                {"0xfffffffffffffffff1", false}};
     for (const auto& [flags, up] : entries) {
         kernel.put_file("/sys/class/net/wlan0/flags", flags);
-        EXPECT_EQ(driver.interface_is_up("wlan0"), up) << flags;
-        EXPECT_EQ(driver.get_status("wlan0"), up) << flags;
+        EXPECT_EQ(driver().interface_is_up("wlan0"), up) << flags;
+        EXPECT_EQ(driver().get_status("wlan0"), up) << flags;
     }
     EXPECT_EQ(logged(R"(debug: <interface_is_up:\d+> /sys/class/net/wlan0/flags == 0x1002)"), 2);
 }
 
 TEST_F(DriverStationTest, AMissingFlagsEntryMeansDown) {
-    EXPECT_FALSE(driver.interface_is_up("wlan5"));
+    EXPECT_FALSE(driver().interface_is_up("wlan5"));
     EXPECT_EQ(logged(R"(error: <interface_is_up:\d+> cannot open entry from sysfs)"
                      R"(\(/sys/class/net/wlan5/flags\))"),
               1);
@@ -192,7 +192,7 @@ TEST_F(DriverStationTest, AMissingFlagsEntryMeansDown) {
 
 TEST_F(DriverStationTest, AnEmptyFlagsEntryMeansDown) {
     kernel.put_file("/sys/class/net/wlan0/flags", "");
-    EXPECT_FALSE(driver.interface_is_up("wlan0"));
+    EXPECT_FALSE(driver().interface_is_up("wlan0"));
     EXPECT_EQ(logged(R"(error: <interface_is_up:\d+> cannot read entry from sysfs)"
                      R"(\(/sys/class/net/wlan0/flags\))"),
               1);
@@ -201,28 +201,28 @@ TEST_F(DriverStationTest, AnEmptyFlagsEntryMeansDown) {
 TEST_F(DriverStationTest, AnInterfaceNameNeverLeavesItsFolder) {
     kernel.put_file("/sys/class/flags", "0x1003");
     for (const std::string& ifname : unsafe_texts::interface_names())
-        EXPECT_FALSE(driver.interface_is_up(ifname)) << ifname;
+        EXPECT_FALSE(driver().interface_is_up(ifname)) << ifname;
 }
 
 // --- events and client control ---
 
 TEST_F(DriverStationTest, NoEventEverComes) {
-    EXPECT_EQ(driver.process_driver_events([](const driver_event_desc&) { FAIL(); }), 0);
+    EXPECT_EQ(driver().process_driver_events([](const driver_event_desc&) { FAIL(); }), 0);
 }
 
 TEST_F(DriverStationTest, ClientControlWithoutCounterpartHasNoEffect) {
     const LogCapture fresh;
-    EXPECT_EQ(driver.block_sta("wlan0", "mac"), 0);
-    EXPECT_EQ(driver.block_sta_data("wlan0", "mac"), 0);
-    EXPECT_EQ(driver.unblock_sta("wlan0", "mac"), 0);
-    EXPECT_EQ(driver.unblock_all_sta("wlan0"), 0);
-    EXPECT_EQ(driver.set_vexor_sta_rssi_thr_high("wlan0", 1), 0);
-    EXPECT_EQ(driver.set_vexor_sta_rssi_thr_low("wlan0", 1), 0);
-    EXPECT_EQ(driver.probsup_find("wlan0", "mac"), 0);
-    EXPECT_EQ(driver.probsup_rrm_max_age("wlan0", 1), 0);
-    EXPECT_EQ(driver.probsup_rrm_client_try_no_balance("wlan0", 1), 0);
-    EXPECT_EQ(driver.rssi_renew_interval("wlan0", 1), 0);
-    EXPECT_EQ(driver.disassoc_sta("wlan0", "mac"), 0);
+    EXPECT_EQ(driver().block_sta("wlan0", "mac"), 0);
+    EXPECT_EQ(driver().block_sta_data("wlan0", "mac"), 0);
+    EXPECT_EQ(driver().unblock_sta("wlan0", "mac"), 0);
+    EXPECT_EQ(driver().unblock_all_sta("wlan0"), 0);
+    EXPECT_EQ(driver().set_vexor_sta_rssi_thr_high("wlan0", 1), 0);
+    EXPECT_EQ(driver().set_vexor_sta_rssi_thr_low("wlan0", 1), 0);
+    EXPECT_EQ(driver().probsup_find("wlan0", "mac"), 0);
+    EXPECT_EQ(driver().probsup_rrm_max_age("wlan0", 1), 0);
+    EXPECT_EQ(driver().probsup_rrm_client_try_no_balance("wlan0", 1), 0);
+    EXPECT_EQ(driver().rssi_renew_interval("wlan0", 1), 0);
+    EXPECT_EQ(driver().disassoc_sta("wlan0", "mac"), 0);
     EXPECT_THAT(
         fresh.lines(),
         ElementsAre(

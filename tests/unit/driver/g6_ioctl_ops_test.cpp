@@ -1,5 +1,5 @@
+#include "driver_fixture.h"
 #include "platform-specific/realtek_ioctl_ops_g6.h"
-#include "radio_fixture.h"
 #include "unsafe_texts.h"
 
 namespace {
@@ -8,7 +8,7 @@ using call_faults::NoPipe;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class G6Test : public RadioTest {
+class G6Test : public DriverTest {
   protected:
     G6Test() { kernel.add_interface("wlan1"); }
 
@@ -27,7 +27,7 @@ class G6Test : public RadioTest {
     }
 
     const libhubd::MacAddr bssid = libhubd::MacAddr::from_str("00:1A:2b:3c:4d:5e");
-    g6_ioctl_ops ops{driver, "wlan1"};
+    g6_ioctl_ops ops{driver(), "wlan1"};
 };
 
 // --- MIBs ---

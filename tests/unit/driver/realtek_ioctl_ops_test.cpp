@@ -1,11 +1,11 @@
 // What both chip families do alike: everything that goes through the vendor command channel.
 #include "platform-specific/realtek_ioctl_ops.h"
 
+#include "driver_fixture.h"
 #include "platform-specific/ioctl_ops_factory.h"
 #include "platform-specific/realtek_ioctl_ops_g6.h"
 #include "platform-specific/realtek_ioctl_ops_rtl8192cd.h"
 #include "platform-specific/rrm_sta_realtek.h"
-#include "radio_fixture.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ struct Family<g6_ioctl_ops> {
 };
 
 template <typename Ops>
-class BothFamilies : public RadioTest {
+class BothFamilies : public DriverTest {
   protected:
     BothFamilies() { kernel.add_interface("wlan0"); }
 
@@ -83,7 +83,7 @@ class BothFamilies : public RadioTest {
         return Ops{owner, "wlan0"};
     }
 
-    Ops ops{this->driver, "wlan0"};
+    Ops ops{this->driver(), "wlan0"};
 };
 
 using Families = ::testing::Types<rtl8192cd_ioctl_ops, g6_ioctl_ops>;
@@ -95,13 +95,13 @@ TYPED_TEST(BothFamilies, IsReadyWithASocket) {
     EXPECT_TRUE(this->ops.is_ready());
     this->ops.reset();
     EXPECT_FALSE(this->ops.is_ready());
-    EXPECT_EQ(this->ops.assign(this->driver, "wlan0"), 0);
+    EXPECT_EQ(this->ops.assign(this->driver(), "wlan0"), 0);
     EXPECT_TRUE(this->ops.is_ready());
 }
 
 TYPED_TEST(BothFamilies, ReportsASocketThatCannotBeOpened) {
     const NoSocket fault;
-    EXPECT_EQ(this->ops.assign(this->driver, "wlan0"), -1);
+    EXPECT_EQ(this->ops.assign(this->driver(), "wlan0"), -1);
     EXPECT_FALSE(this->ops.is_ready());
     EXPECT_EQ(this->logged(R"(error: <assign:\d+> cannot create socket for the ioctl )"
                            R"(call\(errno = Too many open files\))"),
@@ -109,7 +109,7 @@ TYPED_TEST(BothFamilies, ReportsASocketThatCannotBeOpened) {
 }
 
 TYPED_TEST(BothFamilies, ACommandWithoutSocketAnswersMinusTwoWithoutAllocating) {
-    TypeParam other = this->without_socket(this->driver);
+    TypeParam other = this->without_socket(this->driver());
     const NoMemory fault;  // would turn the answer into -1
     EXPECT_EQ(other.stop_scan(), -2);
     EXPECT_EQ(this->logged(R"(warning: <execute:\d+> socket is not created for action by ioctl)"),
@@ -119,13 +119,13 @@ TYPED_TEST(BothFamilies, ACommandWithoutSocketAnswersMinusTwoWithoutAllocating) 
 
 TYPED_TEST(BothFamilies, CanBePointedAtAnotherInterface) {
     this->kernel.add_interface("wlan0-va3");
-    EXPECT_EQ(this->ops.assign(this->driver, "wlan0-va3"), 0);
+    EXPECT_EQ(this->ops.assign(this->driver(), "wlan0-va3"), 0);
     EXPECT_EQ(this->ops.stop_scan(), 0);
     EXPECT_EQ(this->kernel.calls().at(0).ifname, "wlan0-va3");
 }
 
 TYPED_TEST(BothFamilies, CutsAnInterfaceNameThatIsTooLong) {
-    this->ops.assign(this->driver, std::string(300, 'w'));
+    this->ops.assign(this->driver(), std::string(300, 'w'));
     EXPECT_EQ(this->ops.stop_scan(), -1);
     EXPECT_EQ(this->kernel.calls().at(0).ifname, std::string(15, 'w'));
 }
@@ -323,7 +323,7 @@ TYPED_TEST(BothFamilies, ClampsACountOfNeighboursThatTheBufferCannotHold) {
 // --- RRM scans ---
 
 TYPED_TEST(BothFamilies, AnRrmScanWithoutSocketAnswersMinusTwo) {
-    TypeParam other = this->without_socket(this->driver);
+    TypeParam other = this->without_socket(this->driver());
     EXPECT_EQ(other.start_rrm_scan(6, "wlan0"), -2);
     EXPECT_EQ(
         this->logged(R"(warning: <start_rrm_scan:\d+> socket is not created for action by ioctl)"),
@@ -488,7 +488,7 @@ TYPED_TEST(BothFamilies, AMoveOnAnEndlessInterfaceNameCarries16Characters) {
 }
 
 TYPED_TEST(BothFamilies, AMoveNeedsNoSocketOfTheBackEnd) {
-    TypeParam other = this->without_socket(this->driver);
+    TypeParam other = this->without_socket(this->driver());
     EXPECT_EQ(other.send_bsstrans_request("wlan0", "001a2b3c4d5e", 0), 0);
     EXPECT_EQ(this->radio().asked_to_move.size(), 1U);
 }
@@ -499,8 +499,8 @@ TYPED_TEST(BothFamilies, ClosesEverySocketItOpens) {
         return std::distance(begin(all), end(all));
     };
     const auto use_once = [this] {
-        TypeParam other{this->driver, "wlan0"};
-        other.assign(this->driver, "wlan0");
+        TypeParam other{this->driver(), "wlan0"};
+        other.assign(this->driver(), "wlan0");
         other.stop_scan();
         other.send_bsstrans_request("wlan0", "001a2b3c4d5e", 0);
         std::int32_t value = 0;
@@ -515,33 +515,33 @@ TYPED_TEST(BothFamilies, ClosesEverySocketItOpens) {
 
 // --- the factory ---
 
-class FactoryTest : public RadioTest {};
+class FactoryTest : public DriverTest {};
 
 TEST_F(FactoryTest, MakesTheBackEndOfAFamily) {
-    const auto first = ioctl_ops_factory::get(RTL8192CD, driver, "wlan0");
+    const auto first = ioctl_ops_factory::get(RTL8192CD, driver(), "wlan0");
     EXPECT_NE(dynamic_cast<rtl8192cd_ioctl_ops*>(first.get()), nullptr);
-    const auto second = ioctl_ops_factory::get(G6, driver, "wlan0");
+    const auto second = ioctl_ops_factory::get(G6, driver(), "wlan0");
     EXPECT_NE(dynamic_cast<g6_ioctl_ops*>(second.get()), nullptr);
 }
 
 TEST_F(FactoryTest, MakesNothingForAnUnknownFamily) {
-    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(2), driver, "wlan0"), nullptr);
-    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(-1), driver, "wlan0"), nullptr);
+    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(2), driver(), "wlan0"), nullptr);
+    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(-1), driver(), "wlan0"), nullptr);
 }
 
 TEST_F(FactoryTest, KnowsTheFamilyByTheNameBeforeTheDash) {
-    EXPECT_EQ(driver.get_ioctl_type("wlan1-va3"), G6);
-    EXPECT_EQ(driver.get_ioctl_type("wlan0-va3"), RTL8192CD);
+    EXPECT_EQ(driver().get_ioctl_type("wlan1-va3"), G6);
+    EXPECT_EQ(driver().get_ioctl_type("wlan0-va3"), RTL8192CD);
 }
 
 TEST_F(FactoryTest, TakesANameWithoutADashWhole) {
-    EXPECT_EQ(driver.get_ioctl_type("wlan1"), G6);
-    EXPECT_EQ(driver.get_ioctl_type("wlan1x"), RTL8192CD);
+    EXPECT_EQ(driver().get_ioctl_type("wlan1"), G6);
+    EXPECT_EQ(driver().get_ioctl_type("wlan1x"), RTL8192CD);
 }
 
 TEST_F(FactoryTest, TakesTheOlderFamilyWithoutAName) {
-    EXPECT_EQ(driver.get_ioctl_type(""), RTL8192CD);
-    EXPECT_EQ(driver.get_ioctl_type(nullptr), RTL8192CD);
+    EXPECT_EQ(driver().get_ioctl_type(""), RTL8192CD);
+    EXPECT_EQ(driver().get_ioctl_type(nullptr), RTL8192CD);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
+#include "driver_fixture.h"
 #include "platform-specific/realtek_ioctl_ops_rtl8192cd.h"
-#include "radio_fixture.h"
 #include "unsafe_texts.h"
 
 namespace {
@@ -10,7 +10,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-class Rtl8192cdTest : public RadioTest {
+class Rtl8192cdTest : public DriverTest {
   protected:
     Rtl8192cdTest() { kernel.add_interface("wlan0"); }
 
@@ -25,7 +25,7 @@ class Rtl8192cdTest : public RadioTest {
     }
 
     const libhubd::MacAddr bssid = libhubd::MacAddr::from_str("00:1A:2b:3c:4d:5e");
-    rtl8192cd_ioctl_ops ops{driver, "wlan0"};
+    rtl8192cd_ioctl_ops ops{driver(), "wlan0"};
 };
 
 // --- MIBs ---
@@ -57,7 +57,7 @@ TEST_F(Rtl8192cdTest, RefusesAMibTextThatTheRequestCannotMeasure) {
 
 TEST_F(Rtl8192cdTest, WithoutASocketNoMibIsSetOrRead) {
     const NoSocket fault;
-    ops.assign(driver, "wlan0");
+    ops.assign(driver(), "wlan0");
     std::int32_t value = 16;
     EXPECT_EQ(ops.set_mib("n", "1", "wlan0"), -1);
     EXPECT_EQ(ops.get_mib("n", std::as_writable_bytes(std::span{&value, 1}), "wlan0"), -1);
