@@ -31,7 +31,7 @@ inline constexpr std::size_t wpa_cli_command_size = 1024;
                                                                 const char* format, ...);
 
 // Writes one text to a procfs entry; false when it cannot be opened. One that does not take the
-// text is an error line and no failure: a driver may take a command and say otherwise.
+// text is a debug line and no failure: a driver may take a command and say otherwise.
 [[nodiscard]] bool write_entry(const std::string& path, std::string_view text);
 
 // A child of popen(3); closing waits for its end.

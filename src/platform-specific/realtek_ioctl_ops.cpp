@@ -49,12 +49,12 @@ void fill_capacity(vexor_command& record, int factor, unsigned size) {
     record.scan_result.size = scan_result_s::aps::capacity(factor, size);
 }
 
-// Channels as the record carries them, ascending. Left out is what does not fit 16 bits and what
-// the record has no room for.
+// Channels as the record carries them, in the order of their numbers: the low 16 bits of each. Left
+// out is what the record has no room for.
 std::vector<std::uint16_t> scan_channels(const std::set<unsigned>& channels) {
     std::vector<std::uint16_t> result;
     for (const unsigned channel : channels)
-        if (channel <= UINT16_MAX && result.size() < vexor_custom_scan_s::channels::room)
+        if (result.size() < vexor_custom_scan_s::channels::room)
             result.push_back(static_cast<std::uint16_t>(channel));
     return result;
 }
@@ -213,10 +213,8 @@ int realtek_ioctl_ops::start_rrm_scan(unsigned channel, const std::string& ifnam
 }
 
 int realtek_ioctl_ops::stop_rrm_scan(const std::string& ifname) {
-    if (!is_ready()) {
-        trace.warn("<%s:%d> socket is not created for action by ioctl\n", __func__, __LINE__);
+    if (!is_ready())
         return -2;
-    }
     const int result = set_mib("rrm_scan_chan", "0", ifname);
     if (result != 0)
         trace.error("<%s:%d> cannot stop RRM scanning\n", __func__, __LINE__);

@@ -200,10 +200,16 @@ TYPED_TEST(BothFamilies, StartsAScanOfAllChannelsByACountOfZero) {
     this->expect_record(Bytes{}.word(0).word(0));
 }
 
-TYPED_TEST(BothFamilies, LeavesOutAChannelNumberBeyond16Bits) {
-    EXPECT_EQ(this->ops.start_scan({11, 65535, 65536, 4000000000}), 0);
-    this->expect_record(Bytes{}.word(0).word(2).half(11).half(65535));
-    EXPECT_EQ(this->logged(R"(error: <start_scan:\d+> 2 of 4 channels do not fit the command)"), 1);
+TYPED_TEST(BothFamilies, CarriesTheLow16BitsOfAChannelNumberInTheOrderOfTheNumbers) {
+    EXPECT_EQ(this->ops.start_scan({11, 65535, 65536, 70000, 4000000000}), 0);
+    this->expect_record(
+        Bytes{}.word(0).word(5).half(11).half(65535).half(0).half(4464).half(10240));
+    EXPECT_EQ(this->errors(), 0);
+}
+
+TYPED_TEST(BothFamilies, AChannelNumberBeyond16BitsNeverAsksForAllChannels) {
+    EXPECT_EQ(this->ops.start_scan({70000}), 0);
+    this->expect_record(Bytes{}.word(0).word(1).half(4464));
 }
 
 TYPED_TEST(BothFamilies, SendsAsManyChannelsAsTheCommandHolds) {
@@ -328,7 +334,9 @@ TYPED_TEST(BothFamilies, AnRrmScanWithoutSocketAnswersMinusTwo) {
     EXPECT_EQ(
         this->logged(R"(warning: <start_rrm_scan:\d+> socket is not created for action by ioctl)"),
         1);
+    const LogCapture fresh;
     EXPECT_EQ(other.stop_rrm_scan("wlan0"), -2);
+    EXPECT_THAT(fresh.lines(), IsEmpty());
     EXPECT_THAT(this->kernel.calls(), IsEmpty());
     EXPECT_THAT(this->tools.lines(), IsEmpty());
 }
