@@ -1,7 +1,8 @@
-// Failures of system calls that a test cannot bring about otherwise. Each holds while its object
-// lives.
+// Failures of calls that a test cannot bring about otherwise. Each holds while its object lives.
 #ifndef TESTS_CALL_FAULTS_H
 #define TESTS_CALL_FAULTS_H
+
+#include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,6 +14,7 @@ extern std::atomic<int> socket_error;
 extern std::atomic<int> popen_error;
 extern std::atomic<int> fwrite_error;
 extern std::atomic<int> memory_error;  // of new (std::nothrow) T[n]
+extern std::atomic<int> json_error;    // of json_object_new_object()
 
 class Fault {
   public:
@@ -36,6 +38,24 @@ struct NoRoom : Fault {
 };
 struct NoMemory : Fault {
     NoMemory() : Fault(memory_error, ENOMEM) {}
+};
+struct NoJsonObject : Fault {
+    NoJsonObject() : Fault(json_error, ENOMEM) {}
+};
+
+// While it lives, select(2) answers this thread with `result` at once and is noted.
+class SelectSpy {
+  public:
+    explicit SelectSpy(int result);
+    ~SelectSpy();
+    SelectSpy(const SelectSpy&) = delete;
+    SelectSpy& operator=(const SelectSpy&) = delete;
+
+    int result;
+    int calls = 0;
+    int descriptors = -1;  // of the last call, as the rest
+    bool has_sets = true;
+    timeval limit{-1, -1};
 };
 
 }  // namespace call_faults

@@ -40,6 +40,19 @@ TEST_F(DriverChannelTest, EveryQuarterOf80MhzHasItsPrimaryChannel) {
     EXPECT_EQ(driver().chanspec_channel(0x1800 | 0x200 | 38), 38);
 }
 
+TEST_F(DriverChannelTest, AFortyMhzChanspecIsLowerUnlessItsSubBandIsUpper) {
+    for (const unsigned sub_band : {0x000U, 0x200U, 0x300U, 0x500U})
+        EXPECT_STREQ(driver().chanspec_primary(0x1800 | sub_band | 38), "lower") << sub_band;
+    EXPECT_EQ(driver().chanspec_channel(0x1800 | 0x500 | 38), 38);
+    EXPECT_EQ(driver().chanspec_channel(0x2000 | 0x700 | 42), 42);
+}
+
+TEST_F(DriverChannelTest, TheBandIsThatOfThePrimaryChannel) {
+    EXPECT_EQ(driver().chanspec_band(0x1800 | 31), 2);
+    EXPECT_EQ(driver().chanspec_band(0x1800 | 0x100 | 28), 5);
+    EXPECT_EQ(driver().chanspec_band(0x2000 | 35), 2);
+}
+
 TEST_F(DriverChannelTest, NoBandwidthBitsReadAs20MhzWithAWarning) {
     EXPECT_EQ(driver().chanspec_bw(36), 20);
     EXPECT_TRUE(log.contains("warning: <chanspec_bw:"));
@@ -187,6 +200,18 @@ TEST_F(AvailableChannelsTest, TheConfiguredLimitReplacesThem) {
     EXPECT_EQ(filled("wlan0"), "14 ");
     vaultd.set("/interface/wlan0/wlan/radio/limit-channels", "  11   1  ");
     EXPECT_EQ(filled("wlan0"), "1 11 ");
+}
+
+TEST_F(AvailableChannelsTest, ALimitOfBlanksReplacesThemByNone) {
+    vaultd.set("/interface/wlan0/wlan/radio/use-limit-channels", "true");
+    vaultd.set("/interface/wlan0/wlan/radio/limit-channels", "  ");
+    EXPECT_EQ(filled("wlan0"), "");
+}
+
+TEST_F(AvailableChannelsTest, APieceOfALimitThatIsNoNumberIsChannelZero) {
+    vaultd.set("/interface/wlan0/wlan/radio/use-limit-channels", "true");
+    vaultd.set("/interface/wlan0/wlan/radio/limit-channels", "1 x 6y");
+    EXPECT_EQ(filled("wlan0"), "0 1 6 ");
 }
 
 TEST_F(AvailableChannelsTest, AnEmptyOrUnusedLimitDoesNot) {

@@ -84,7 +84,8 @@ TEST_F(DriverConfigTest, EveryReadIsLoggedWithItsPathAndValue) {
 
 TEST_F(DriverConfigTest, MixedSecurityIsNotWpa2OrWpa3) {
     const std::map<std::string, bool> modes{
-        {"WPA_WPA2_PSK", false}, {"WPA2_PSK", true}, {"WPA3_SAE", true}, {"OPEN", false}};
+        {"WPA_WPA2_PSK", false}, {"WPA2_PSK", true}, {"WPA3_SAE", true}, {"OPEN", false},
+        {"WPA_WPA3_SAE", false}, {"WPA_PSK", false}, {"WPA2", true},     {"WPA3", true}};
     for (const auto& [mode, expected] : modes) {
         vaultd.set(vap_path("/vap/ap-security/mode"), mode);
         EXPECT_EQ(ready.is_wpa23_vap("wlan0-va2"), expected) << mode;
@@ -191,6 +192,22 @@ TEST_F(PowerRangeTest, ThePowerRangeIsChosenByBandWhateverTheName) {
 TEST_F(PowerRangeTest, HalfAPowerRangeIsNone) {
     vaultd.set(radio_path("tx-power-max"), "20");
     EXPECT_EQ(tx_power(BAND_2G), (range{11, 16}));
+    vaultd.erase(radio_path("tx-power-max"));
+    vaultd.set(radio_path("tx-power-min"), "5");
+    EXPECT_EQ(tx_power(BAND_2G), (range{11, 16}));
+}
+
+TEST_F(PowerRangeTest, ThePowerRangeIsThatOfTheFirstRadioOfTheBand) {
+    vaultd.set(radio_path("tx-power-max", "wlan0"), "20");
+    vaultd.set(radio_path("tx-power-min", "wlan0"), "5");
+    vaultd.set(radio_path("tx-power-max", "wlan1"), "23");
+    vaultd.set(radio_path("tx-power-min", "wlan1"), "-2");
+    tools.set_mib("wlan1", "chanspec", LWLIO_CHANSPEC_BW_20 | 11);
+    ready.set_vapcontext();
+    EXPECT_EQ(tx_power(BAND_2G, "wlan1"), (range{5, 20}));
+    set_down("wlan0");
+    ready.set_vapcontext();
+    EXPECT_EQ(tx_power(BAND_2G, "wlan1"), (range{-2, 23}));
 }
 
 TEST_F(PowerRangeTest, ABandThatNoRadioWorksOnHasTheDefaultPowerRange) {
@@ -206,6 +223,14 @@ TEST_F(PowerRangeTest, TheEirpRangeIsReadOfTheInterface) {
     EXPECT_EQ(eirp("wlan0"), (range{0, 100}));
     EXPECT_TRUE(log.contains("debug: <get_min_max_eirp:"));
     EXPECT_TRUE(log.contains("> eirp_min == 10 eirp_max == 30"));
+}
+
+TEST_F(PowerRangeTest, HalfAnEirpRangeIsNone) {
+    vaultd.set(radio_path("eirp-max"), "30");
+    EXPECT_EQ(eirp("wlan0"), (range{0, 100}));
+    vaultd.erase(radio_path("eirp-max"));
+    vaultd.set(radio_path("eirp-min"), "10");
+    EXPECT_EQ(eirp("wlan0"), (range{0, 100}));
 }
 
 TEST_F(PowerRangeTest, RangesAreTheDefaultsUnlessLive) {
@@ -255,6 +280,14 @@ TEST_F(AntennaTest, AConfiguredAntennaMayBeAKnownOne) {
                    R"({"antennas": [{"name": "dish", "antenna-gain": 120, "cable-loss": 19}]})");
     vaultd.set(radio_path("antenna-configuration", "wlan1"), R"({"name": "dish"})");
     EXPECT_EQ(antenna("wlan1"), "12/1");
+}
+
+TEST_F(AntennaTest, AConfigurationWithoutANameIsACustomOne) {
+    platform.write("antennas.json",
+                   R"({"antennas": [{"name": "", "antenna-gain": 120, "cable-loss": 19}]})");
+    vaultd.set(radio_path("antenna-configuration", "wlan1"),
+               R"({"antenna-gain": 47, "cable-loss": 29})");
+    EXPECT_EQ(antenna("wlan1"), "4/2");
 }
 
 TEST_F(AntennaTest, WithoutAConfigurationTheFiguresAreZero) {

@@ -4,6 +4,7 @@
 
 #include "driver_fixture.h"
 #include "json_writer.h"
+#include "text.h"
 
 namespace {
 
@@ -37,6 +38,23 @@ TEST_F(DriverContextTest, FactoryDataIsTakenOver) {
 TEST_F(DriverContextTest, LongFactoryTextsAreCutAndTerminated) {
     platform.write("factory.json", R"({"serial": ")" + std::string(50, 's') + R"("})");
     EXPECT_EQ(driver().get_factory().serial, std::string(31, 's'));
+}
+
+TEST_F(DriverContextTest, EveryFactoryTextHasAtMost31CharactersAndANul) {
+    for (const std::size_t length : {31U, 32U, 33U}) {
+        platform.write("factory.json", R"({"board": ")" + std::string(length, 'b') +
+                                           R"(", "hw": ")" + std::string(length, 'h') +
+                                           R"(", "serial": ")" + std::string(length, 's') +
+                                           R"(", "mac": ")" + std::string(length, 'm') + R"("})");
+        const driver_realtek fresh{run_flag};
+        const lumd_factory_t& data = fresh.get_factory();
+        const auto whole = [](const char(&field)[32]) { return std::string(field, sizeof field); };
+        const auto full = [](char c) { return std::string(31, c) + '\0'; };
+        EXPECT_EQ(whole(data.board), full('b')) << length;
+        EXPECT_EQ(whole(data.hw), full('h')) << length;
+        EXPECT_EQ(whole(data.serial), full('s')) << length;
+        EXPECT_EQ(whole(data.mac), full('m')) << length;
+    }
 }
 
 TEST_F(DriverContextTest, VapMacsCountFromTheBaseMac) {
@@ -253,6 +271,32 @@ TEST_F(DriverContextTest, WidsOnAllRadiosIsSentryModeAndReadsNoVap) {
     EXPECT_FALSE(log.contains(" vap..."));
 }
 
+TEST_F(DriverContextTest, SentryModeEndsWithTheReadingThatFindsNone) {
+    set_wids("all");
+    driver_realtek& ready = ready_driver();
+    ASSERT_TRUE(ready.is_guardd_sentry_mode());
+    set_wids("wlan1");
+    ready.set_vapcontext();
+    EXPECT_FALSE(ready.is_guardd_sentry_mode());
+    set_wids("all");
+    ready.set_vapcontext();
+    ASSERT_TRUE(ready.is_guardd_sentry_mode());
+    vaultd.set("/wids/enabled", "false");
+    ready.set_vapcontext();
+    EXPECT_FALSE(ready.is_guardd_sentry_mode());
+}
+
+TEST_F(DriverContextTest, SentryModeOutlastsAClosedContextAndAReadingThatIsNotMade) {
+    set_wids("all");
+    driver_realtek& ready = ready_driver();
+    ready.close_vapcontext();
+    EXPECT_TRUE(ready.is_guardd_sentry_mode());
+    vaultd.set("/wids/enabled", "false");
+    run_flag = false;
+    ready.set_vapcontext();
+    EXPECT_TRUE(ready.is_guardd_sentry_mode());
+}
+
 TEST_F(DriverContextTest, AWidsRadioStaysOneUntilTheContextIsClosed) {
     vaultd.set("/wids/enabled", "true");
     vaultd.set("/wids/scan-mode", "sentry");
@@ -342,6 +386,51 @@ TEST_F(DriverContextTest, ClosingForgetsAllButNamesMacsAndCountry) {
     EXPECT_EQ(ready.get_mac_offset(1), 8);
 }
 
+TEST_F(DriverContextTest, ClosingSetsBackEveryFieldOfEveryRadioAndVapButWhatNamesThem) {
+    driver();
+    for (const int number : {0, 1}) {
+        interface_context& radio = *driver().get_radio(number);
+        radio.status = radio.wds_status = radio.wids_status = true;
+        radio.coex_status = radio.auto_channel = true;
+        radio.country = "FI";
+        radio.tx_power_max = 1;
+        radio.tx_power_min = 2;
+        radio.eirp_max = 3;
+        radio.eirp_min = 4;
+        radio.antenna_config = {5, 6};
+        radio.config_spec = 7;
+        radio.band = BAND_5G;
+        for (vap_context& vap : radio.vap) {
+            vap.ssid = "lobby";
+            vap.cp_vap = vap.status = vap.enterprise_vap = vap.rrm_vap = true;
+        }
+    }
+    driver().close_vapcontext();
+    for (const int number : {0, 1}) {
+        const interface_context& radio = *driver().get_radio(number);
+        EXPECT_FALSE(radio.status || radio.wds_status || radio.wids_status);
+        EXPECT_FALSE(radio.coex_status || radio.auto_channel);
+        EXPECT_EQ(radio.tx_power_max, 16);
+        EXPECT_EQ(radio.tx_power_min, 11);
+        EXPECT_EQ(radio.eirp_max, 100);
+        EXPECT_EQ(radio.eirp_min, 0);
+        EXPECT_EQ(radio.antenna_config.ant_gain, 0);
+        EXPECT_EQ(radio.antenna_config.cable_loss, 0);
+        EXPECT_EQ(radio.config_spec, 0U);
+        EXPECT_EQ(radio.band, BAND_NONE);
+        EXPECT_EQ(radio.ifname, "wlan" + std::to_string(number));
+        EXPECT_EQ(radio.country, "FI");
+        EXPECT_EQ(radio.mac_offset, 8 * number);
+        EXPECT_EQ(radio.radio_mac_count, 8);
+        for (const vap_context& vap : radio.vap) {
+            EXPECT_EQ(vap.ssid, "");
+            EXPECT_FALSE(vap.cp_vap || vap.status || vap.enterprise_vap || vap.rrm_vap);
+            EXPECT_THAT(vap.ifname, testing::StartsWith(radio.ifname + "-va"));
+            EXPECT_THAT(vap.mac, testing::StartsWith("00:11:22:33:44:5"));
+        }
+    }
+}
+
 TEST_F(DriverContextTest, WdsNeedsTheSwitchAndALink) {
     vaultd.set("/interface/wlan0-wds7/common/enabled", "true");
     EXPECT_FALSE(driver().get_wds_enabled("wlan0"));
@@ -382,6 +471,60 @@ TEST_F(DriverContextTest, TheSameHoldsOnceTheRunFlagIsClear) {
     EXPECT_FALSE(ready.is_enabled(0));
     EXPECT_EQ(ready.VapIdToMac(2, 0), nullptr);
     EXPECT_FALSE(ready.get_vap_status("wlan0-va2"));
+}
+
+TEST_F(DriverContextTest, OfARadioThatWentDownNeitherBandNorVapsAreTold) {
+    add_vap("wlan0-va2", "lobby", true);
+    driver_realtek& ready = ready_driver();
+    ASSERT_TRUE(ready.is_802dot11k(0, 2));
+    set_down("wlan0");
+    ready.set_vapcontext();
+    EXPECT_FALSE(ready.is_enabled(0));
+    EXPECT_EQ(ready.get_radio(0)->band, BAND_2G);
+    EXPECT_FALSE(ready.is_band(0, BAND_2G));
+    EXPECT_FALSE(ready.is_802dot11k(0, 2));
+    EXPECT_EQ(ready.VapIdToVap(2, 0), nullptr);
+    EXPECT_EQ(ready.VapIdToSsid(2, 0), nullptr);
+    EXPECT_EQ(ready.VapIdToMac(2, 0), nullptr);
+    EXPECT_EQ(ready.SsidToVap("lobby", 0), nullptr);
+    EXPECT_EQ(ready.SsidToVapId("lobby", 0), -1);
+    ready.get_ssidlist("wlan0", [](int, const char*, const char*, bool) { FAIL(); });
+}
+
+TEST_F(DriverContextTest, OfARadioThatWentDownTheLastFlagsAndFiguresAreTold) {
+    add_vap("wlan0-va2", "lobby");
+    set_wds("wlan0");
+    vaultd.set("/interface/wlan0/wlan/radio/auto-channel", "true");
+    vaultd.set("/interface/wlan0/wlan/radio/bandwidth", "80");
+    kernel.put_file("/proc/wlan0/mib_11n", "coexist: 1\n");
+    driver_realtek& ready = ready_driver();
+    set_wids("wlan0");
+    ready.set_vapcontext();
+    set_down("wlan0");
+    ready.set_vapcontext();
+    EXPECT_FALSE(ready.is_enabled(0));
+    EXPECT_TRUE(ready.is_wds_enabled(0));
+    EXPECT_TRUE(ready.is_wids_enabled(0));
+    EXPECT_TRUE(ready.has_enabled_vaps(0));
+    EXPECT_TRUE(ready.is_vap_enabled(0, 2));
+    EXPECT_TRUE(ready.is_obss_coex(0));
+    EXPECT_TRUE(ready.is_auto_channel(0));
+    EXPECT_EQ(ready.get_config_spec(0), 0x2000U);
+    EXPECT_EQ(ready.get_antenna_configuration(0)->ant_gain, 3);
+}
+
+TEST_F(DriverContextTest, FlagsAndFiguresOfARadioAreToldWithHostapdDownToo) {
+    vaultd.set("/interface/wlan0/wlan/radio/auto-channel", "true");
+    vaultd.set("/interface/wlan0/wlan/radio/bandwidth", "80");
+    kernel.put_file("/proc/wlan0/mib_11n", "coexist: 1\n");
+    driver_realtek& ready = ready_driver();
+    ready.set_hostapd_initialized(false);
+    EXPECT_TRUE(ready.is_obss_coex(0));
+    EXPECT_TRUE(ready.is_auto_channel(0));
+    EXPECT_EQ(ready.get_config_spec(0), 0x2000U);
+    EXPECT_EQ(ready.get_antenna_configuration(0)->ant_gain, 3);
+    EXPECT_EQ(ready.get_mac_offset(1), 8);
+    EXPECT_EQ(ready.get_radio_mac_count(1), 8);
 }
 
 TEST_F(DriverContextTest, VapsAreFoundByNumberAndBySsid) {
@@ -469,6 +612,17 @@ TEST_F(DriverContextTest, InitUnblocksTheStationsOfEveryDescribedRadio) {
     driver().set_hostapd_initialized(true);
     driver().init();
     EXPECT_EQ(log.count("unblock_all_sta: not supported"), 2);
+}
+
+TEST_F(DriverContextTest, InitEndsBothKindsOfScanTheActiveOneFirst) {
+    driver().set_hostapd_initialized(true);
+    driver().init();
+    std::vector<std::string> stops;
+    for (const std::string& line : log.lines())
+        if (contains(line, "Attempt to stop"))
+            stops.push_back(line);
+    EXPECT_THAT(stops, ElementsAre("info: Attempt to stop active scanning...",
+                                   "info: Attempt to stop RRM scanning..."));
 }
 
 TEST_F(DriverContextTest, ThereIsOneDriverPerProcess) {

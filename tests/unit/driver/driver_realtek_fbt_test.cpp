@@ -48,6 +48,30 @@ TEST_F(DriverFbtTest, ASecondStartDiscardsTheFirstStaging) {
     EXPECT_THAT(hubd.requests(), ElementsAre(R"({"command":"update-orvanta-fbt"})"));
 }
 
+TEST_F(DriverFbtTest, AVapThatIsStagedTwiceHasTheLaterParameters) {
+    driver().start_orvanta_fbt_params();
+    driver().set_orvanta_fbt_params("wlan0-va0", R"({"mobility-domain": 7, "enabled": "true"})");
+    driver().set_orvanta_fbt_params("wlan0-va1", "{}");
+    driver().set_orvanta_fbt_params("wlan0-va0", R"({"mobility-domain": 8})");
+    EXPECT_EQ(driver().finish_orvanta_fbt_params(), 0);
+    EXPECT_THAT(hubd.requests(),
+                ElementsAre(R"({"command":"update-orvanta-fbt",)"
+                            R"("wlan0-va0":{"mobility-domain":8},"wlan0-va1":{}})"));
+}
+
+TEST_F(DriverFbtTest, WithoutMemoryNothingIsStaged) {
+    driver().start_orvanta_fbt_params();
+    {
+        const call_faults::NoJsonObject fault;
+        EXPECT_EQ(driver().start_orvanta_fbt_params(), -1);
+    }
+    EXPECT_EQ(logged(R"(error: virtual int driver_realtek::start_orvanta_fbt_params\(\):\d+> )"
+                     R"(can't create json object)"),
+              1);
+    EXPECT_EQ(driver().finish_orvanta_fbt_params(), -1);
+    EXPECT_THAT(hubd.requests(), IsEmpty());
+}
+
 TEST_F(DriverFbtTest, ParametersThatAreNoJsonAreLeftOutWithAnErrorLine) {
     driver().start_orvanta_fbt_params();
     driver().set_orvanta_fbt_params("wlan0-va0", "{");
@@ -116,6 +140,18 @@ TEST_F(DriverFbtTest, AResetThatNobodyAnswersFails) {
     EXPECT_EQ(driver().reset_orvanta_fbt(UNKNOWN), -1);
     EXPECT_TRUE(log.contains("error: Error: can't reset Orvanta params"));
     EXPECT_TRUE(log.contains("error: Error: no response (__reset_orvanta_fbt)"));
+}
+
+TEST_F(DriverFbtTest, WithoutMemoryNothingIsReset) {
+    driver();
+    {
+        const call_faults::NoJsonObject fault;
+        EXPECT_EQ(driver().reset_orvanta_fbt(UNKNOWN), -1);
+    }
+    EXPECT_EQ(logged(R"(error: int driver_realtek::__reset_orvanta_fbt\(ResetOrvantaCause\) const:)"
+                     R"(\d+> can't create json object)"),
+              1);
+    EXPECT_THAT(hubd.requests(), IsEmpty());
 }
 
 TEST_F(DriverFbtTest, ARefusedResetIsLoggedButNoFailure) {

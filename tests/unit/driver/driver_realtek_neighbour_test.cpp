@@ -37,6 +37,29 @@ TEST_F(DriverNeighbourTest, UsesTheCustomListWhenAsked) {
     EXPECT_EQ(kernel.writes()[1].path, "/proc/net/rtk_wifi6/wlan1-va0/nb_report_custom");
 }
 
+TEST_F(DriverNeighbourTest, AnyNumberButZeroAsksForTheCustomList) {
+    for (const int custom : {2, -1, 256}) {
+        kernel.forget();
+        driver().set_rrm_nbr_ap_list(bssid, "home", 6, 0, custom);
+        driver().set_rrm_nbr_ap_list(bssid, "home", 36, 0, custom);
+        ASSERT_EQ(kernel.writes().size(), 2U);
+        EXPECT_EQ(kernel.writes()[0].path, "/proc/wlan0-va0/rm_neighbor_report_custom") << custom;
+        EXPECT_EQ(kernel.writes()[1].path, "/proc/net/rtk_wifi6/wlan1-va0/nb_report_custom")
+            << custom;
+    }
+}
+
+TEST_F(DriverNeighbourTest, AsksTheSsidsOwnVapFor80211k) {
+    add_vap("wlan0-va0", "home", false);
+    add_vap("wlan0-va3", "guest", true);
+    refresh();
+    driver().set_rrm_nbr_ap_list(bssid, "home", 6, 0, 0);
+    EXPECT_THAT(kernel.writes(), IsEmpty());
+    driver().set_rrm_nbr_ap_list(bssid, "guest", 6, 0, 0);
+    ASSERT_EQ(kernel.writes().size(), 1U);
+    EXPECT_EQ(kernel.writes()[0].path, "/proc/wlan0-va3/rm_neighbor_report");
+}
+
 TEST_F(DriverNeighbourTest, OffersNothingToAVapWithout80211k) {
     vaultd.set("/interface/wlan1-va0/vap/w80211kv-config/enabled", "false");
     refresh();

@@ -13,11 +13,42 @@ class DriverScanTest : public LiveDriverTest {
         return driver().start(active, channels_2, channels_5, duration);
     }
 
+    // All notices to the scan daemon so far: those before one more, as the bus keeps their order.
+    std::vector<std::string> all_scan_notices() {
+        driver().lock_scan_scand("last");
+        for (std::size_t count = 1;; ++count) {
+            std::vector<std::string> notices = scan_notices(count);
+            if (notices.size() < count)
+                throw std::runtime_error("the scan daemon hears nothing");
+            if (notices[count - 1] == "lock-scan last") {
+                notices.resize(count - 1);
+                return notices;
+            }
+        }
+    }
+
     static std::set<unsigned> channels(unsigned count) {
         std::set<unsigned> result;
         for (unsigned channel = 1; channel <= count; ++channel)
             result.insert(channel);
         return result;
+    }
+
+    // Either kind of scan has heard as many neighbours on wlan0 and wlan1.
+    void hear(std::size_t on_wlan0, std::size_t on_wlan1) {
+        for (const auto heard :
+             {&FakeKernel::Interface::heard, &FakeKernel::Interface::rrm_heard}) {
+            (kernel.interface("wlan0").*heard).resize(on_wlan0);
+            (kernel.interface("wlan1").*heard).resize(on_wlan1);
+        }
+    }
+    // The table of either kind of scan can be read and holds as many neighbours.
+    void expect_tables_of(std::size_t neighbours) {
+        ap_table table;
+        EXPECT_EQ(driver().fill_ap_table(table), 0);
+        EXPECT_EQ(table.size(), neighbours);
+        EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), 0);
+        EXPECT_EQ(table.size(), neighbours);
     }
 
     int duration = 0;
@@ -94,7 +125,7 @@ TEST_F(DriverScanTest, ASecondStartIsIgnored) {
     EXPECT_EQ(start(true, channels(13), channels(30)), 0);
     EXPECT_EQ(duration, 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
-    EXPECT_EQ(scan_notices(2).size(), 2U);
+    EXPECT_THAT(all_scan_notices(), ElementsAre("lock-scan wlan0", "lock-scan wlan1"));
 }
 
 TEST_F(DriverScanTest, WithHostapdDownNothingStartsAndNothingIsLocked) {
@@ -104,15 +135,18 @@ TEST_F(DriverScanTest, WithHostapdDownNothingStartsAndNothingIsLocked) {
     EXPECT_FALSE(driver().is_in_progress());
     EXPECT_EQ(duration, 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
-    EXPECT_THAT(bus.requests(SCANDMOD), IsEmpty());
+    EXPECT_THAT(all_scan_notices(), IsEmpty());
     EXPECT_EQ(log.count("Attempt to start"), 2);
 }
 
-TEST_F(DriverScanTest, NothingStartsWhileTheProcessStops) {
+TEST_F(DriverScanTest, NothingStartsAndNothingIsLockedWhileTheProcessStops) {
     run_flag = false;
     EXPECT_EQ(start(true, {1}, {36}), 0);
+    EXPECT_EQ(start(false, {1}, {36}), 0);
     EXPECT_FALSE(driver().is_in_progress());
+    EXPECT_EQ(duration, 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
+    EXPECT_THAT(all_scan_notices(), IsEmpty());
 }
 
 TEST_F(DriverScanTest, A6GHzRadioIsLockedButNotScannedAndUnlockedByStop) {
@@ -123,6 +157,32 @@ TEST_F(DriverScanTest, A6GHzRadioIsLockedButNotScannedAndUnlockedByStop) {
     driver().stop(true);
     EXPECT_THAT(scan_notices(4), ElementsAre("lock-scan wlan0", "lock-scan wlan1",
                                              "unlock-scan wlan0", "unlock-scan wlan1"));
+}
+
+TEST_F(DriverScanTest, A6GHzRadioIsLeftOutOfAnRrmScanToo) {
+    platform.radios(R"({"ifname":"wlan1","driver":"g6","bands":["6GHz"]})");
+    start(false, {1}, {36});
+    EXPECT_THAT(kernel.history(), IsEmpty());
+    EXPECT_THAT(tools.lines(), IsEmpty());
+    EXPECT_EQ(duration, 0);
+    EXPECT_THAT(all_scan_notices(), ElementsAre("lock-scan wlan1"));
+}
+
+TEST_F(DriverScanTest, ARadioThatIsSkippedDoesNotRaiseTheDuration) {
+    set_down("wlan1");
+    refresh();
+    start(true, channels(1), channels(30));
+    EXPECT_EQ(duration, 1);
+}
+
+TEST_F(DriverScanTest, AWdsAndAWidsRadioRaiseNoDuration) {
+    set_wds("wlan0");
+    set_wids("wlan1");
+    refresh();
+    start(true, channels(10), {});
+    driver().stop(true);
+    start(false, {1}, {36});
+    EXPECT_EQ(duration, 0);
 }
 
 // Bus and kernel are two ways: each request to the kernel waits for the notices due before it.
@@ -192,7 +252,68 @@ TEST_F(DriverScanTest, StopEndsAnRrmScanThroughTheMib) {
 TEST_F(DriverScanTest, StopDoesNothingUnlessAScanRuns) {
     EXPECT_EQ(driver().stop(true), 0);
     EXPECT_THAT(kernel.calls(), IsEmpty());
-    EXPECT_THAT(bus.requests(SCANDMOD), IsEmpty());
+    EXPECT_THAT(all_scan_notices(), IsEmpty());
+}
+
+TEST_F(DriverScanTest, StopReachesARadioThatHasBecomeAWdsOrWidsRadio) {
+    start(true, {1}, {36});
+    set_wds("wlan0");
+    set_wids("wlan1");
+    refresh();
+    driver().stop(true);
+    EXPECT_THAT(kernel.history(), ElementsAre("wlan0 stop", "wlan1 stop"));
+}
+
+TEST_F(DriverScanTest, StoppingAnRrmScanReachesARadioThatHasBecomeAWdsOrWidsRadio) {
+    start(false, {1}, {36});
+    set_wds("wlan0");
+    set_wids("wlan1");
+    refresh();
+    driver().stop(false);
+    EXPECT_THAT(kernel.history(), ElementsAre("wlan0 set rrm_scan_chan=0"));
+    EXPECT_THAT(tools.lines(), ElementsAre("iwpriv wlan1 set_mib rrm_scan_chan=0"));
+}
+
+TEST_F(DriverScanTest, ARadioThatWentDownIsUnlockedButNotStopped) {
+    for (const bool active : {true, false}) {
+        start(active, {1}, {36});
+        all_scan_notices();
+        set_down("wlan0");
+        set_down("wlan1");
+        refresh();
+        driver().stop(active);
+        EXPECT_THAT(kernel.history(), IsEmpty());
+        EXPECT_THAT(tools.lines(), IsEmpty());
+        EXPECT_FALSE(driver().is_in_progress());
+        EXPECT_THAT(all_scan_notices(), ElementsAre("unlock-scan wlan0", "unlock-scan wlan1"));
+        set_up("wlan0");
+        set_up("wlan1");
+        refresh();
+    }
+}
+
+TEST_F(DriverScanTest, WhileTheProcessStopsTheRadiosAreOnlyUnlocked) {
+    for (const bool active : {true, false}) {
+        start(active, {1}, {36});
+        all_scan_notices();
+        forget();
+        run_flag = false;
+        driver().stop(active);
+        EXPECT_THAT(kernel.history(), IsEmpty());
+        EXPECT_THAT(tools.lines(), IsEmpty());
+        EXPECT_FALSE(driver().is_in_progress());
+        EXPECT_THAT(all_scan_notices(), ElementsAre("unlock-scan wlan0", "unlock-scan wlan1"));
+        forget();
+        run_flag = true;
+    }
+}
+
+TEST_F(DriverScanTest, InitEndsTheScanThatRuns) {
+    start(true, {1}, {36});
+    driver().init();
+    EXPECT_FALSE(kernel.interface("wlan0").scan_runs);
+    EXPECT_FALSE(kernel.interface("wlan1").scan_runs);
+    EXPECT_FALSE(driver().is_in_progress());
 }
 
 TEST_F(DriverScanTest, StopDoesNothingWithHostapdDown) {
@@ -202,6 +323,7 @@ TEST_F(DriverScanTest, StopDoesNothingWithHostapdDown) {
     EXPECT_EQ(driver().stop(true), 0);
     EXPECT_TRUE(driver().is_in_progress());
     EXPECT_THAT(kernel.calls(), IsEmpty());
+    EXPECT_THAT(all_scan_notices(), ElementsAre("lock-scan wlan0", "lock-scan wlan1"));
 }
 
 // --- results ---
@@ -256,45 +378,33 @@ TEST_F(DriverScanTest, AMissingSocketIsAFailingRadio) {
 }
 
 TEST_F(DriverScanTest, ADisabledRadioIsLeftOutWithoutAnError) {
-    kernel.put_file("/sys/class/net/wlan0/flags", "0x1002\n");
+    set_down("wlan0");
     refresh();
-    kernel.interface("wlan0").heard.resize(2);
-    kernel.interface("wlan1").heard.resize(1);
-    ap_table table;
-    EXPECT_EQ(driver().fill_ap_table(table), 0);
-    EXPECT_EQ(table.size(), 1U);
-    EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), 0);
+    hear(2, 1);
+    expect_tables_of(1);
     start(true, {1}, {36});
     EXPECT_FALSE(kernel.interface("wlan0").scan_runs);
 }
 
 TEST_F(DriverScanTest, AWdsRadioIsLeftOutWithoutAnError) {
-    vaultd.set("/interface/wlan1/wlan/wds/enabled", "true");
-    vaultd.set("/interface/wlan1-wds0/common/enabled", "true");
+    set_wds("wlan1");
     refresh();
-    kernel.interface("wlan0").heard.resize(2);
-    kernel.interface("wlan1").heard.resize(1);
-    ap_table table;
-    EXPECT_EQ(driver().fill_ap_table(table), 0);
-    EXPECT_EQ(table.size(), 2U);
+    hear(2, 1);
+    expect_tables_of(2);
     start(true, {1}, {36});
     EXPECT_FALSE(kernel.interface("wlan1").scan_runs);
     EXPECT_THAT(scan_notices(2), Contains("lock-scan wlan1"));
 }
 
 TEST_F(DriverScanTest, AWidsRadioIsLeftOutWithoutAnError) {
-    vaultd.set("/wids/enabled", "true");
-    vaultd.set("/wids/scan-mode", "sentry");
-    vaultd.set("/wids/scan-interface", "wlan0");
+    set_wids("wlan0");
     refresh();
     ASSERT_TRUE(driver().is_wids_enabled(0));
-    kernel.interface("wlan0").heard.resize(2);
-    kernel.interface("wlan1").heard.resize(1);
-    ap_table table;
-    EXPECT_EQ(driver().fill_ap_table(table), 0);
-    EXPECT_EQ(table.size(), 1U);
+    hear(2, 1);
+    expect_tables_of(1);
     start(false, {1}, {36});
-    EXPECT_THAT(kernel.history(), ElementsAre("wlan1 results", "wlan1 trigger"));
+    EXPECT_THAT(kernel.history(),
+                ElementsAre("wlan1 results", "wlan1 rrm-results", "wlan1 trigger"));
 }
 
 }  // namespace

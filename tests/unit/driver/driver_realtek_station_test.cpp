@@ -210,6 +210,21 @@ TEST_F(DriverStationTest, NoEventEverComes) {
     EXPECT_EQ(driver().process_driver_events([](const driver_event_desc&) { FAIL(); }), 0);
 }
 
+TEST_F(DriverStationTest, LookingForEventsWaits100Milliseconds) {
+    const call_faults::SelectSpy spy{0};
+    EXPECT_EQ(driver().process_driver_events({}), 0);
+    EXPECT_EQ(spy.calls, 1);
+    EXPECT_EQ(spy.descriptors, 0);
+    EXPECT_FALSE(spy.has_sets);
+    EXPECT_EQ(spy.limit.tv_sec, 0);
+    EXPECT_EQ(spy.limit.tv_usec, 100000);
+}
+
+TEST_F(DriverStationTest, AWaitForEventsThatFailsIsTheResult) {
+    const call_faults::SelectSpy spy{-1};
+    EXPECT_EQ(driver().process_driver_events({}), -1);
+}
+
 TEST_F(DriverStationTest, ClientControlWithoutCounterpartHasNoEffect) {
     const LogCapture fresh;
     EXPECT_EQ(driver().block_sta("wlan0", "mac"), 0);

@@ -249,6 +249,27 @@ TEST_F(G6Test, AddsANeighbourToTheCustomList) {
     EXPECT_EQ(kernel.writes().at(0).path, "/proc/net/rtk_wifi6/wlan1/nb_report_custom");
 }
 
+TEST_F(G6Test, AnyNumberButZeroMeansTheCustomList) {
+    for (const int custom : {2, -1, 256}) {
+        kernel.forget();
+        EXPECT_EQ(add_neighbour(36, custom), 0);
+        EXPECT_EQ(kernel.writes().at(0).path, "/proc/net/rtk_wifi6/wlan1/nb_report_custom");
+    }
+}
+
+TEST_F(G6Test, CutsThePathOfANeighbourListAt63Characters) {
+    const std::string ifname = "wlan1" + std::string(33, 'x');
+    const std::string cut = ("/proc/net/rtk_wifi6/" + ifname + "/nb_report").substr(0, 63);
+    kernel.add_interface(ifname);
+    for (const int custom : {0, 1})
+        EXPECT_EQ(ops.set_rrm_nbr_ap(ifname, bssid, "net", 36, 0, 0, 255, 0, custom), 0);
+    EXPECT_EQ(ops.clear_rrm_nbr_ap_list(ifname), 0);
+    EXPECT_EQ(ops.clear_vexor_nbr_ap_list(ifname), 0);
+    EXPECT_EQ(kernel.writes().size(), 4U);
+    for (const FakeKernel::Written& written : kernel.writes())
+        EXPECT_EQ(written.path, cut);
+}
+
 TEST_F(G6Test, GivesAnySsidToTheToolAsHex) {
     const std::string ssid = "a b\"'`$(x);|&\n\xc3\xa9";
     EXPECT_EQ(add_neighbour(36, 0, ssid), 0);

@@ -1,6 +1,9 @@
 // What both chip families do alike: everything that goes through the vendor command channel.
 #include "platform-specific/realtek_ioctl_ops.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include "driver_fixture.h"
 #include "platform-specific/ioctl_ops_factory.h"
 #include "platform-specific/realtek_ioctl_ops_g6.h"
@@ -115,6 +118,45 @@ TYPED_TEST(BothFamilies, ACommandWithoutSocketAnswersMinusTwoWithoutAllocating) 
     EXPECT_EQ(this->logged(R"(warning: <execute:\d+> socket is not created for action by ioctl)"),
               1);
     EXPECT_THAT(this->kernel.calls(), IsEmpty());
+}
+
+// Domain, type and protocol of each socket that is open.
+std::vector<std::array<int, 3>> open_sockets() {
+    std::vector<std::array<int, 3>> result;
+    for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+        const int fd = std::stoi(entry.path().filename());
+        std::array<int, 3> kind{-1, -1, -1};
+        std::size_t answers = 0;
+        for (const int option : {SO_DOMAIN, SO_TYPE, SO_PROTOCOL}) {
+            socklen_t length = sizeof kind[answers];
+            if (getsockopt(fd, SOL_SOCKET, option, &kind[answers], &length) == 0)
+                ++answers;
+        }
+        if (answers == kind.size())
+            result.push_back(kind);
+    }
+    return result;
+}
+
+long open_datagram_sockets() {
+    const std::vector<std::array<int, 3>> all = open_sockets();
+    return std::count(all.begin(), all.end(), std::array<int, 3>{AF_INET, SOCK_DGRAM, IPPROTO_UDP});
+}
+
+TYPED_TEST(BothFamilies, ItsSocketIsADatagramSocket) {
+    const auto before = open_datagram_sockets();
+    const TypeParam other{this->driver(), "wlan0"};
+    EXPECT_EQ(open_datagram_sockets(), before + 1);
+}
+
+TYPED_TEST(BothFamilies, AMoveHasADatagramSocketOfItsOwn) {
+    const auto before = open_datagram_sockets();
+    auto during = before;
+    this->kernel.watch([&](const std::string&) { during = open_datagram_sockets(); });
+    this->ops.send_bsstrans_request("wlan0", "001a2b3c4d5e", 0);
+    this->kernel.watch({});
+    EXPECT_EQ(during, before + 1);
+    EXPECT_EQ(open_datagram_sockets(), before);
 }
 
 TYPED_TEST(BothFamilies, CanBePointedAtAnotherInterface) {
@@ -268,6 +310,21 @@ TYPED_TEST(BothFamilies, AppendsWhatTheGenericScanHeard) {
     EXPECT_EQ(table[1].tx_power, 0);
     EXPECT_EQ(table[1].primary_channel, 0x100);
     EXPECT_EQ(table[2].channel, 11);
+    EXPECT_THAT(table[2].bssid, ElementsAre(6, 7, 8, 9, 10, 11));
+}
+
+TYPED_TEST(BothFamilies, KeepsTheThreeBitsOfTheControlSubBand) {
+    for (const int bits : {0x100, 0x200, 0x400, 0x700}) {
+        const auto chanspec = static_cast<std::uint16_t>(0xF8FF | bits);
+        this->radio().heard = {{{}, -50, 6, 20, 0, chanspec}};
+        this->radio().rrm_heard = this->radio().heard;
+        ap_table table;
+        this->ops.get_scan_result(table);
+        this->ops.get_rrm_scan_result(table);
+        ASSERT_EQ(table.size(), 2U);
+        EXPECT_EQ(table[0].primary_channel, bits);
+        EXPECT_EQ(table[1].primary_channel, bits);
+    }
 }
 
 TYPED_TEST(BothFamilies, TakesChannelAndBandwidthOfAnRrmScanFromTheChanspec) {
@@ -275,6 +332,7 @@ TYPED_TEST(BothFamilies, TakesChannelAndBandwidthOfAnRrmScanFromTheChanspec) {
     ap_table table;
     EXPECT_EQ(this->ops.get_rrm_scan_result(table), 0);
     ASSERT_EQ(table.size(), 1U);
+    EXPECT_THAT(table[0].bssid, ElementsAre(0, 1, 2, 3, 4, 5));
     EXPECT_EQ(table[0].signal, -50);
     EXPECT_EQ(table[0].channel, 48);
     EXPECT_EQ(table[0].bw, 80);
@@ -540,6 +598,12 @@ TEST_F(FactoryTest, MakesNothingForAnUnknownFamily) {
 TEST_F(FactoryTest, KnowsTheFamilyByTheNameBeforeTheDash) {
     EXPECT_EQ(driver().get_ioctl_type("wlan1-va3"), G6);
     EXPECT_EQ(driver().get_ioctl_type("wlan0-va3"), RTL8192CD);
+}
+
+TEST_F(FactoryTest, TakesTheNameBeforeTheFirstOfSeveralDashes) {
+    EXPECT_EQ(driver().get_ioctl_type("wlan1-va3-x"), G6);
+    platform.radios(R"({"ifname":"wlan1-va3","driver":"g6","bands":["5GHz"]})");
+    EXPECT_EQ(driver().get_ioctl_type("wlan1-va3-x"), RTL8192CD);
 }
 
 TEST_F(FactoryTest, TakesANameWithoutADashWhole) {

@@ -216,6 +216,27 @@ TEST_F(Rtl8192cdTest, AddsANeighbourToTheCustomList) {
     EXPECT_EQ(kernel.writes().at(0).path, "/proc/wlan0/rm_neighbor_report_custom");
 }
 
+TEST_F(Rtl8192cdTest, AnyNumberButZeroMeansTheCustomList) {
+    for (const int custom : {2, -1, 256}) {
+        kernel.forget();
+        EXPECT_EQ(add_neighbour(6, custom), 0);
+        EXPECT_EQ(kernel.writes().at(0).path, "/proc/wlan0/rm_neighbor_report_custom");
+    }
+}
+
+TEST_F(Rtl8192cdTest, CutsThePathOfANeighbourListAt63Characters) {
+    const std::string ifname = "wlan0" + std::string(40, 'x');
+    const std::string cut = ("/proc/" + ifname + "/rm_neighbor_report").substr(0, 63);
+    kernel.add_interface(ifname);
+    for (const int custom : {0, 1})
+        EXPECT_EQ(ops.set_rrm_nbr_ap(ifname, bssid, "net", 6, 0, 0, 255, 0, custom), 0);
+    EXPECT_EQ(ops.clear_rrm_nbr_ap_list(ifname), 0);
+    EXPECT_EQ(ops.clear_vexor_nbr_ap_list(ifname), 0);
+    EXPECT_EQ(kernel.writes().size(), 4U);
+    for (const FakeKernel::Written& written : kernel.writes())
+        EXPECT_EQ(written.path, cut);
+}
+
 TEST_F(Rtl8192cdTest, WritesTheWholeSsidOfANeighbour) {
     const std::string ssid = std::string(300, 's') + " $x `y` \"z\"";
     EXPECT_EQ(add_neighbour(6, 0, ssid), 0);
