@@ -3,6 +3,7 @@
 commands. Started by ./run; see docs/lab.md."""
 import argparse
 import asyncio
+import math
 import os
 import pathlib
 import signal
@@ -16,7 +17,7 @@ from labshow.console import Refused
 from labshow.harness import Lab
 from labshow.portal_console import PortalConsole
 from labshow.process import TREE, Build, LabError, find_build
-from labshow.prompt import interact
+from labshow.prompt import Prompt
 from labshow.rrm_console import RrmConsole
 from labshow.show import Show
 from labshow.wids_console import WidsConsole
@@ -55,7 +56,7 @@ def end_at_signal(number, _frame):
     sys.exit(128 + number)
 
 
-async def session(options, show):
+async def session(options, show, prompt):
     """The whole show; the exit status."""
     mode_scenario = {"wids": "wids-sentry", "portal": "minimal"}.get(options.mode, "office")
     binaries = find_build(PRESET)
@@ -75,7 +76,7 @@ async def session(options, show):
             if lab.service.complaints:
                 raise LabError(f"the service complains: {lab.service.complaints[0]}")
         else:
-            await interact(lab, console, show)
+            await prompt.interact(lab, console)
     except ServiceError as error:
         raise LabError(lab.explain(str(error))) from error
     finally:
@@ -87,13 +88,21 @@ async def session(options, show):
     return 0
 
 
+def speed(text):
+    """Of the option --speed; argparse tells its own words when it is no number."""
+    value = float(text)
+    if not 0 < value < math.inf:
+        raise argparse.ArgumentTypeError(f"{text} is not above 0")
+    return value
+
+
 def arguments():
     parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ")[0])
     parser.add_argument("--once", action="store_true",
                         help="one full conversation; status 0 when all of it was as it should be")
     parser.add_argument("--mode", choices=tuple(CONSOLES), help="service mode (default: rrm)")
     parser.add_argument("--scenario", help="name or file (default: office)")
-    parser.add_argument("--speed", type=float, default=1.0, help="times faster than real time")
+    parser.add_argument("--speed", type=speed, default=1.0, help="times faster than real time")
     parser.add_argument("--bin", help="folder of other programs, which are then not built")
     parser.add_argument("--json", action="store_true", help="one JSON object an event")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
@@ -101,11 +110,14 @@ def arguments():
 
 
 async def supervised(options, show):
-    """The session, ended early by SIGINT, SIGTERM or SIGHUP."""
-    task = asyncio.ensure_future(session(options, show))
+    """The session, ended early by SIGTERM or SIGHUP, and by a SIGINT that ends no command."""
+    prompt = Prompt(show)
+    task = asyncio.ensure_future(session(options, show, prompt))
     loop, caught = asyncio.get_running_loop(), []
 
     def stop(number):
+        if number == signal.SIGINT and prompt.interrupt():
+            return
         caught.append(number)
         task.cancel()
 

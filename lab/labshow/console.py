@@ -1,5 +1,6 @@
 """What the commands of every mode have in common."""
 import inspect
+import re
 
 from labap.msgbus import BusError
 from labap.scenario import ScenarioError
@@ -8,6 +9,7 @@ from labservice.server import ServiceError
 from .process import LabError
 
 QUIET = 0.7  # seconds without an event that end a command's output
+MAC = re.compile(r"([0-9a-f]{2}:){5}[0-9a-f]{2}")
 
 
 class Refused(Exception):
@@ -84,3 +86,16 @@ def integer(text):
         return int(text)
     except ValueError:
         raise Refused(f"{text!r} is not a number") from None
+
+
+def within(number, lowest, highest, what, unit):
+    """The number; Refused when it lies outside."""
+    if not lowest <= number <= highest:
+        raise Refused(f"{what} is {lowest} to {highest} {unit}, not {number}")
+    return number
+
+
+def address(text):
+    if not MAC.fullmatch(text.lower()):
+        raise Refused(f"{text!r} is no MAC address (such as 02:00:00:00:00:01)")
+    return text.lower()

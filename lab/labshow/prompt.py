@@ -39,37 +39,58 @@ def split(line):
     return [word.strip() for word in first] if first[:1] == [AS_IT_STANDS] else shlex.split(line)
 
 
-async def interact(lab, console, show):
-    """Commands from standard input until quit, its end, or the end of lumd."""
-    queue = asyncio.Queue()
-    threading.Thread(target=read_lines, args=(asyncio.get_running_loop(), queue),
-                     daemon=True).start()
-    show.text("\nhelp lists the commands, quit ends")
-    ended = asyncio.ensure_future(lab.lumd.wait(timeout=None))
-    while True:
-        if show.colour and sys.stdin.isatty():
-            print("lab> ", end="", flush=True)
-        typed = asyncio.ensure_future(queue.get())
-        await asyncio.wait([typed, ended], return_when=asyncio.FIRST_COMPLETED)
-        if ended.done():
-            raise LabError(lab.explain("lumd has ended"))
-        if not await carry_out(typed.result(), console, show):
-            return
+class Prompt:
+    """Takes command lines until quit, the end of the input, or the end of lumd."""
 
+    def __init__(self, show):
+        self.show = show
+        self._running = None  # the command under way, unless it has been told to end
 
-async def carry_out(line, console, show):
-    """Whether another line may follow this one; None is the end of all lines."""
-    if line is None:
-        return False
-    try:
-        words = split(line)
-    except ValueError as error:
-        show.text(f"{error}")
+    def interrupt(self):
+        """Whether there is a command under way that has not been told to end; it is told now."""
+        command, self._running = self._running, None
+        return command is not None and command.cancel()
+
+    async def interact(self, lab, console):
+        queue = asyncio.Queue()
+        threading.Thread(target=read_lines, args=(asyncio.get_running_loop(), queue),
+                         daemon=True).start()
+        self.show.text("\nhelp lists the commands, quit ends")
+        ended = asyncio.ensure_future(lab.lumd.wait(timeout=None))
+        while True:
+            if self.show.colour and sys.stdin.isatty():
+                print("lab> ", end="", flush=True)
+            typed = asyncio.ensure_future(queue.get())
+            await asyncio.wait([typed, ended], return_when=asyncio.FIRST_COMPLETED)
+            if ended.done():
+                raise LabError(lab.explain("lumd has ended"))
+            if not await self.carry_out(typed.result(), console):
+                return
+
+    async def carry_out(self, line, console):
+        """Whether another line may follow this one; None is the end of all lines."""
+        if line is None:
+            return False
+        try:
+            words = split(line)
+        except ValueError as error:
+            self.show.text(f"{error}")
+            return True
+        if words and words[0] in ("quit", "exit"):
+            return False
+        if words:
+            if not sys.stdin.isatty():
+                self.show.heading(line.strip())
+            await self._execute(console, words[0], words[1:])
         return True
-    if words and words[0] in ("quit", "exit"):
-        return False
-    if words:
-        if not sys.stdin.isatty():
-            show.heading(line.strip())
-        await console.execute(words[0], words[1:])
-    return True
+
+    async def _execute(self, console, name, words):
+        self._running = asyncio.ensure_future(console.execute(name, words))
+        try:
+            await self._running
+        except asyncio.CancelledError:
+            if asyncio.current_task().cancelling():
+                raise  # not the command alone
+            self.show.text(f"{name}: not waited for any longer; lumd does what it was told")
+        finally:
+            self._running = None

@@ -3,15 +3,16 @@ import asyncio
 import json
 import pathlib
 
-from . import tables
-from .console import Console, Refused, integer
+from . import messages, tables
+from .console import Console, Refused, address, integer, within
 from .process import LabError
+from .survey import Survey
 
-SCAN_CHANNELS = "1 6 11 36 40 44 48"
-PASSES = 5  # of the generic scan
-RRM_SCAN_SECONDS = 6
-TICK = 0.25
-KEY_HOLDER_KEY = "00112233445566778899aabbccddeeff"
+TICK = 0.25  # real seconds between two looks at a survey
+PROGRESS_WIDTH = 30
+SCAN_MARGIN = 20  # real seconds that a survey may take longer
+BANDWIDTHS = {"2.4GHz": (20, 40), "5GHz": (20, 40, 80), "6GHz": (20, 40, 80)}
+SIGNAL_DBM, WEAKEST_DBM, STRONGEST_DBM = -60, -100, 0
 
 
 class RrmConsole(Console):
@@ -25,6 +26,15 @@ class RrmConsole(Console):
     @property
     def known(self):
         return self.lab.service.ap()
+
+    @property
+    def hostapd_runs(self):
+        return self.lab.ap.files.hostapd
+
+    def needs_hostapd(self):
+        """For commands that lumd does not carry out otherwise."""
+        if not self.hostapd_runs:
+            raise Refused("hostapd is not running (hostapd start)")
 
     # Steps: each raises LabError when what must follow does not come
 
@@ -41,7 +51,7 @@ class RrmConsole(Console):
 
     async def refresh(self):
         """Asks for the radios; without hostapd lumd does not answer that."""
-        if not self.lab.ap.files.hostapd:
+        if not self.hostapd_runs:
             self.show.text("hostapd is not running: this is what was known before")
             return
         await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response")
@@ -49,7 +59,7 @@ class RrmConsole(Console):
     async def status(self):
         """status: ask lumd for its radios and show what the service knows"""
         await self.refresh()
-        hostapd = "running" if self.lab.ap.files.hostapd else "stopped"
+        hostapd = "running" if self.hostapd_runs else "stopped"
         self.show.heading(f"access point {self.known.mac}, domain {self.known.domain}, "
                           f"{'subscribed' if self.known.subscribed else 'not subscribed'}, "
                           f"hostapd {hostapd}")
@@ -74,6 +84,8 @@ class RrmConsole(Console):
         """hostapd stop|start: the daemon goes away or comes back"""
         if action not in ("stop", "start"):
             raise Refused("hostapd stop or hostapd start")
+        if self.hostapd_runs == (action == "start"):
+            raise Refused(f"hostapd is {'running' if self.hostapd_runs else 'stopped'} already")
         since = self.lab.mark()
         subscribed = any(ap.subscribed for ap in self.lab.service.aps.values())
         await self.lab.ap.hostapd_command(action)
@@ -85,19 +97,23 @@ class RrmConsole(Console):
 
     async def drop_link(self):
         """drop-link: close the connection; lumd comes back and subscribes again"""
+        if not self.lab.service.links:
+            raise Refused("there is no link")
         since = self.lab.mark()
         await self.lab.service.drop()
-        await self.lab.wait("subscribe-request", since, 30)
+        await self.lab.wait("subscribe-request" if self.hostapd_runs else "connected", since, 30)
         await self.settle()
 
     async def channel(self, radio, channel, bandwidth="20", side=None):
         """channel RADIO CHANNEL BANDWIDTH [upper|lower]: change a radio's channel"""
         number = self.radio_number(radio)
         change = {"id": number, "channel": integer(channel), "bandwidth": integer(bandwidth)}
+        self.check_channel(self.lab.ap.air.radios[number], change)
         if side is not None:
             if side not in ("upper", "lower"):
                 raise Refused("the primary channel is upper or lower")
             change["primary-channel"] = side
+        self.needs_hostapd()
         await self.configure(radios=[change])
         await self.refresh()
         reported = self.known.radios[number]
@@ -105,25 +121,32 @@ class RrmConsole(Console):
         if reported["channel"] != change["channel"]:
             raise LabError(f"wlan{number} still reports channel {reported['channel']}")
 
+    @staticmethod
+    def check_channel(radio, change):
+        if change["channel"] not in radio.available:
+            raise Refused(f"{radio.ifname} has no channel {change['channel']}, but "
+                          f"{' '.join(map(str, radio.available))}")
+        bandwidths = BANDWIDTHS[radio.band]
+        if change["bandwidth"] not in bandwidths:
+            raise Refused(f"a bandwidth at {radio.band} is {', '.join(map(str, bandwidths))} MHz, "
+                          f"not {change['bandwidth']}")
+
     async def power(self, radio, dbm):
         """power RADIO DBM: change a radio's transmit power"""
-        number = self.radio_number(radio)
-        await self.configure(radios=[{"id": number, "power": integer(dbm)}])
+        number, dbm = self.radio_number(radio), integer(dbm)
+        lowest, highest = self.lab.scenario["radios"][number]["tx-power-range"]
+        within(dbm, lowest, highest, f"the power of wlan{number}", "dBm")
+        self.needs_hostapd()
+        await self.configure(radios=[{"id": number, "power": dbm}])
         await self.refresh()
         self.show.text(tables.radios(self.known))
-        if self.known.radios[number]["power"] != integer(dbm):
+        if self.known.radios[number]["power"] != dbm:
             raise LabError(f"wlan{number} still reports {self.known.radios[number]['power']} dBm")
-
-    def same_network(self):
-        """The scenario's neighbours that carry one of our SSIDs, as the service lists them."""
-        ours = {vap.ssid for radio in self.lab.ap.air.radios for vap in radio.vaps}
-        return [{"neighbour-mac": entry["bssid"], "channel": entry["channel"], "priority": 1,
-                 "vaps": [{"ssid": entry["ssid"], "mac": entry["bssid"]}]}
-                for entry in self.lab.ap.air.neighbours if entry["ssid"] in ours]
 
     async def neighbours(self):
         """neighbours: load the 802.11k neighbour lists and show where they arrived"""
-        self.config["802dot11k"] = self.same_network()
+        self.needs_hostapd()
+        self.config["802dot11k"] = messages.same_network(self.lab.ap.air)
         await self.configure()
         self.show.heading("in the driver (/proc)")
         for report in self.lab.ap.reports():
@@ -141,65 +164,45 @@ class RrmConsole(Console):
         """ft on|off: push or withdraw 802.11r parameters"""
         if state not in ("on", "off"):
             raise Refused("ft on or ft off")
+        self.needs_hostapd()
         self.config["use-80211r"] = int(state == "on")
         await self.configure()
         since = self.lab.mark()
         answer = "update-orvanta-fbt-response" if state == "on" else "reset-orvanta-fbt-response"
+        vaps = messages.key_holders(self.lab.ap.air)
         await self.lab.service.send({"cmd": "fbt-info", "fbt-reassoc-deadline": 1000,
-                                     "fbt-over-ds": 1, "vaps": self.key_holders()})
+                                     "fbt-over-ds": 1, "vaps": vaps})
         await self.lab.wait(answer, since, data={"status": "ok"})
         await self.settle()
 
-    def key_holders(self):
-        vaps = []
-        for radio in self.lab.ap.air.radios:
-            for vap in radio.vaps:
-                if not ("WPA2" in vap.security or "WPA3" in vap.security):
-                    continue
-                holder = vap.mac.replace(":", "")
-                remote = {"remote-r1-kh-id": "00:11:22:33:50:51", "remote-r0-kh-id": "001122335051",
-                          "remote-r1-kh-key": KEY_HOLDER_KEY}
-                vaps.append({"vap_id": vap.number, "radio_id": radio.number,
-                             "mobility-domain": 4660, "r0-key-holder-id": holder,
-                             "r1-key-holder-id": vap.mac, "fbt-rrb-key": KEY_HOLDER_KEY,
-                             "remotes": [remote]})
-        return vaps
-
     async def scan(self, *words):
         """scan [CHANNELS] [--vendor] [--delay S]: survey the air and draw it"""
-        words, vendor, delay = list(words), False, 0
-        if "--vendor" in words:
-            words.remove("--vendor")
-            vendor = True
-        if "--delay" in words:
-            at = words.index("--delay")
-            delay = integer(words[at + 1] if at + 1 < len(words) else "")
-            del words[at:at + 2]
-        channels = [integer(word) for word in words] or \
-            [integer(word) for word in SCAN_CHANNELS.split()]
-        text = " ".join(map(str, channels))
+        survey = Survey.parse(words, self.lab.ap.air.radios)
+        self.needs_hostapd()
         since = self.lab.mark()
-        await self.lab.service.send({"cmd": "rrm-update", "rrm-scan-delay": delay,
-                                     "vexor-rrm-scanning": int(vendor),
-                                     "rrm-scan-channels": text})
-        await self.follow_scan(since, scan_seconds(channels, vendor, delay))
+        await self.lab.service.send(survey.message())
+        await self.follow_scan(since, survey.seconds(self.lab.ap.air.radios))
         self.show.heading("the air")
         self.show.text(tables.picture(self.known))
-        if not self.known.neighbours():
+        if not self.known.neighbours() and survey.heard_for_certain(self.lab.ap.air):
             raise LabError(self.lab.explain("the survey found no neighbour"))
 
     async def follow_scan(self, since, seconds):
         """A progress line until the response is there."""
         seconds /= self.lab.speed
-        waiting = asyncio.create_task(self.lab.wait("rrm-response", since, seconds + 20))
+        waiting = asyncio.create_task(self.lab.wait("rrm-response", since, seconds + SCAN_MARGIN))
         passed = 0.0
-        while not waiting.done():
-            share = min(passed / seconds, 1.0) if seconds else 1.0
-            bar = "█" * round(share * 30)
-            self.show.progress(f"scanning │{bar:<30}│ {passed:4.1f} of about {seconds:.0f} s")
-            await asyncio.wait([waiting], timeout=TICK)
-            passed += TICK
-        self.show.end_progress()
+        try:
+            while not waiting.done():
+                share = min(passed / seconds, 1.0) if seconds else 1.0
+                bar = "█" * round(share * PROGRESS_WIDTH)
+                self.show.progress(f"scanning │{bar:<{PROGRESS_WIDTH}}│ "
+                                   f"{passed:4.1f} of about {seconds:.0f} s")
+                await asyncio.wait([waiting], timeout=TICK)
+                passed += TICK
+        finally:
+            waiting.cancel()
+            self.show.end_progress()
         waiting.result()
 
     async def clients(self):
@@ -216,11 +219,12 @@ class RrmConsole(Console):
 
     async def steer(self, radio, count="1"):
         """steer RADIO COUNT: have the weakest clients of a radio move elsewhere"""
-        number = self.radio_number(radio)
+        number, count = self.radio_number(radio), integer(count)
+        self.check_steering(self.lab.ap.air.radios[number], count)
         since = self.lab.mark()
         await self.ask({"cmd": "rrm-sta-overload", "ap-mac": self.known.mac,
-                        "radios": [{"id": number, "roam-count": integer(count)}],
-                        "802dot11k": self.same_network()}, "bss-transition")
+                        "radios": [{"id": number, "roam-count": count}],
+                        "802dot11k": messages.same_network(self.lab.ap.air)}, "bss-transition")
         asked = self.lab.journal.since(since, what="bss-transition")
         moved = self.lab.journal.since(since, what="transition-accepted")
         await self.refresh()
@@ -230,18 +234,40 @@ class RrmConsole(Console):
         if left:
             raise LabError(f"still reported here: {', '.join(left)}")
 
+    def check_steering(self, radio, count):
+        if count < 1:
+            raise Refused(f"{count} clients cannot be steered: 1 or more")
+        self.needs_hostapd()
+        stations = [station for vap in radio.vaps for station in vap.stations.values()]
+        if not stations:
+            raise Refused(f"{radio.ifname} has no client")
+        if all(station.no_balance or station.roam_attempt for station in stations):
+            raise Refused(f"no client of {radio.ifname} can be asked: each of them knows no "
+                          "802.11v or has been asked already")
+
     async def client(self, action, *words):
         """client add VAP MAC [DBM] | move MAC VAP | remove MAC: clients come, move and go"""
-        if action == "add" and len(words) in (2, 3):
-            signal_dbm = integer(words[2]) if len(words) == 3 else -60
-            self.lab.ap.station_add(words[0], mac=words[1], rssi=signal_dbm)
-        elif action == "move" and len(words) == 2:
-            self.lab.ap.clients.move(*words)
-        elif action == "remove" and len(words) == 1:
-            self.lab.ap.clients.remove(*words)
-        else:
+        acts = {("add", 2): self.add_client, ("add", 3): self.add_client,
+                ("move", 2): self.move_client, ("remove", 1): self.remove_client}
+        act = acts.get((action, len(words)))
+        if act is None:
             raise Refused("client add VAP MAC [DBM], client move MAC VAP or client remove MAC")
+        act(*words)
         await self.settle()
+
+    def add_client(self, vap, mac, signal_dbm=str(SIGNAL_DBM)):
+        mac = address(mac)
+        rssi = within(integer(signal_dbm), WEAKEST_DBM, STRONGEST_DBM, "a signal", "dBm")
+        self.needs_hostapd()
+        self.lab.ap.station_add(vap, mac=mac, rssi=rssi)
+
+    def move_client(self, mac, vap):
+        mac = address(mac)
+        self.needs_hostapd()
+        self.lab.ap.clients.move(mac, vap)
+
+    def remove_client(self, mac):
+        self.lab.ap.clients.remove(address(mac))
 
     def radio_number(self, text):
         """0, wlan0"""
@@ -278,12 +304,3 @@ class RrmConsole(Console):
         vap = radios[0].vaps[0].ifname
         return lines + [f"client add {vap} 02:1a:2b:00:00:77 -88", "steer wlan0 1", "ft off",
                         "drop-link", "status"]
-
-
-def scan_seconds(channels, vendor, delay):
-    """How long the survey takes: the longer of the two radios', in seconds."""
-    if vendor:
-        return 2 * delay + RRM_SCAN_SECONDS
-    counts = (sum(1 for channel in channels if channel < 36),
-              sum(1 for channel in channels if channel >= 36))
-    return delay + PASSES * max(count * 7 // 10 + 1 for count in counts)

@@ -5,7 +5,7 @@ import pytest
 
 from labshow.console import Console, Refused
 from labshow.process import LabError
-from labshow.prompt import carry_out, split
+from labshow.prompt import Prompt, split
 
 
 class Notes:
@@ -43,15 +43,20 @@ class Echo(Console):
         """stumble: over a mistake of its own"""
         return len(5)
 
+    async def dawdle(self):
+        """dawdle: until told to end"""
+        self.show.text("dawdling")
+        await asyncio.Event().wait()
+
     def commands(self):
         return {"pair": self.pair, "send": self.send, "refuse": self.refuse, "fail": self.fail,
-                "stumble": self.stumble}
+                "stumble": self.stumble, "dawdle": self.dawdle}
 
 
 def typed(line):
     """(whether another line may follow, what was shown but for the line itself)"""
     notes = Notes()
-    more = asyncio.run(carry_out(line, Echo(None, notes), notes))
+    more = asyncio.run(Prompt(notes).carry_out(line, Echo(None, notes)))
     return more, notes.shown.removeprefix(f"{line}\n") if line else notes.shown
 
 
@@ -98,3 +103,42 @@ def test_a_quote_that_is_not_closed_is_told():
 def test_a_message_to_send_keeps_its_quotes_and_blanks():
     assert split('send {"a":  "it\'s  so"} ') == ["send", '{"a":  "it\'s  so"}']
     assert split("send") == ["send"]
+
+
+class Interrupted:
+    """A prompt whose command dawdles when `act(prompt, typing)` happens to it."""
+
+    def __init__(self, act):
+        self.notes, self.act = Notes(), act
+        self.prompt = Prompt(self.notes)
+
+    def run(self):
+        return asyncio.run(self._run())
+
+    async def _run(self):
+        typing = asyncio.ensure_future(self.prompt.carry_out("dawdle", Echo(None, self.notes)))
+        while "dawdling" not in self.notes.shown:
+            await asyncio.sleep(0)
+        self.act(self.prompt, typing)
+        return await asyncio.wait_for(typing, 10)
+
+
+def test_an_interrupt_ends_the_command_under_way_and_not_the_session():
+    interrupted = Interrupted(lambda prompt, typing: prompt.interrupt())
+    assert interrupted.run() is True
+    assert "dawdle: not waited for any longer" in interrupted.notes.shown
+
+
+def test_a_second_interrupt_finds_no_command_and_is_left_to_the_session():
+    told = []
+    Interrupted(lambda prompt, typing: told.extend(prompt.interrupt() for _ in range(2))).run()
+    assert told == [True, False]
+    assert not Prompt(Notes()).interrupt()
+
+
+@pytest.mark.parametrize("act", [
+    lambda prompt, typing: typing.cancel(),
+    lambda prompt, typing: (prompt.interrupt(), typing.cancel())])
+def test_the_end_of_the_session_ends_the_command_with_it(act):
+    with pytest.raises(asyncio.CancelledError):
+        Interrupted(act).run()

@@ -151,6 +151,35 @@ def test_a_command_that_makes_no_sense_is_explained_and_the_session_goes_on(sess
     assert session.end() == 0
 
 
+def test_channels_of_one_band_are_surveyed_together_with_all_of_the_other(folder):
+    session = Session(folder, "--scenario", "minimal", "--speed", "20")
+    session.type("scan 36 40")
+    session.read_until("0a:00:00:00:00:02")
+    session.type("quit")
+    assert session.end() == 0
+    assert "2 neighbours in 5 passes" in session.output
+
+
+def test_ctrl_c_ends_a_command_and_another_one_everything(folder, session):
+    children = session.children()
+    session.type("scan --delay 3600")
+    session.read_until("rrm-update")
+    session.process.send_signal(signal.SIGINT)
+    session.read_until("scan: not waited for any longer")
+    session.process.send_signal(signal.SIGINT)
+    assert session.end() == 128 + signal.SIGINT
+    assert_nothing_left(folder, children)
+
+
+@pytest.mark.parametrize("speed", ["0", "-1", "inf", "nan", "fast"])
+def test_a_speed_that_is_none_is_refused(folder, speed):
+    result = subprocess.run(command("--once", "--speed", speed), capture_output=True, text=True,
+                            timeout=PATIENCE, check=False, stdin=subprocess.DEVNULL,
+                            env={**os.environ, "TMPDIR": str(folder)})
+    assert result.returncode == 2
+    assert "--speed" in result.stderr
+
+
 def test_the_death_of_lumd_is_told_with_its_last_words(session):
     lumd, = [pid for pid, text in session.children().items() if "lumd.conf" in text]
     os.kill(lumd, signal.SIGKILL)
