@@ -292,6 +292,16 @@ TEST_F(RrmWorkerPresenceTest, TimezoneChangeIsNoConfigurationUpdate) {
     EXPECT_THAT(reports(), IsEmpty());
 }
 
+TEST_F(RrmWorkerPresenceTest, ReportedUpdateLeavesTheTimezoneToBeRead) {
+    const NewTimezone zone;
+    subscribe();
+    touch(notify_config_updated);
+    announce(notify_timezone);
+    EXPECT_TRUE(pass());
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
+    EXPECT_TRUE(NewTimezone::is_read());
+}
+
 TEST_F(RrmWorkerPresenceTest, StartsUpdatesAndTimezonesAreLookedAtInOnePass) {
     for (const char* start : {notify_hostapd_started, notify_guardd_started}) {
         const NewTimezone zone;
