@@ -2,6 +2,8 @@
 # The stages of ./test: each is a function stage_NAME that prints to its own log and leaves a
 # status. Counts of tests are read from the logs of GoogleTest and pytest.
 
+jobs=$(nproc)
+
 # build_preset PRESET [TARGET...]
 build_preset() {
     cmake --preset "$1" && cmake --build "build/$1" -j "$jobs" ${2:+--target "${@:2}"}
@@ -16,12 +18,12 @@ run_unit() {
             "build/$1/Testing/Temporary/LastTest.log"
 }
 
+# run_system BUILD [ARGUMENT...]: what pytest is told, the tests among it.
 run_system() {
     local preset=$1
     shift
     LUMD_BIN_DIR=$PWD/build/$preset/bin LUMD_LIB_DIR=$PWD/build/$preset/lib \
-        setarch -R /usr/bin/python3 -m pytest -q -p no:cacheprovider -n $((jobs * 2)) \
-        tests/system "$@"
+        setarch -R /usr/bin/python3 -m pytest -q -p no:cacheprovider -n $((jobs * 2)) "$@"
 }
 
 sources() { git ls-files '*.h' '*.c' '*.cpp'; }
@@ -38,7 +40,7 @@ stage_pyflakes() {
 
 stage_dev_build() { build_preset dev; }
 stage_dev_unit() { stage_dev_build && run_unit dev; }
-stage_dev_system() { stage_dev_build && run_system dev; }
+stage_dev_system() { stage_dev_build && run_system dev tests/system; }
 
 # The driver and the service logic belong to one thread each: the rest is what has threads.
 threaded_tests=(test_platform test_process test_link test_bus)
@@ -57,7 +59,7 @@ stage_tsan_unit() {
 
 stage_tsan_system() {
     stage_tsan_build &&
-        TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan -m threads
+        TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp" run_system tsan tests/system -m threads
 }
 
 stage_release_build() { build_preset release; }
