@@ -40,7 +40,9 @@ class Client {
     void join() {
         leave();
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        connect(fd_, reinterpret_cast<const sockaddr*>(&broker_address), sizeof broker_address);
+        if (connect(fd_, reinterpret_cast<const sockaddr*>(&broker_address),
+                    sizeof broker_address) != 0)
+            leave();
     }
     void leave() {
         if (fd_ >= 0)

@@ -129,7 +129,7 @@ BENCHMARK(json_c_subscribe_request)->Name("subscribe_request_json_c");
 // --- "fbt-info" of 5 MiB ---
 
 std::string large_fbt_info() {
-    constexpr std::size_t bytes = 5 * 1024 * 1024;
+    constexpr std::size_t bytes = std::size_t{5} * 1024 * 1024;
     constexpr int vaps = 40;
     std::string text = R"({"version":"2.4","service":"rrm","cmd":"fbt-info",)"
                        R"("fbt-reassoc-deadline":2000,"fbt-over-ds":1,"vaps":[)";

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr std::size_t chunk_bytes = 256 * 1024;
+constexpr std::size_t chunk_bytes = std::size_t{256} * 1024;
 constexpr std::uint8_t final_bit = 0x80;
 constexpr std::uint8_t mask_bit = 0x80;
 constexpr std::size_t length_16 = 126;  // a 16-bit length follows (RFC 6455, 5.2)
