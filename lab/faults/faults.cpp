@@ -206,7 +206,7 @@ Type* next(const char* name) {
         constexpr Function function{__COUNTER__, #name, helpers};    \
         if (fails(function, __builtin_return_address(0)))            \
             return failure;                                          \
-        return next<result parameters>(#name) arguments;             \
+        return next<decltype(faulty_##name)>(#name) arguments;       \
     }
 
 // One that does its work all the same: what is closed is closed.
@@ -216,7 +216,7 @@ Type* next(const char* name) {
         constexpr Function function{__COUNTER__, #name, helpers};          \
         const bool failing = fails(function, __builtin_return_address(0)); \
         const int error = errno;                                           \
-        const result real = next<result parameters>(#name) arguments;      \
+        const auto real = next<decltype(faulty_##name)>(#name) arguments;  \
         if (!failing)                                                      \
             return real;                                                   \
         errno = error;                                                     \
@@ -282,8 +282,7 @@ FAULT(true, int, pthread_create, errno,
       (thread, attributes, routine, argument))
 FAULT(false, int, prctl, -1, (int option, unsigned long argument), (option, argument))
 FAULT(false, Signed, getrandom, -1, (void* data, Size size, unsigned flags), (data, size, flags))
-FAULT(false, void*, signal, reinterpret_cast<void*>(-1), (int number, void* handler),
-      (number, handler))
+FAULT(false, Signed, signal, -1 /* SIG_ERR */, (int number, void* handler), (number, handler))
 FAULT(false, int, usleep, -1, (unsigned micros), (micros))
 FAULT(false, int, regcomp, 12 /* REG_ESPACE */, (void* expression, const char* text, int flags),
       (expression, text, flags))

@@ -185,9 +185,13 @@ class RemoteKernel final : public lab::Kernel {
 
 // Threads of the program may still call in while it exits, so the object is never destroyed.
 RemoteKernel& the_kernel() {
-    alignas(RemoteKernel) static std::array<std::byte, sizeof(RemoteKernel)> storage;
-    static auto* kernel = new (storage.data()) RemoteKernel;
-    return *kernel;
+    union Undestroyed {
+        Undestroyed() : kernel() {}
+        ~Undestroyed() {}
+        RemoteKernel kernel;
+    };
+    static Undestroyed undestroyed;
+    return undestroyed.kernel;
 }
 
 __attribute__((constructor)) void install_remote_kernel() {
