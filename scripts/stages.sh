@@ -66,7 +66,6 @@ stage_release_build() { build_preset release; }
 stage_release_run() { ./run --once </dev/null; }
 stage_clang() { scripts/clang; }
 
-# What is not run on an access point is looked at without what takes longest.
 stage_tidy() {
     scripts/clang --configure &&
         sources | grep -E '^(src|platform|lab|bench|fuzz)/.*\.(c|cpp)$' |

@@ -63,12 +63,11 @@ AccessPoint::AccessPoint() {
              R"({"radios":[{"ifname":"wlan0","driver":"rtl8192cd","bands":["2.4GHz"],)"
              R"("antenna-gain":{"type":"configurable"}},)"
              R"({"ifname":"wlan1","driver":"g6","bands":["5GHz"]}]})");
-    for (const std::string radio : {"wlan0", "wlan1"}) {
-        for (const char* suffix : {"", "-va0", "-va1"}) {
-            for (const std::string entries : {"/proc/", "/proc/net/rtk_wifi6/"})
-                std::filesystem::create_directories(folder() + entries + radio + suffix);
-            put_file("/sys/class/net/" + radio + suffix + "/flags", "0x1003\n");
-        }
+    for (const std::string name :
+         {"wlan0", "wlan0-va0", "wlan0-va1", "wlan1", "wlan1-va0", "wlan1-va1"}) {
+        std::filesystem::create_directories(folder() + "/proc/" + name);
+        std::filesystem::create_directories(folder() + "/proc/net/rtk_wifi6/" + name);
+        put_file("/sys/class/net/" + name + "/flags", "0x1003\n");
     }
     std::filesystem::create_directories(folder() + "/tmp");
     put_file("/var/run/hostapd.pid", "");

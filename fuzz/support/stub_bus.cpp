@@ -133,7 +133,7 @@ message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
     if (frame == nullptr)
         return nullptr;
     frame->header.len = static_cast<std::uint32_t>(payload.size());
-    std::memcpy(frame->payload, payload.data(), payload.size());
+    std::memcpy(frame->payload, payload.c_str(), payload.size() + 1);
     return frame;
 }
 

@@ -108,7 +108,7 @@ constinit Process g_process;
     // Not open(2): that is taken over, here and by the lab's kernel.
     const auto fd = static_cast<int>(syscall(SYS_openat, kWorkingFolder, path, kReadWrite));
     void* const memory = mmap(nullptr, sizeof(Table), kProtRead | kProtWrite, kMapShared, fd, 0);
-    if (memory != reinterpret_cast<void*>(-1))
+    if (reinterpret_cast<std::intptr_t>(memory) != -1)
         g_process.table = static_cast<Table*>(memory);
 }
 
