@@ -105,8 +105,7 @@ void msgbus_peer_start(msgbus_context* ctx);
 /* Ends the module loop. */
 void msgbus_peer_stop(msgbus_context* ctx);
 
-/* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. Directly
- * after a msgbus_get_module_loop() it does not look again for what that has not seen. */
+/* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. */
 struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
 
 /* Sends `len` bytes, at most MSGBUS_MAX_PAYLOAD, to module `dst` under a new message number. Fire

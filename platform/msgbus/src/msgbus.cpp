@@ -28,7 +28,6 @@ struct msgbus_context {
     bool run = false;
     std::uint32_t seq = 0;      // of the last send
     std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
-    bool just_looked = false;   // by msgbus_get_module_loop(): nothing was there
 };
 
 namespace {
@@ -144,16 +143,12 @@ void msgbus_set_module_loop(msgbus_context* ctx, int run) {
 }
 
 int msgbus_get_module_loop(msgbus_context* ctx) {
-    ctx->just_looked = false;
-    if (ctx->run && !ctx->connection.has_frames()) {
+    if (ctx->run && !ctx->connection.has_frames())
         ctx->connection.fill();
-        ctx->just_looked = !ctx->connection.has_frames();
-    }
     return ctx->run && (ctx->connection.connected() || ctx->connection.has_frames()) ? 1 : 0;
 }
 
 void msgbus_peer_start(msgbus_context* ctx) {
-    ctx->just_looked = false;
     ctx->connection.discard();
     if (!ctx->connection.connected()) {
         ctx->awaited = 0;
@@ -169,7 +164,7 @@ void msgbus_peer_stop(msgbus_context* ctx) {
 message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
     Message frame;
     do {
-        if (!ctx->connection.has_frames() && !std::exchange(ctx->just_looked, false))
+        if (!ctx->connection.has_frames())
             ctx->connection.fill();
         frame = ctx->connection.take();
     } while (frame && frame->header.type != MSGBUS_DATA);
@@ -196,7 +191,6 @@ void msgbus_send_answer(msgbus_context* ctx, const message_s* request, const voi
 
 cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
                                  int timeout) {
-    ctx->just_looked = false;
     msgbus_flush(ctx);
     const auto deadline = Connection::Clock::now() + std::chrono::seconds{timeout};
     Tree answer = command ? await_answer(*ctx, command, deadline) : nullptr;
