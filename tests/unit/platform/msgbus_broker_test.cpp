@@ -530,6 +530,16 @@ TEST_F(BrokerMonitor, MustNotSend) {
     EXPECT_TRUE(watcher.ended());
 }
 
+TEST_F(BrokerMonitor, MustNotSendEitherOnceItWasShownAnUndeliverableFrame) {
+    RawPeer watcher = monitor();
+    RawPeer one = module(1);
+    ASSERT_TRUE(one.send(3, 11, "nobody"));
+    while (watcher.read()->header.type != MSGBUS_UNDELIVERABLE)
+        continue;
+    ASSERT_TRUE(watcher.send(1, 1, "x"));
+    EXPECT_TRUE(watcher.ended());
+}
+
 TEST_F(BrokerMonitor, OfAnotherUserIsRefused) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
