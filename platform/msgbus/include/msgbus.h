@@ -128,10 +128,10 @@ void msgbus_send_answer(msgbus_context* ctx, const struct message_s* request, co
 
 /* Waits up to `timeout` seconds for the data frame whose JSON member "command" equals `command`
  * and whose seq is that of the last send on this context; other frames that arrive meanwhile are
- * discarded. Returns the parsed payload, owned by the caller (cfgtree_release). Null on time-out
- * and, at once, on a lost connection, when the broker reports that send as undeliverable and when
- * nothing was sent on this connection; then `error_text`, unless null, is logged at error
- * level. A signal does not end the wait. */
+ * discarded, and however many they are, the wait ends in time. Returns the parsed payload, owned by
+ * the caller (cfgtree_release). Null on time-out and, at once, on a lost connection, when the
+ * broker reports that send as undeliverable and when nothing was sent on this connection; then
+ * `error_text`, unless null, is logged at error level. A signal does not end the wait. */
 cfgtree_node* msgbus_wait_answer(msgbus_context* ctx, const char* command, const char* error_text,
                                  int timeout);
 

@@ -95,18 +95,25 @@ Tree parse_answer(const message_s& frame, std::string_view command) {
     return given && command == given ? std::move(answer) : nullptr;
 }
 
+// The answer to the last send, should this be it.
+Tree take_answer(msgbus_context& ctx, std::string_view command) {
+    const Message frame = ctx.connection.take();
+    if (frame->header.seq != ctx.awaited)
+        return nullptr;
+    if (frame->header.type == MSGBUS_UNDELIVERABLE)
+        ctx.awaited = 0;
+    return frame->header.type == MSGBUS_DATA ? parse_answer(*frame, command) : nullptr;
+}
+
+// What has arrived by the deadline is still looked at, but not what comes meanwhile: others may
+// send without end.
 Tree await_answer(msgbus_context& ctx, std::string_view command,
                   Connection::Clock::time_point deadline) {
-    while (ctx.awaited != 0 && ctx.connection.wait(deadline)) {
-        const Message frame = ctx.connection.take();
-        if (frame->header.seq != ctx.awaited)
-            continue;
-        if (frame->header.type == MSGBUS_UNDELIVERABLE)
-            break;
-        if (frame->header.type != MSGBUS_DATA)
-            continue;
-        if (Tree answer = parse_answer(*frame, command))
-            return answer;
+    for (bool in_time = true; in_time && ctx.awaited != 0 && ctx.connection.wait(deadline);) {
+        in_time = Connection::Clock::now() < deadline;
+        while (ctx.awaited != 0 && ctx.connection.has_frames())
+            if (Tree answer = take_answer(ctx, command))
+                return answer;
     }
     return nullptr;
 }

@@ -191,6 +191,33 @@ TEST_F(MsgbusWait, WithoutTimeTakesWhatIsThere) {
     EXPECT_EQ(value_of(wait_answer(ctx, 0)), "there");
 }
 
+TEST_F(MsgbusWait, WithoutTimeLooksAtAllThatIsThere) {
+    const msgbus_ptr ctx = start_fake();
+    send(ctx, 1, "{}");
+    const std::uint32_t seq = peer->read()->header.seq;
+    ASSERT_TRUE(peer->write(data(seq + 1, "{}") + data(seq, "{}") + data(seq, done("there"))));
+    EXPECT_EQ(value_of(wait_answer(ctx, 0)), "there");
+}
+
+TEST_F(MsgbusWait, EndsAtTheTimeOutAlsoWhileOtherFramesKeepArriving) {
+    msgbus_ptr ctx = start_fake();
+    std::thread broker{[&] {
+        const std::uint32_t seq = peer->read()->header.seq;
+        std::string others;
+        for (int i = 0; i < 1000; i++)
+            others += data(seq + 1, "{}");
+        const auto patience =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds{kPatienceMs};
+        while (std::chrono::steady_clock::now() < patience && peer->write(others))
+            continue;
+        peer->write(data(seq, done("much too late")));
+    }};
+    send(ctx, 1, "{}");
+    EXPECT_EQ(wait_answer(ctx, 1), nullptr);
+    ctx.reset();
+    broker.join();
+}
+
 TEST_F(MsgbusWait, EndsAtOnceWhenNothingWasSent) {
     const msgbus_ptr ctx = start_fake();
     EXPECT_EQ(wait_answer(ctx), nullptr);
