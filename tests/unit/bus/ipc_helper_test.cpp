@@ -147,6 +147,16 @@ TEST_F(ConfigurationTest, ReadsAgainWhenTheStoreIsBack) {
     EXPECT_EQ(getconf("/a"), "b");
 }
 
+TEST_F(ConfigurationTest, EachRequestRejoinsTheBusWhenTheBrokerHasRestarted) {
+    vaultd.set("/a", "b");
+    EXPECT_EQ(getconf("/a"), "b");
+    for (int restarts = 0; restarts < 2; ++restarts) {
+        bus.restart();
+        vaultd.start();
+        EXPECT_EQ(getconf("/a"), "b");
+    }
+}
+
 TEST_F(IpcHelperTest, GivesASilentStoreUpAfterTheWaitLimit) {
     FakeVaultd vaultd{bus};
     vaultd.set_silent(true);
@@ -363,6 +373,14 @@ TEST_F(ConfigurationTest, WidsIsConfiguredWhenEnabledInSentryMode) {
     vaultd.set("/wids/scan-mode", "sentry");
     vaultd.set("/wids/enabled", "false");
     EXPECT_FALSE(helper.get_config_wids());
+}
+
+TEST_F(ConfigurationTest, TheScanModeOfWidsIsReadOnlyWhenWidsIsEnabled) {
+    vaultd.set("/wids/scan-mode", "sentry");
+    EXPECT_FALSE(helper.get_config_wids());
+    vaultd.set("/wids/enabled", "false");
+    EXPECT_FALSE(helper.get_config_wids());
+    EXPECT_THAT(vaultd.paths(), ElementsAre("/wids/enabled", "/wids/enabled"));
 }
 
 TEST_F(ConfigurationTest, ServiceSwitchesAreReadFromTheOrvantaBranch) {

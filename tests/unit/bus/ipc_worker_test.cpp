@@ -171,6 +171,20 @@ TEST_F(IpcWorker, SendsWhatItWasGivenBeforeTheNextFrame) {
     EXPECT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("1"));
 }
 
+TEST_F(IpcWorker, SendsWhatItHasKeptInAPassThatBringsAFrame) {
+    for (const char* text : {"kept", "goes elsewhere"})
+        from_daemon.enqueue(message(text));
+    EXPECT_FALSE(worker.execute());
+    drain(from_daemon);
+    bus.send(PORTALMOD, LUMDMOD, "frame");
+    // The broker keeps the order: when the portal's message to itself is back, the frame is there.
+    bus.send(PORTALMOD, PORTALMOD, "marker");
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_THAT(drain(to_daemon), ElementsAre("frame"));
+    EXPECT_THAT(bus.wait_requests(PORTALMOD, 2), ElementsAre("marker", "kept"));
+}
+
 TEST_F(IpcWorker, SendsOneMessageAPass) {
     for (const char* text : {"1", "2", "3"})
         from_daemon.enqueue(message(text));

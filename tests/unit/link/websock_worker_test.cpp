@@ -227,4 +227,12 @@ TEST(InternalMessageTest, UnlinkDropsTheLinkAndRefusesEveryFurtherConnect) {
     EXPECT_EQ(peer.service.connections, 1);
 }
 
+TEST(InternalMessageTest, UnlinkIsComparedExactly) {
+    websock_worker_peer peer;
+    ASSERT_TRUE(peer.establish());
+    for (const char* cmd : {"Unlink", "UNLINK", "unlink ", "unlin"})
+        EXPECT_TRUE(peer.process_internal(internal(cmd))) << cmd;
+    EXPECT_TRUE(peer.usable());
+}
+
 }  // namespace

@@ -153,22 +153,25 @@ class TestBus {
     // daemon's thread; as long as it runs, later requests to that daemon wait.
     using Handler = std::function<std::optional<std::string>(const std::string& request)>;
 
-    TestBus() : broker_(socket_) {
-        if (!broker_.open())
-            throw std::runtime_error("no broker at " + socket_);
+    TestBus() {
+        start_broker();
         setenv("MSGBUS_SOCKET", socket_.c_str(), 1);
-        runner_ = std::thread([this] { broker_.run(); });
     }
     ~TestBus() {
-        daemons_.clear();
-        broker_.stop();
-        runner_.join();
+        stop_broker();
         unsetenv("MSGBUS_SOCKET");
     }
     TestBus(const TestBus&) = delete;
     TestBus& operator=(const TestBus&) = delete;
 
     [[nodiscard]] const std::string& socket_path() const { return socket_; }
+
+    // Another broker takes the place of the present one; every connection is lost, the daemons are
+    // gone.
+    void restart() {
+        stop_broker();
+        start_broker();
+    }
 
     // Makes a daemon of that module id, in place of an earlier one; it is on the bus on return.
     void serve(ipc_module_t module, Handler handler) {
@@ -185,6 +188,11 @@ class TestBus {
         std::unique_lock lock{daemons_mutex_};
         const auto ended = daemons_.extract(module);
         lock.unlock();  // the daemon's handler may still be in send()
+    }
+    void drop_all() {
+        std::unique_lock lock{daemons_mutex_};
+        const auto ended = std::exchange(daemons_, {});
+        lock.unlock();  // the same
     }
 
     // The same, and on return the broker knows that the module is gone.
@@ -268,6 +276,18 @@ class TestBus {
         std::thread thread_;
     };
 
+    void start_broker() {
+        broker_ = std::make_unique<MsgbusBroker>(socket_);
+        if (!broker_->open())
+            throw std::runtime_error("no broker at " + socket_);
+        runner_ = std::thread([this] { broker_->run(); });
+    }
+    void stop_broker() {
+        drop_all();
+        broker_->stop();
+        runner_.join();
+    }
+
     // The broker may not have noticed yet that an earlier holder of the id has gone.
     std::unique_ptr<test_bus::Connection> attach(ipc_module_t module) const {
         const auto deadline = std::chrono::steady_clock::now() + test_bus::patience;
@@ -288,7 +308,7 @@ class TestBus {
 
     const TemporaryFolder folder_;
     const std::string socket_ = folder_ / "bus";
-    MsgbusBroker broker_;
+    std::unique_ptr<MsgbusBroker> broker_;
     std::thread runner_;
     mutable std::mutex mutex_;
     mutable std::condition_variable arrived_;
