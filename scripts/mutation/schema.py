@@ -154,6 +154,7 @@ class Schema:
 
 def broken(text, fault):
     """The file with this one fault, as a person would have written it."""
-    if fault.kind == "constant" and fault.uses:
-        raise ValueError("a named constant is changed where it is declared")
-    return text[:fault.begin] + fault.after.encode() + text[fault.end:]
+    after = f"({fault.after})" if fault.uses else fault.after
+    for begin, end in sorted(fault.ranges, reverse=True):
+        text = text[:begin] + after.encode() + text[end:]
+    return text
