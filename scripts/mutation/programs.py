@@ -29,7 +29,7 @@ SYSTEM_TESTS = [
     "test_radio_management.py::test_clients_that_come_and_go_are_reported",
 ]
 MEMORY = 4 << 30  # bytes of address space; a loop that never ends also never frees
-SLACK = 4         # times as long as without a fault may a test take on a busy machine
+SLACK = 4         # times as long as without a fault may a test take
 GRACE = 4.0       # seconds on top
 
 
@@ -46,6 +46,11 @@ class Outcome:
     seconds: float
     output: str
     timed_out: bool
+
+
+def limit_of(seconds):
+    """How long tests may take that take this long without a fault; more on a busy machine."""
+    return (GRACE + SLACK * seconds) * max(1.0, os.getloadavg()[0] / os.cpu_count())
 
 
 def own_namespaces():
@@ -173,13 +178,13 @@ class Tests:
         left = self.reaching(number)
         while left:
             seconds = sum(test.seconds for test in left)
-            outcome = self.run_tests([test.name for test in left], GRACE + SLACK * seconds, number)
+            outcome = self.run_tests([test.name for test in left], limit_of(seconds), number)
             if outcome.passed:
                 return None
             by_name = {test.name: at for at, test in enumerate(left)}
             at = by_name.get(self.failed(outcome), 0)
             alone = outcome if len(left) == 1 and not outcome.timed_out and not self.repeat else \
-                self.run_tests([left[at].name], GRACE + SLACK * left[at].seconds, number)
+                self.run_tests([left[at].name], limit_of(left[at].seconds), number)
             if not alone.passed:
                 return left[at].name
             del left[at]

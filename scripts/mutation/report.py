@@ -22,9 +22,10 @@ def place(record):
     return f"{known.key(record)} @{record['line']}"
 
 
-def keep(records):
-    """Puts the records in the place of older ones of the same faults."""
-    everything = {place(one): one for one in [*load(), *records]}
+def keep(records, whole=()):
+    """Puts the records in the place of older ones: of the same faults, of the files in `whole`."""
+    older = [one for one in load() if one["file"] not in whole]
+    everything = {place(one): one for one in [*older, *records]}
     part = RESULTS.with_suffix(".part")
     part.write_text("".join(json.dumps(one) + "\n" for one in everything.values()))
     part.replace(RESULTS)

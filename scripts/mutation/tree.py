@@ -20,8 +20,7 @@ BUILD = HOME / "build"
 SWITCH = HOME / "lumd_mutant.h"
 ROOMS = ("process", "bus", "link", "driver", "service")
 PER_FILE = 2000  # numbers kept for each file, so that a change renumbers no other
-TARGETS = ["lumd", "msgbusd", "msgbusctl", "labkernel", "labclock",
-           *(f"test_{room}" for room in ROOMS)]
+SYSTEM_TARGETS = ["lumd", "msgbusd", "msgbusctl", "labkernel", "labclock"]
 ROUNDS = 12
 
 
@@ -70,6 +69,7 @@ def configure(files):
 class Unit:
     path: str  # of the source, from the root
     room: str
+    tested: bool  # by its room's unit tests
     arguments: list
     headers: list
 
@@ -98,18 +98,19 @@ def units():
         arguments = [word for at, word in enumerate(command)
                      if word.startswith(("-I", "-D", "-std")) or command[at - 1] == "-isystem"
                      or word == "-isystem"]
-        room = library if library in ROOMS else "process"
-        found.append(Unit(name, room, arguments, included(name, [])))
+        tested = library in ROOMS
+        found.append(Unit(name, library if tested else "process", tested, arguments,
+                          included(name, [])))
     return sorted(found, key=lambda unit: (ROOMS.index(unit.room), unit.path))
 
 
 def rooms_of(all_units):
     """File -> the rooms whose programs hold it, its own first."""
     rooms = {}
-    for unit in all_units:
+    for unit in sorted(all_units, key=lambda unit: not unit.tested):
         for name in [unit.path, *unit.headers]:
             known = rooms.setdefault(name, [])
-            if unit.room not in known:
+            if unit.room not in known and (unit.tested or not known):
                 known.append(unit.room)
     for unit in all_units:
         header = unit.path.replace(".cpp", ".h")
@@ -196,23 +197,32 @@ class SwitchedTree:
             self.schemas[name] = Schema((ROOT / name).read_bytes(), kept)
             write(COPY / name, bytes(self.schemas[name].text))
 
+    def needed(self, names):
+        """The rooms whose tests judge the faults of these files and rooms, all if none is named."""
+        found = {room for file, rooms in self.rooms.items() for room in rooms
+                 if not names or file in names or rooms[0] in names}
+        return [room for room in ROOMS if room in found]
+
     def recall(self):
         """What was refused last time, so that one build is enough."""
         known = set(json.loads(self.memory.read_text())) if self.memory.exists() else set()
         self.refused = [fault for faults in self.by_file.values() for fault in faults
                         if f"{fault.key} @{fault.line}" in known]
 
-    def build(self):
+    def build(self, rooms, with_system):
+        """Builds the unit tests of these rooms, and the agent if system tests are to judge too."""
+        targets = [f"test_{room}" for room in rooms] + (SYSTEM_TARGETS if with_system else [])
         self.recall()
         for _ in range(ROUNDS):
             self.write()
             done = subprocess.run(["cmake", "--build", BUILD, "-j", str(self.jobs), "--target",
-                                   *TARGETS, "--", "-k", "0"], capture_output=True, text=True,
+                                   *targets, "--", "-k", "0"], capture_output=True, text=True,
                                   errors="replace")
             (HOME / "build.log").write_text(done.stdout + done.stderr)
             if done.returncode == 0:
-                self.memory.write_text(json.dumps(
-                    sorted(f"{one.key} @{one.line}" for one in self.refused)))
+                known = json.loads(self.memory.read_text()) if self.memory.exists() else []
+                known = {*known, *(f"{one.key} @{one.line}" for one in self.refused)}
+                self.memory.write_text(json.dumps(sorted(known)))
                 return
             refused = self.blamed(done.stdout)
             if not refused:
