@@ -310,7 +310,7 @@ TEST_F(AbstractWorker, APassThatReturnedFalseNeverWaits) {
 }
 
 TEST_F(AbstractWorker, AWorkerWithoutExecuteDelayNeverWaits) {
-    for (const int delay : {0, -half_an_hour}) {
+    for (const int delay : {0, -a_moment / 2}) {
         run = true;
         script_worker worker(run, delay);
         worker.on_execute = stop_after(3, true);
