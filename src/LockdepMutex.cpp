@@ -64,14 +64,13 @@ std::vector<std::string> capture_backtrace() {
 std::optional<std::string> lockdep_backtrace_entry(const std::string& symbol) {
     const std::size_t open = symbol.find('(');
     const std::size_t plus = symbol.find('+');
-    if (open == std::string::npos || plus == std::string::npos || open > plus)
+    if (plus == std::string::npos || open > plus)  // as no "(" is
         return std::nullopt;
     const std::string mangled = symbol.substr(open + 1, plus - open - 1);
     const std::string offset = symbol.substr(plus + 1, symbol.find(')', plus) - plus - 1);
-    int status = 0;
     const std::unique_ptr<char, free_deleter> demangled(
-        abi::__cxa_demangle(mangled.c_str(), nullptr, nullptr, &status));
-    if (status != 0 || !demangled)
+        abi::__cxa_demangle(mangled.c_str(), nullptr, nullptr, nullptr));
+    if (!demangled)
         return symbol;
     return std::string(demangled.get()) + ' ' + mangled + " + " + offset;
 }

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -91,8 +92,10 @@ TEST_F(LockdepStorageTest, ALockTakenAgainKeepsItsFirstRecord) {
     storage.add_lock(&lock);
     peer.item(lock).locked_at = 7;
     name_thread("lumd:other");
+    frames_captured = 0;
     storage.add_lock(&lock);
 
+    EXPECT_EQ(frames_captured, 0);
     EXPECT_EQ(storage.size(), 1u);
     EXPECT_EQ(peer.item(lock).lock_cnt, 2);
     EXPECT_EQ(peer.item(lock).locked_at, 7);
@@ -165,6 +168,16 @@ TEST_F(LockdepStorageDeathTest, EveryExpiredLockIsNamedBeforeTheAbort) {
     EXPECT_EQ(log.count("Deadlock on lock " + address(other) + "('other' by lumd:test)"), 1);
     EXPECT_EQ(log.count("Deadlock on lock"), 2);
     EXPECT_EQ(log.count("Dump all locked mutexes:"), 2);
+}
+
+TEST_F(LockdepStorageDeathTest, AFreshLockHidesNoExpiredOneBehindIt) {
+    const std::array<LockdepMutex, 2> locks;  // the records' order is that of the addresses
+    for (const LockdepMutex& each : locks)
+        storage.add_lock(&each);
+    peer.item(locks[0]).locked_at = 1001;
+    peer.item(locks[1]).locked_at = 1000;
+    EXPECT_EXIT(storage.check_expired(1121), KilledBySignal(SIGABRT), "");
+    EXPECT_EQ(log.count("Deadlock on lock " + address(locks[1])), 1);
 }
 
 TEST_F(LockdepStorageDeathTest, ChecksAgainstTheMonotonicClock) {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "log_capture.h"
 #include "sleep_clock.h"
 
 using testing::ElementsAre;
@@ -33,6 +35,7 @@ using testing::IsEmpty;
 using testing::KilledBySignal;
 
 static bool eventfd_available = true;
+static bool threads_available = true;
 
 extern "C" int eventfd(unsigned count, int flags) noexcept {
     using function = int (*)(unsigned, int);
@@ -41,6 +44,13 @@ extern "C" int eventfd(unsigned count, int flags) noexcept {
         return real(count, flags);
     errno = EMFILE;
     return -1;
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*start)(void*), void* argument) noexcept {
+    using function = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "pthread_create"));
+    return threads_available ? real(thread, attributes, start, argument) : EAGAIN;
 }
 
 namespace {
@@ -269,6 +279,15 @@ TEST_F(AbstractWorker, SeveralEventsBetweenTwoWaitsWakeItOnce) {
     EXPECT_EQ(worker.process_eventfd(0), 0);
 }
 
+TEST_F(AbstractWorker, EachEventCountsOne) {
+    const script_worker worker(run, 0);
+    for (int i = 0; i < 3; ++i)
+        worker.put_event();
+    eventfd_t counter = 0;
+    ASSERT_EQ(eventfd_read(worker.event_descriptor(), &counter), 0);
+    EXPECT_EQ(counter, 3u);
+}
+
 TEST_F(AbstractWorker, WaitingWithoutAnEventTimesOut) {
     const script_worker worker(run, 0);
     EXPECT_EQ(worker.process_eventfd(1), 0);
@@ -286,7 +305,7 @@ TEST_F(AbstractWorker, WaitsForItsExecuteDelayInMilliseconds) {
 TEST_F(AbstractWorker, AWaitThatFailsGivesTheResultOfPollAndReadsNothing) {
     const script_worker worker(run, 0);
     worker.put_event();
-    for (const auto& [result, revents] : {std::pair{-1, 0}, std::pair{1, POLLERR}}) {
+    for (const auto& [result, revents] : {std::pair{-1, POLLIN}, std::pair{1, POLLERR}}) {
         const ScriptedPoll poll(result, static_cast<short>(revents));
         EXPECT_EQ(worker.process_eventfd(1), result);
     }
@@ -417,6 +436,44 @@ TEST_F(AbstractWorker, DestructionJoinsTheThread) {
     EXPECT_TRUE(finished);
 }
 
+// Its thread calls none of its operations any more when it goes, and has not been joined.
+class unjoined_worker : public abstract_worker {
+  public:
+    unjoined_worker(volatile bool& flag, std::binary_semaphore& ended)
+        : abstract_worker(flag, "unjoined", 0, 0), run_(flag), ended_(ended) {}
+
+    bool __connect() override { return true; }
+    bool execute() override {
+        run_ = false;
+        return false;
+    }
+    void __disconnect() override { ended_.release(); }
+    bool condition(const volatile bool& flag) override { return flag; }
+
+  private:
+    volatile bool& run_;
+    std::binary_semaphore& ended_;
+};
+
+TEST_F(AbstractWorker, DestructionJoinsAThreadThatTheSubclassHasNotJoined) {
+    std::binary_semaphore ended{0};
+    unjoined_worker worker(run, ended);
+    worker.start_on_dedicated_thread();
+    ASSERT_TRUE(ended.try_acquire_for(patience));
+}
+
+TEST_F(AbstractWorkerDeathTest, AThreadThatCannotBeStartedEndsTheProcessWithStatus255) {
+    const LogCapture log;
+    script_worker worker(run, 0);
+    EXPECT_EXIT(
+        {
+            threads_available = false;
+            worker.start_on_dedicated_thread();
+        },
+        ExitedWithCode(255), "");
+    EXPECT_TRUE(log.contains("error: Cannot start the thread of worker 'script': "));
+}
+
 TEST_F(AbstractWorker, KeepsNoDescriptorBehind) {
     const auto descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -454,6 +511,7 @@ TEST_F(AbstractWorker, NoEventIsWrittenToDescriptor0) {
         worker.put_event();
         EXPECT_EQ(worker.process_eventfd(0), 0);
     }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "not closed";
     if (standard_input != -1) {
         dup2(standard_input, STDIN_FILENO);
         close(standard_input);

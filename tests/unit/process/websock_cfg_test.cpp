@@ -222,6 +222,21 @@ TEST_F(WebsockCfg, AnIncompleteUrlLeavesWhatAnEarlierOneSaid) {
     }
 }
 
+TEST_F(WebsockCfg, HostAndPathEndAtTheirFirstLineEnd) {
+    const config_instance_t service = rrm_from_url("ws://ho\rst:80/pa\rth");
+    EXPECT_STREQ(service.domain, "ho");
+    EXPECT_STREQ(service.path, "/pa");
+    EXPECT_EQ(service.port, 80);
+}
+
+TEST_F(WebsockCfg, AnIncompleteUrlStillCutsHostAndPathAtTheirLineEnds) {
+    write("orvanta_service_url=other\n");
+    const websock_cfg_t cfg =
+        from_options({"-d", "host\nmore", "-p", "path\nmore", "-f", path.c_str()});
+    EXPECT_STREQ(cfg.instance[WS_INSTANCE_RRM].domain, "host");
+    EXPECT_STREQ(cfg.instance[WS_INSTANCE_RRM].path, "path");
+}
+
 TEST_F(WebsockCfg, APathEndingRightAfterTheSlashIsTheRootWithEitherLineEnd) {
     for (const char* line :
          {"orvanta_service_url=ws://host:80/\n", "orvanta_service_url=ws://host:80/\r\n",
@@ -318,9 +333,9 @@ TEST_F(WebsockCfg, AKeyGivenTwiceTakesItsLastValue) {
 
 TEST_F(WebsockCfg, ReadsTheLogLevelInBothBases) {
     const std::vector<std::pair<std::string, int>> levels = {
-        {"31", 31}, {"0x1F", 31},       {"0X1f", 31}, {"010", 10},
-        {"", 0},    {"loud", 0},        {"0x", 0},    {"8 # debug", 8},
-        {"-1", -1}, {"0xFFFFFFFF", -1}, {"0xzz", 0},  {"65535", 65535}};
+        {"31", 31},  {"0x1F", 31},     {"0X1f", 31},     {"010", 10}, {"", 0},
+        {"loud", 0}, {"0x", 0},        {"8 # debug", 8}, {"-1", -1},  {"0xFFFFFFFF", -1},
+        {"0xzz", 0}, {"65535", 65535}, {"0x0x1F", 31},   {"0x-1", -1}};
     for (const auto& [text, level] : levels) {
         const websock_cfg_t cfg = from_file("log_level=" + text + "\n");
         EXPECT_EQ(cfg.log_level, level) << text;
