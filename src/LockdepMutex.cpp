@@ -18,6 +18,7 @@
 namespace {
 
 constexpr std::time_t expiry_time = 121;  // seconds; no lock is rightly held for that long
+constexpr unsigned check_period = 1;      // seconds
 
 // Holds a T that is built at the first use and never destroyed, so that locks taken by other
 // objects' static destructors still find it.
@@ -156,6 +157,6 @@ std::size_t LockdepStorage::size() const {
 void vexor_lockdep_thread_func() {
     for (;;) {
         LockdepStorage::instance().check_expired();
-        sleep(1);
+        sleep(check_period);
     }
 }

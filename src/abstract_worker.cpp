@@ -13,6 +13,10 @@
 
 #include "logsink.h"
 
+namespace {
+constexpr int us_per_ms = 1000;
+}
+
 abstract_worker::abstract_worker(const volatile bool& worker_run_flag, std::string worker_name,
                                  int worker_execute_delay, int worker_external_loop_delay)
     : run_flag(worker_run_flag),
@@ -42,7 +46,7 @@ void abstract_worker::func() {
 
 void abstract_worker::run_pass() {
     if (guarded_execute() && execute_delay > 0)
-        process_eventfd(execute_delay / 1000);
+        process_eventfd(execute_delay / us_per_ms);
 }
 
 bool abstract_worker::guarded_execute() {

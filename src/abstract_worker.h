@@ -39,7 +39,11 @@ class abstract_worker {
     // The run loop; returns when the run flag is clear.
     void func();
 
+    // Runs the loop on a thread of its own. When none is to be had, the process ends with status
+    // 255; std::terminate() answers a second start.
     void start_on_dedicated_thread();
+
+    // Runs the loop on the calling thread.
     void start_on_current_thread();
 
     // Waits for the dedicated thread to end; nothing without one.
@@ -49,7 +53,10 @@ class abstract_worker {
     void put_event() const;
 
   protected:
+    // Asks __connect(), and remembers whether a __disconnect() is owed from then on.
     bool connect();
+
+    // Calls __disconnect() when it is owed.
     void disconnect();
 
     // Waits up to `timeout_ms` for put_event(). -1 without a descriptor; the result of poll(2)

@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr unsigned condition_pause = 1;        // seconds
 constexpr useconds_t periodic_pause = 100000;  // microseconds
 
 void select_sleep(std::time_t seconds) {
@@ -80,7 +81,7 @@ void timer_processor::process() {
 bool timer_processor::delay_with_condition(const std::function<bool()>& cond) {
     while (cond()) {
         time_monotonic(ts_ref);
-        sleep(1);
+        sleep(condition_pause);
     }
     return false;
 }

@@ -6,10 +6,12 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "pause_log.h"
 #include "test_bus.h"
 
 class ipc_worker_peer {
@@ -97,6 +99,17 @@ TEST_F(IpcWorkerAlone, CannotConnectWithoutABroker) {
     unsetenv("MSGBUS_SOCKET");
 }
 
+TEST_F(IpcWorkerAlone, PausesASecondBetweenItsAttemptsToConnect) {
+    setenv("MSGBUS_SOCKET", "/nonexistent/bus", 1);
+    const PauseLog log([this, attempts = 0]() mutable {
+        if (++attempts == 2)
+            stop();
+    });
+    worker.func();
+    EXPECT_THAT(log.pauses(), ElementsAre(1000000u, 1000000u));
+    unsetenv("MSGBUS_SOCKET");
+}
+
 // The same on a bus with a silent portal.
 class IpcWorker : public testing::Test {
   protected:
@@ -129,6 +142,34 @@ TEST_F(IpcWorker, RunsWhileTheFlagAndTheModuleLoopDo) {
     EXPECT_TRUE(worker.condition(run));
     run = false;
     EXPECT_FALSE(worker.condition(run));
+}
+
+// Joins the bus as it is; what it waits for from then on is noted, and ends it.
+class idle_ipc_worker : public ipc_worker {
+  public:
+    idle_ipc_worker(safe_queue& incoming, safe_queue& outgoing, volatile bool& flag)
+        : ipc_worker(incoming, outgoing, LUMDMOD, flag), run_(flag) {}
+
+    bool __connect() override {
+        const bool joined = ipc_worker::__connect();
+        log_.emplace([this] { run_ = false; });
+        return joined;
+    }
+    [[nodiscard]] const std::vector<int>& waits() const { return log_->waits(); }
+
+  private:
+    volatile bool& run_;
+    std::optional<PauseLog> log_;
+};
+
+TEST(IdleIpcWorker, WaitsATenthOfASecondForAnEvent) {
+    const TestBus bus;
+    safe_queue incoming;
+    safe_queue outgoing;
+    volatile bool run = true;
+    idle_ipc_worker worker(incoming, outgoing, run);
+    worker.func();
+    EXPECT_THAT(worker.waits(), ElementsAre(100));
 }
 
 TEST_F(IpcWorker, PutsWhatArrivesOnItsQueueUnchanged) {

@@ -45,6 +45,16 @@ TEST(MacAddr, ParsesTwelveDigits) {
         expect_parsed(text);
 }
 
+TEST(MacAddr, ParsesEveryDigitInBothCases) {
+    EXPECT_EQ(MacAddr::from_str("0123456789ab").str(), "01:23:45:67:89:ab");
+    EXPECT_EQ(MacAddr::from_str("cdefABCDEF09").str(), "cd:ef:ab:cd:ef:09");
+}
+
+TEST(MacAddr, RefusesWhatStandsBesideTheDigits) {
+    for (const char neighbour : {'/', ':', '@', 'G', '`', 'g'})
+        expect_refused((std::string(11, '0') + neighbour).c_str());
+}
+
 TEST(MacAddr, RefusesABadSeparator) {
     for (const char* text :
          {"00:1a:2b:3c:4d5e0", "00:1a_2b:3c:4d:5e", "00:1a:2b.3c:4d:5e", "00:1a:2b:3c 4d:5e"})

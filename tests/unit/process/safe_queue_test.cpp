@@ -1,7 +1,9 @@
 #include "safe_queue.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json-c/json.h>
 
 #include <atomic>
 #include <functional>
@@ -14,6 +16,15 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+static bool serialiser_has_memory = true;
+
+extern "C" const char* json_object_to_json_string_ext(json_object* object, int flags) {
+    using function = const char* (*)(json_object*, int);
+    static const auto real =
+        reinterpret_cast<function>(dlsym(RTLD_NEXT, "json_object_to_json_string_ext"));
+    return serialiser_has_memory ? real(object, flags) : nullptr;
+}
 
 namespace {
 
@@ -188,6 +199,14 @@ TEST_F(SafeQueue, EnqueueJsonQueuesTheSerialisedText) {
     queue.enqueue_json(writer);
     EXPECT_THAT(drain(queue),
                 ElementsAre(R"({"version":"2.4","service":"internal-ipc","cmd":"connected"})"));
+}
+
+TEST_F(SafeQueue, AMessageThatCannotBeSerialisedIsNotQueued) {
+    json_writer writer("internal-ipc", "connected", "", "2.4");
+    serialiser_has_memory = false;
+    queue.enqueue_json(writer);
+    serialiser_has_memory = true;
+    EXPECT_THAT(drain(queue), IsEmpty());
 }
 
 TEST(BoundedSafeQueue, RefusesAndDropsWhatDoesNotFit) {
