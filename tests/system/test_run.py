@@ -54,10 +54,10 @@ class Session:
             self.output += line
 
     def children(self):
-        listing = subprocess.run(["ps", "-o", "pid=,args=", "--ppid", str(self.process.pid)],
+        listing = subprocess.run(["ps", "-ww", "-o", "pid=,args=", "--ppid", str(self.process.pid)],
                                  capture_output=True, text=True, check=False).stdout
         return {int(line.split()[0]): line.split(None, 1)[1] for line in listing.splitlines()
-                if "ps -o" not in line}
+                if "ps -ww" not in line}
 
     def type(self, line):
         self.process.stdin.write(line + "\n")
