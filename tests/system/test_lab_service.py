@@ -61,9 +61,12 @@ def test_the_service_knows_each_client_until_it_leaves():
 
 
 def test_the_service_answers_a_subscription_and_counts_complaints():
+    texts = []
+
     async def talk():
         service = Service()
         service.subscribe_answers = [{"status": "error", "code": 503}, {"status": "success"}]
+        service.readers.append(texts.append)
         await service.start()
         url = f"ws://127.0.0.1:{service.port}/agent"
         async with websockets.connect(url, subprotocols=["websock-rrm"]) as link:
@@ -79,6 +82,7 @@ def test_the_service_answers_a_subscription_and_counts_complaints():
     assert list(second)[:5] == ["version", "service", "cmd", "ap-mac", "status"]
     assert service.ap().mac == "00:11:22:33:44:50"
     assert len(service.complaints) == 1
+    assert texts[0] == json.dumps(SUBSCRIBE)
 
 
 def test_the_service_refuses_to_send_to_an_access_point_that_has_just_gone():

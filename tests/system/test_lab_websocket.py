@@ -203,7 +203,19 @@ def test_the_server_stops_while_a_handshake_is_under_way():
     talk(conversation)
 
 
-def test_bytes_that_are_no_utf_8_go_out_as_they_are_and_are_not_taken():
+def test_a_message_that_is_no_utf_8_is_not_taken_and_ends_the_link():
+    async def conversation(server, links, received):
+        reader, writer = await connect_by_hand(server)
+        writer.write(b"\x81\x81\0\0\0\0\xff")  # a text of one byte, masked with zeros
+        assert await reader.read() == b"\x88\x02\x03\xef"  # Close with code 1007
+        await links[0].wait_closed()
+        assert received.empty()
+        writer.close()
+
+    talk(conversation)
+
+
+def test_bytes_that_are_no_utf_8_go_out_as_they_are():
     async def conversation(server, links, received):
         async with connect(server) as client:
             await client.send("here")
