@@ -34,9 +34,10 @@ enum cfgtree_type {
 /* A new empty object, or null without memory. */
 cfgtree_node* cfgtree_new(void);
 
-/* The tree of a NUL-terminated JSON text; null when the text is null, malformed (to the strict
- * json-c tokener, nested deeper than 31 levels) or has anything but white space behind its value.
- * The text "null" gives a null pointer too. */
+/* The tree of a NUL-terminated JSON text; null when the text is null, malformed (to
+ * the grammar of RFC 8259, nested deeper than 31 levels) or has anything but white space behind its
+ * value. Strings may hold any bytes; integers beyond 64 bits are held at the limit. The text "null"
+ * gives a null pointer too. */
 cfgtree_node* cfgtree_parse(const char* text);
 
 /* The same for `len` bytes that need no NUL behind them; NULs at their end are ignored. */

@@ -4,6 +4,8 @@
 #include <limits.h>
 #include <string.h>
 
+#include "json_grammar.h"
+
 static bool is_object(const cfgtree_node* node) {
     return json_object_is_type(node, json_type_object);
 }
@@ -32,20 +34,15 @@ cfgtree_node* cfgtree_parse(const char* text) {
 cfgtree_node* cfgtree_parse_buffer(const char* data, size_t len) {
     while (data && len > 0 && data[len - 1] == '\0')
         len--;
-    if (!data || len == 0 || len > INT_MAX)
+    if (!data || len > INT_MAX || !json_is_well_formed(data, len))
         return NULL;
     json_tokener* tokener = json_tokener_new();
     if (!tokener)
         return NULL;
-    json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
     json_object* tree = json_tokener_parse_ex(tokener, data, (int)len);
     /* A bare number may go on for all the tokener knows: a NUL tells it that nothing follows. */
     if (json_tokener_get_error(tokener) == json_tokener_continue)
         tree = json_tokener_parse_ex(tokener, "", 1);
-    else if (json_tokener_get_parse_end(tokener) != len) {
-        json_object_put(tree);
-        tree = NULL;
-    }
     json_tokener_free(tokener);
     return tree;
 }

@@ -35,9 +35,37 @@ TEST(Cfgtree, RefusesTextThatIsNotExactlyOneValue) {
         EXPECT_EQ(parse(text), nullptr) << text;
 }
 
+TEST(Cfgtree, RefusesWhatIsNearlyJson) {
+    for (const char* text : {"'a'",   "{'a':1}",    "{a:1}", "[1,]",    R"({"a":1,})", "[,]",
+                             "[1 2]", "/**/1",      "tRue",  "nulls",   "NaN",         "-Infinity",
+                             "-",     "+1",         "01",    "-01",     ".5",          "1.",
+                             "1e",    "1e+",        "0x10",  R"("\x")", R"("\u12g4")", "\"",
+                             R"("\)", R"({"a" 1})", "{1:1}", "[}",      R"({"a":1)"})
+        EXPECT_EQ(parse(text), nullptr) << text;
+}
+
+TEST(Cfgtree, ReadsEveryFormOfANumberAndOfAString) {
+    for (const char* text : {"0", "-0", "10", "-12.50", "1e5", "1E-5", "0.5e+3"})
+        EXPECT_EQ(cfgtree_get_type(parse(text).get()), CFGTREE_VALUE) << text;
+    EXPECT_STREQ(cfgtree_serialize(parse(R"("\"\\\/\b\f\n\r\t\u00e9\u00AF")").get()),
+                 "\"\\/\b\f\n\r\t\u00e9\u00af");
+}
+
+TEST(Cfgtree, AStringMayHoldAnyBytes) {
+    for (const char* text : {"caf\xc3\xa9", "\xff\xfe", "tab\there", "\x01\x7f\x80"})
+        EXPECT_STREQ(cfgtree_serialize(parse(('"' + std::string{text} + '"').c_str()).get()), text);
+}
+
+TEST(Cfgtree, HoldsIntegersBeyond64BitsAtTheLimit) {
+    EXPECT_STREQ(cfgtree_serialize(parse("99999999999999999999").get()), "18446744073709551615");
+    EXPECT_STREQ(cfgtree_serialize(parse("-99999999999999999999").get()), "-9223372036854775808");
+}
+
 TEST(Cfgtree, AcceptsWhiteSpaceAroundTheValue) {
     EXPECT_NE(parse(" \t\r\n{ } \n\t "), nullptr);
     EXPECT_STREQ(cfgtree_serialize(parse(" 12 ").get()), "12");
+    EXPECT_STREQ(cfgtree_serialize_compact(parse("{ \"a\" : [ 1 , [ ] ] }").get()),
+                 R"({"a":[1,[]]})");
 }
 
 TEST(Cfgtree, RefusesNestingWithoutEnd) {
