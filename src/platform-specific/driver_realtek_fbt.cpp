@@ -1,3 +1,4 @@
+// driver_realtek: fast-transition parameters and resets pushed to hubd.
 #include "driver_realtek.h"
 #include "krds.h"
 #include "lum_trace.h"
@@ -33,14 +34,13 @@ int driver_realtek::finish_orvanta_fbt_params() {
     const hubd_reply_t reply = ask_hubd(message.get(), "update-orvanta-fbt-response",
                                         "Error: can't update Orvanta fbt params\n");
     if (trace.is_debug_enabled())
-        trace.debug("set_orvanta_fbt_params: %s\n", cfgtree_serialize_compact(message.get()));
+        trace.debug("set_orvanta_fbt_params: %s\n", cfgtree_serialize(message.get()));
     if (reply.is_silent()) {
         trace.error("Error: no response (%s)\n", __func__);
         return -1;
     }
     if (trace.is_debug_enabled())
-        trace.debug("set_orvanta_fbt_params resp: %s\n",
-                    cfgtree_serialize_compact(reply.answer.get()));
+        trace.debug("set_orvanta_fbt_params resp: %s\n", cfgtree_serialize(reply.answer.get()));
     if (reply.is_consent())
         trace.debug("Successfully received update-orvanta-fbt-response from hubd\n");
     else
@@ -67,7 +67,7 @@ int driver_realtek::__reset_orvanta_fbt(ResetOrvantaCause) const {
     }
     trace.debug("Try to send reset-orvanta-fbt to hubd\n");
     if (trace.is_debug_enabled())
-        trace.debug("reset_orvanta_fbt_params: %s\n", cfgtree_serialize_compact(message.get()));
+        trace.debug("reset_orvanta_fbt_params: %s\n", cfgtree_serialize(message.get()));
     const hubd_reply_t reply = ask_hubd(message.get(), "reset-orvanta-fbt-response",
                                         "Error: can't reset Orvanta params\n");
     if (reply.is_silent()) {
@@ -75,8 +75,7 @@ int driver_realtek::__reset_orvanta_fbt(ResetOrvantaCause) const {
         return -1;
     }
     if (trace.is_debug_enabled())
-        trace.debug("reset_orvanta_fbt_params resp: %s\n",
-                    cfgtree_serialize_compact(reply.answer.get()));
+        trace.debug("reset_orvanta_fbt_params resp: %s\n", cfgtree_serialize(reply.answer.get()));
     if (reply.is_consent())
         trace.debug("Successfully received reset-orvanta-fbt-response from hubd\n");
     else

@@ -298,7 +298,7 @@ TEST_F(AntennaTest, WithoutAConfigurationTheFiguresAreZero) {
 
 TEST_F(AntennaTest, ARadioWithoutAntennaDataHasZeroFigures) {
     platform.radios(R"({"ifname": "wlan0", "driver": "g6", "bands": ["2.4GHz"],
-                        "antenna-gain": {"type": "none"}})");
+                        "antenna-gain": {"type": "none", "value": 5}})");
     EXPECT_EQ(antenna("wlan0"), "0/0");
     EXPECT_TRUE(log.contains("> ant_type == configurable ant_gain == 0 cable_loss == 0"));
 }

@@ -32,6 +32,18 @@ TEST_F(DriverFbtTest, StagedParametersGoOutAsOneMessage) {
     EXPECT_TRUE(log.contains("debug: Successfully received update-orvanta-fbt-response from hubd"));
 }
 
+TEST_F(DriverFbtTest, AnUpdateAndItsAnswerAreLoggedInTheirTextForm) {
+    driver().start_orvanta_fbt_params();
+    driver().set_orvanta_fbt_params("wlan0-va0", R"({"key":"a/b"})");
+    driver().finish_orvanta_fbt_params();
+    EXPECT_EQ(logged(R"(debug: set_orvanta_fbt_params: \{ +"command": "update-orvanta-fbt", +)"
+                     R"("wlan0-va0": \{ +"key": "a/b" +\} +\})"),
+              1);
+    EXPECT_EQ(logged(R"(debug: set_orvanta_fbt_params resp: \{ +"command": )"
+                     R"("update-orvanta-fbt-response", +"status": "ok" +\})"),
+              1);
+}
+
 TEST_F(DriverFbtTest, ParametersBeforeTheStartAreIgnored) {
     driver().set_orvanta_fbt_params("wlan0-va0", "{}");
     EXPECT_EQ(driver().finish_orvanta_fbt_params(), -1);
@@ -125,6 +137,16 @@ TEST_F(DriverFbtTest, AResetNamesEveryVapThatThereCouldBe) {
     EXPECT_TRUE(log.contains("debug: reset_orvanta_fbt_params: {"));
     EXPECT_TRUE(log.contains("debug: reset_orvanta_fbt_params resp: {"));
     EXPECT_TRUE(log.contains("debug: Successfully received reset-orvanta-fbt-response from hubd"));
+}
+
+TEST_F(DriverFbtTest, AResetAndItsAnswerAreLoggedInTheirTextForm) {
+    driver().reset_orvanta_fbt(UNKNOWN);
+    EXPECT_EQ(logged(R"(debug: reset_orvanta_fbt_params: \{ +"command": "reset-orvanta-fbt", +)"
+                     R"("wlan0-va0": \{ *\}, .*"wlan1-va6": \{ *\} +\})"),
+              1);
+    EXPECT_EQ(logged(R"(debug: reset_orvanta_fbt_params resp: \{ +"command": )"
+                     R"("reset-orvanta-fbt-response", +"status": "ok" +\})"),
+              1);
 }
 
 TEST_F(DriverFbtTest, FastTransitionIsResetWhenTheServiceIsGoneButNotWhenTheDaemonStops) {

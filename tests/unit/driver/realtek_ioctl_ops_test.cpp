@@ -486,6 +486,14 @@ TEST(StationEntryTest, SignalsAre100BelowTheReportedOnesAndTheLargestOfAllFourCo
     EXPECT_EQ(sta_of(-5, -7, -3, 0).max_rssi, -100) << "a chain that reports 0 counts as well";
 }
 
+TEST(StationEntryTest, WhatAnEntryDoesNotTellIsEmptyZeroOrFalse) {
+    const rrm_sta_realtek station{sta_info_s{{}, {}, {1, 2, 3, 4}, 1, 1, {}}};
+    EXPECT_EQ(station.target_roaming_mac + station.ssid + station.ifname, "");
+    EXPECT_EQ(station.tx_rate, 0);
+    EXPECT_EQ(station.rx_rate, 0);
+    EXPECT_FALSE(station.need_ack || station.is_enterprise || station.is_rrm_stable);
+}
+
 TYPED_TEST(BothFamilies, ReportsThatNoStationIsAssociated) {
     std::vector<rrm_sta_realtek> stations;
     EXPECT_EQ(this->ops.get_assoc_sta(stations), 0);
