@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "json_memory.h"
+
 namespace {
 
 const json_reader& document() {
@@ -137,6 +139,15 @@ TEST(JsonReader, MovesItsOwnership) {
     json_reader first(R"({"number":42})");
     const json_reader second(std::move(first));
     EXPECT_EQ(second.get_int("number"), 42);
+}
+
+TEST(JsonReader, ReleasesOnceWhatItParsed) {
+    auto first = std::make_unique<json_reader>("{}");
+    const JsonReleases releases;
+    { const json_reader second(std::move(*first)); }
+    EXPECT_EQ(releases.count(), 1);
+    first.reset();
+    EXPECT_EQ(releases.count(), 1);
 }
 
 TEST(JsonReader, ReleasesNothingThatItBorrows) {

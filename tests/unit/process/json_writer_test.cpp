@@ -1,11 +1,19 @@
 #include "json_writer.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
+#include "json_memory.h"
+#include "log_capture.h"
+
 namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 TEST(JsonWriter, BeginsWithTheHeaderInOrder) {
     const json_writer writer("rrm", "rrm-update", "00:1a:2b:3c:4d:5e", "2.4");
@@ -40,15 +48,16 @@ TEST(JsonWriter, KeepsTextsOfAnyScript) {
 TEST(JsonWriter, ReplacesEachByteThatIsNoUtf8) {
     EXPECT_EQ(as_received("caf\xE9 1"), "caf\uFFFD 1");
     EXPECT_EQ(as_received("\xC3\xA9\xA9"), "\u00e9\uFFFD");
+    EXPECT_EQ(as_received("\xC3\x7F"), "\uFFFD\x7F");
     for (const char* one : {"\x80", "\xBF", "\xC2", "\xE2", "\xF0", "\xF5", "\xFF"}) {
         EXPECT_EQ(as_received(one), "\uFFFD");
         EXPECT_EQ(as_received(one + std::string("x")), "\uFFFDx");
     }
-    for (const char* two : {"\xC0\x80", "\xC1\xBF", "\xE2\x82", "\xF0\x9F"})
+    for (const char* two : {"\xC0\x80", "\xC1\xBF", "\xE2\x82", "\xF0\x9F", "\xC3\xC0"})
         EXPECT_EQ(as_received(two), "\uFFFD\uFFFD");
     for (const char* three : {"\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x9F\x98"})
         EXPECT_EQ(as_received(three), "\uFFFD\uFFFD\uFFFD");
-    for (const char* four : {"\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80"})
+    for (const char* four : {"\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80"})
         EXPECT_EQ(as_received(four), "\uFFFD\uFFFD\uFFFD\uFFFD");
 }
 
@@ -144,12 +153,98 @@ TEST_F(JsonWriterTest, MovesItsOwnership) {
     EXPECT_STREQ(moved.serialize(), R"({"list":[1,2]})");
 }
 
+TEST_F(JsonWriterTest, ReleasesNoObjectOfItsParent) {
+    const JsonReleases releases;
+    { const json_writer nested = writer.make_subobject("a"); }
+    EXPECT_EQ(releases.count(), 0);
+}
+
+TEST_F(JsonWriterTest, ReleasesAMessageOnce) {
+    auto message = std::make_unique<json_writer>("", "", "", "");
+    const JsonReleases releases;
+    { const json_writer moved{std::move(*message)}; }
+    EXPECT_EQ(releases.count(), 1);
+    message.reset();
+    EXPECT_EQ(releases.count(), 1);
+}
+
 TEST_F(JsonWriterTest, NestsDeeply) {
     json_writer radio = writer.make_subobject("radio");
     json_writer vaps = radio.make_array("vaps");
     json_writer vap = vaps.make_subobject(nullptr);
     vap.insert_string("ssid", "guest");
     EXPECT_STREQ(writer.serialize(), R"({"radio":{"vaps":[{"ssid":"guest"}]}})");
+}
+
+// --- Without memory ---
+
+class JsonWriterShortageTest : public JsonWriterTest {
+  protected:
+    static std::string lost(const std::string& member) {
+        return "error: not enough memory for '" + member + "' of a message";
+    }
+    LogCapture log;
+};
+
+TEST_F(JsonWriterShortageTest, SaysNothingWhileThereIsMemory) {
+    json_writer message{"rrm", "rrm-info", "", "2.4"};
+    message.make_subobject("a").insert_int("b", 1);
+    message.make_array("c").append_object().insert_string("d", "e");
+    EXPECT_STRNE(message.serialize(), "");
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(JsonWriterShortageTest, AMessageWithoutMemoryIsNullAndTakesNothing) {
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    json_writer message{"rrm", "rrm-info", "", "2.4"};
+    EXPECT_TRUE(message.fail());
+    message.insert_int("a", 1);
+    EXPECT_TRUE(message.make_array("b").fail());
+    EXPECT_STREQ(message.serialize(), "null");
+    EXPECT_THAT(log.lines(), ElementsAre(lost("rrm-info")));
+}
+
+TEST_F(JsonWriterShortageTest, AValueWithoutMessageIsReleased) {
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    json_writer message{"", "", "", ""};
+    const JsonReleases releases;
+    message.insert_int("a", 1);
+    EXPECT_EQ(releases.count(), 1);
+    { const json_writer nested = message.make_subobject("b"); }
+    EXPECT_EQ(releases.count(), 2);
+}
+
+TEST_F(JsonWriterShortageTest, AMessageLacksTheMembersThatThereWasNoMemoryFor) {
+    const auto without = [](JsonShortage::Kind kind) {
+        const JsonShortage shortage{kind};
+        json_writer message{"", "", "", "2.4"};
+        message.insert_string("s", "text");
+        message.insert_int("i", 1);
+        message.make_array("a").insert_int(nullptr, 2);
+        return std::string{message.serialize()};
+    };
+    EXPECT_EQ(without(JsonShortage::STRING), R"({"s":"text","i":1,"a":[2]})");
+    EXPECT_EQ(without(JsonShortage::INT), R"({"version":"2.4","s":"text","a":[2]})");
+    EXPECT_EQ(without(JsonShortage::ARRAY), R"({"version":"2.4","s":"text","i":1})");
+    EXPECT_THAT(log.lines(), ElementsAre(lost("version"), lost("i"), lost("a")));
+}
+
+TEST_F(JsonWriterShortageTest, AnElementOfAnArrayHasNoNameToBeReportedBy) {
+    json_writer list = writer.make_array("list");
+    {
+        const JsonShortage shortage{JsonShortage::OBJECT};
+        EXPECT_TRUE(list.append_object().fail());
+    }
+    const JsonShortage shortage{JsonShortage::INT};
+    list.insert_int(nullptr, 1);
+    EXPECT_STREQ(writer.serialize(), R"({"list":[]})");
+    EXPECT_THAT(log.lines(), ElementsAre(lost("[]"), lost("[]")));
+}
+
+TEST_F(JsonWriterShortageTest, ATextWithoutMemoryIsEmpty) {
+    const JsonShortage shortage{JsonShortage::TEXT};
+    EXPECT_STREQ(writer.serialize(), "");
+    EXPECT_THAT(log.lines(), ElementsAre(lost("text")));
 }
 
 }  // namespace

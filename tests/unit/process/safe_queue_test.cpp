@@ -1,9 +1,7 @@
 #include "safe_queue.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 
 #include <atomic>
 #include <functional>
@@ -12,19 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include "json_memory.h"
 #include "json_writer.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-static bool serialiser_has_memory = true;
-
-extern "C" const char* json_object_to_json_string_ext(json_object* object, int flags) {
-    using function = const char* (*)(json_object*, int);
-    static const auto real =
-        reinterpret_cast<function>(dlsym(RTLD_NEXT, "json_object_to_json_string_ext"));
-    return serialiser_has_memory ? real(object, flags) : nullptr;
-}
 
 namespace {
 
@@ -203,9 +193,8 @@ TEST_F(SafeQueue, EnqueueJsonQueuesTheSerialisedText) {
 
 TEST_F(SafeQueue, AMessageThatCannotBeSerialisedIsNotQueued) {
     json_writer writer("internal-ipc", "connected", "", "2.4");
-    serialiser_has_memory = false;
+    const JsonShortage shortage{JsonShortage::TEXT};
     queue.enqueue_json(writer);
-    serialiser_has_memory = true;
     EXPECT_THAT(drain(queue), IsEmpty());
 }
 

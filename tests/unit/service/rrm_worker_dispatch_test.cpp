@@ -31,7 +31,7 @@ class RefusedCommandTest : public RrmWorkerDispatchTest,
 TEST_P(RefusedCommandTest, LeavesOneLineAndNoAnswer) {
     service_commands(GetParam());
     EXPECT_EQ(log.count("Ignoring"), 1);
-    EXPECT_TRUE(log.contains(std::string{"Ignoring "} + GetParam() +
+    EXPECT_TRUE(log.contains(std::string{"info: Ignoring "} + GetParam() +
                              " because load balancer is not yet supported"));
     EXPECT_THAT(reports(), IsEmpty());
 }
@@ -232,6 +232,17 @@ TEST_F(RrmWorkerDispatchTest, MessageOfTheBusIsParkedLikeThatOfTheService) {
     driver.in_progress = false;
     worker->execute();
     EXPECT_THAT(powers_set(), ElementsAre(7));
+}
+
+TEST_F(RrmWorkerDispatchTest, MessageWithoutCommandIsParkedAndThenDropped) {
+    subscribe();
+    begin_survey();
+    service_sends(R"({"version":"2.4","service":"rrm"})");
+    EXPECT_TRUE(log.contains("Pending message for delayed processing"));
+    driver.in_progress = false;
+    worker->execute();
+    EXPECT_TRUE(log.contains("From pended"));
+    EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(RrmWorkerDispatchTest, VersionOfAParkedMessageIsLookedAtAfterTheScan) {

@@ -27,6 +27,8 @@ TEST_F(RrmWorkerEventsTest, RoamEventIsReportedWhenSteeringOrBlacklistingIsOn) {
     switch_steering(true);
     send_event(RRM_STA_ROAM);
     EXPECT_THAT(reports_of("rrm-sta-roam"), SizeIs(2));
+    advance(20);
+    EXPECT_THAT(reports(), SizeIs(2)) << "a roam changes no channel";
 }
 
 TEST_F(RrmWorkerEventsTest, AssociationAndUnknownEventsAreIgnored) {

@@ -128,8 +128,7 @@ class RrmWorkerTest : public testing::Test {
     bool pass() {
         if (!worker->condition(run_flag))
             return false;
-        worker->execute();
-        return true;
+        return worker->execute();
     }
     // Moves the monotonic clock and lets due timers fire.
     void advance(int seconds) {

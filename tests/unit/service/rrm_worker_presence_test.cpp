@@ -185,6 +185,16 @@ TEST_F(RrmWorkerPresenceTest, HostapdStartPutsTheRetryPeriodBackTo30Seconds) {
     EXPECT_EQ(subscribe_requests(), 4U);
 }
 
+TEST_F(RrmWorkerPresenceTest, HostapdStartLeavesAReportDue) {
+    link("connected");
+    service_commands("rrm-update", R"("rrm-scan-delay":5,"vexor-rrm-scanning":1)");
+    advance(5);
+    advance(driver.scan_duration);
+    EXPECT_EQ(answer_to_hostapds_start(), "subscribe-request");
+    advance(5);
+    EXPECT_THAT(reports_of("rrm-response"), SizeIs(1));
+}
+
 TEST_F(RrmWorkerPresenceTest, HostapdStartWhileSubscribedLeavesTheRetryPeriod) {
     link("connected");
     answer_503();

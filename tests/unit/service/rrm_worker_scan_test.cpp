@@ -143,6 +143,7 @@ TEST_F(RrmWorkerScanTest, IgnoresAnUpdateWhileHostapdIsNotRunning) {
     EXPECT_TRUE(log.contains("info: Ignoring rrm-update because hostapd is not running"));
     EXPECT_FALSE(log.contains("process_rrm_update:"));
     EXPECT_THAT(driver.scans, IsEmpty());
+    EXPECT_EQ(peer().rrm_response_timeout(), 0);
 }
 
 TEST_F(RrmWorkerScanTest, WithoutADelayTheScanStartsAtOnce) {
@@ -272,6 +273,7 @@ TEST_F(RrmWorkerScanTest, TheTablesAreEmptyAfterTheReport) {
 
 TEST_F(RrmWorkerScanTest, TheGenericPathReportsAfterTheFifthPassWithOneTableForEach) {
     generic_update(R"("rrm-scan-delay":7,"rrm-scan-channels":"1 36")");
+    EXPECT_EQ(peer().rrm_response_timeout(), 0);
     advance(7);
     for (unsigned finished = 0; finished < scan_passes; ++finished) {
         EXPECT_THAT(driver.scans, SizeIs(finished + 1));
@@ -426,6 +428,7 @@ TEST_F(RrmWorkerScanTest, AStoppedHostapdEndsTheSurvey) {
 
 TEST_F(RrmWorkerScanTest, ALostLinkEndsTheSurvey) {
     generic_update("");
+    EXPECT_CALL(driver, stop(true));
     link("disconnected");
     advance(100);
     EXPECT_THAT(responses(), IsEmpty());
@@ -542,6 +545,7 @@ TEST_F(RrmWorkerScanTest, IgnoresARequestForTheModeWhileHostapdIsNotRunning) {
     service_commands("rrm-request-mode");
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_TRUE(log.contains("info: Ignoring rrm-request-mode because hostapd is not running"));
+    EXPECT_FALSE(log.contains("Not sending rrm-mode-response"));
 }
 
 TEST_F(RrmWorkerScanTest, TheModeResponseLooksAtHostapdAgain) {

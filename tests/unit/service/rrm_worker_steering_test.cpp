@@ -220,6 +220,13 @@ TEST_F(RrmWorkerSteeringTest, RoamsTheWeakestClientsFirst) {
     testing::Mock::VerifyAndClearExpectations(&driver);
 }
 
+TEST_F(RrmWorkerSteeringTest, OneDecibelDecides) {
+    driver.add_station(0, 0, mac_text(1), -70);
+    driver.add_station(0, 0, mac_text(2), -71);
+    overload_radio(0, 1);
+    EXPECT_THAT(roamed(), ElementsAre(mac_text(2)));
+}
+
 TEST_F(RrmWorkerSteeringTest, NumbersTheRequestsFromOne) {
     driver.add_station(0, 0, mac_text(1), -80);
     driver.add_station(0, 0, mac_text(2), -70);
@@ -424,6 +431,7 @@ TEST_F(RrmWorkerSteeringTest, AProbeRecordIsReportedWhenItsTimeIsOver) {
     advance(1);
     EXPECT_EQ(peer().sta_environment()[1].find(client)->timeout, 1);
     EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_FALSE(log.contains("post_rrm_probe_response"));
     advance(1);
     EXPECT_EQ(last_report(), report("rrm-probe-response",
                                     R"("radios":[{"id":1,"probe-list":[{"mac":"02:00:00:00:00:01",)"
@@ -463,6 +471,21 @@ TEST_F(RrmWorkerSteeringTest, ALostLinkStopsTheAging) {
     advance(1);
     EXPECT_EQ(peer().sta_environment()[0].find(client)->timeout, 8);
     EXPECT_EQ(*peer().sta_block()[0].find(client), 8);
+}
+
+TEST_F(RrmWorkerSteeringTest, SurveysAndChannelChangesAndTheAgingLeaveEachOtherAlone) {
+    peer().sta_environment()[0][client] = probe(-60, 99, 0);
+    peer().sta_block()[0][client] = 99;
+    service_commands("rrm-update", R"("rrm-scan-delay":1,"vexor-rrm-scanning":1)");
+    send_event(RRM_CHANSPEC_ACSD);
+    peer().rrm_probe_response_timeout();
+    peer().rrm_blacklist_timeout();
+    for (int second = 1; second <= 12; ++second)
+        advance(1);
+    EXPECT_EQ(peer().sta_environment()[0].find(client)->timeout, 99 - 1 - 12);
+    EXPECT_EQ(*peer().sta_block()[0].find(client), 99 - 1 - 12);
+    EXPECT_THAT(reports_of("rrm-response"), SizeIs(1));
+    EXPECT_THAT(reports_of("rrm-config-changed"), SizeIs(1));
 }
 
 TEST_F(RrmWorkerSteeringTest, AnEmptyProbeTableDoesNotStartTheTimer) {

@@ -45,7 +45,8 @@ TEST_P(RefusedVersionTest, UnsubscribesUnlinksAndDoesNotExecute) {
     subscribe();
     service_sends(std::string{R"({"service":"rrm","cmd":"rrm-request-mode")"} + GetParam() + "}");
     EXPECT_THAT(reports(), ElementsAre(unsubscribe_request(), unlink_message));
-    EXPECT_TRUE(log.contains("Unsubscribe from RRM service: incorrect version"));
+    EXPECT_TRUE(log.contains("error: Unsubscribe from RRM service: incorrect version"));
+    EXPECT_TRUE(log.contains("info: Unsubscribe from RRM service"));
     EXPECT_FALSE(exists(connected_flag));
     EXPECT_TRUE(is_subscribed()) << "until the link is reported down";
 }
@@ -141,6 +142,25 @@ TEST_F(RrmWorkerSubscriptionTest, ResponseEndsTheRepetition) {
     advance(200);
     EXPECT_EQ(subscribe_requests(), 1U);
     EXPECT_EQ(answer_to_hostapds_start(), "rrm-config-changed");
+}
+
+TEST_F(RrmWorkerSubscriptionTest, ResponseToARepeatedRequestEndsTheRepetition) {
+    link("connected");
+    advance(30);
+    service_commands("subscribe-response", R"("status":"success")");
+    advance(200);
+    EXPECT_EQ(subscribe_requests(), 2U);
+}
+
+TEST_F(RrmWorkerSubscriptionTest, RepeatedRequestLeavesAReportDue) {
+    link("connected");
+    service_commands("rrm-update", R"("rrm-scan-delay":20,"vexor-rrm-scanning":1)");
+    advance(20);
+    advance(driver.scan_duration);
+    advance(4);
+    EXPECT_EQ(subscribe_requests(), 2U);
+    advance(16);
+    EXPECT_THAT(reports_of("rrm-response"), SizeIs(1));
 }
 
 TEST_F(RrmWorkerSubscriptionTest, ResponseWithoutStatusIsIgnored) {

@@ -1,6 +1,7 @@
 // How an RRM worker begins and ends.
 #include "pause_log.h"
 #include "rrm_worker_fixture.h"
+#include "thread_name.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ using testing::SizeIs;
 using testing::StrEq;
 
 TEST_F(RrmWorkerTest, ConstructionRemovesStaleFilesAndNoOther) {
+    worker.reset();
     for (const char* path : {notify, notify_hostapd_started, notify_guardd_started,
                              notify_config_updated, notify_timezone, connected_flag})
         touch(path);
@@ -80,6 +82,13 @@ TEST_F(RrmWorkerTest, DestructionClearsNeighboursThenResetsTheDriver) {
     worker.reset();
     EXPECT_FALSE(exists(connected_flag));
     EXPECT_TRUE(log.contains("rrm_worker: stop"));
+}
+
+TEST_F(RrmWorkerTest, RunsUnderItsName) {
+    const ThreadName own;
+    run_flag = false;
+    worker->start_on_current_thread();
+    EXPECT_EQ(ThreadName::now(), "lumd:rrm");
 }
 
 TEST_F(RrmWorkerTest, LooksForTheRadioDaemonsEvery300Milliseconds) {

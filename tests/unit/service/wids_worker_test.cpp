@@ -12,6 +12,7 @@
 #include "mock_driver.h"
 #include "pause_log.h"
 #include "test_bus.h"
+#include "thread_name.h"
 
 namespace {
 
@@ -66,6 +67,13 @@ TEST_F(WidsWorkerTest, AlwaysConnectsAndRunsWhileItsFlagIsSet) {
     EXPECT_TRUE(worker.condition(run_flag));
     run_flag = false;
     EXPECT_FALSE(worker.condition(run_flag));
+}
+
+TEST_F(WidsWorkerTest, RunsUnderItsName) {
+    const ThreadName own;
+    run_flag = false;
+    worker.start_on_current_thread();
+    EXPECT_EQ(ThreadName::now(), "lumd:wids");
 }
 
 TEST_F(WidsWorkerTest, WaitsForAMessageFor100Milliseconds) {

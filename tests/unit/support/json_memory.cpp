@@ -6,24 +6,57 @@
 namespace {
 
 thread_local JsonShortage::Kind next_to_fail = JsonShortage::NONE;
+thread_local int releases = 0;
 
-json_object* make(JsonShortage::Kind kind, const char* constructor) {
-    if (next_to_fail == kind) {
-        next_to_fail = JsonShortage::NONE;
-        return nullptr;
-    }
-    // The definition that this program's own one hides.
-    return reinterpret_cast<json_object* (*)()>(dlsym(RTLD_NEXT, constructor))();
+bool strikes(JsonShortage::Kind kind) {
+    if (next_to_fail != kind)
+        return false;
+    next_to_fail = JsonShortage::NONE;
+    return true;
+}
+
+// The definition that this program's own one hides.
+template <typename Function>
+Function hidden(const char* name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
 
 extern "C" json_object* json_object_new_object() {
-    return make(JsonShortage::OBJECT, "json_object_new_object");
+    if (strikes(JsonShortage::OBJECT))
+        return nullptr;
+    return hidden<json_object* (*)()>("json_object_new_object")();
 }
 
 extern "C" json_object* json_object_new_array() {
-    return make(JsonShortage::ARRAY, "json_object_new_array");
+    if (strikes(JsonShortage::ARRAY))
+        return nullptr;
+    return hidden<json_object* (*)()>("json_object_new_array")();
+}
+
+extern "C" json_object* json_object_new_string_len(const char* text, const int length) {
+    if (strikes(JsonShortage::STRING))
+        return nullptr;
+    return hidden<json_object* (*)(const char*, int)>("json_object_new_string_len")(text, length);
+}
+
+extern "C" json_object* json_object_new_int(int32_t value) {
+    if (strikes(JsonShortage::INT))
+        return nullptr;
+    return hidden<json_object* (*)(int32_t)>("json_object_new_int")(value);
+}
+
+extern "C" const char* json_object_to_json_string_ext(json_object* value, int flags) {
+    if (strikes(JsonShortage::TEXT))
+        return nullptr;
+    return hidden<const char* (*)(json_object*, int)>("json_object_to_json_string_ext")(value,
+                                                                                        flags);
+}
+
+extern "C" int json_object_put(json_object* value) {
+    releases += value != nullptr ? 1 : 0;
+    return hidden<int (*)(json_object*)>("json_object_put")(value);
 }
 
 JsonShortage::JsonShortage(Kind kind) {
@@ -36,4 +69,10 @@ JsonShortage::~JsonShortage() {
 
 bool JsonShortage::has_struck() const {
     return next_to_fail == NONE;
+}
+
+JsonReleases::JsonReleases() : before_(releases) {}
+
+int JsonReleases::count() const {
+    return releases - before_;
 }

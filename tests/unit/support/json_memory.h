@@ -1,12 +1,14 @@
-// JsonShortage: no memory for the next JSON object or array that the thread makes.
+// JSON values of the thread: how many it gives back, and what happens when there is no memory for
+// one.
 //
-// A program that links json_memory.cpp answers json-c's two constructors itself.
+// A program that links json_memory.cpp answers the calls of json-c concerned itself.
 #ifndef TESTS_JSON_MEMORY_H
 #define TESTS_JSON_MEMORY_H
 
+// While it lives there is no memory for the next value of its kind.
 class JsonShortage {
   public:
-    enum Kind { NONE, OBJECT, ARRAY };
+    enum Kind { NONE, OBJECT, ARRAY, STRING, INT, TEXT };  // TEXT: of a serialisation
 
     explicit JsonShortage(Kind kind);
     ~JsonShortage();
@@ -15,6 +17,16 @@ class JsonShortage {
 
     // Whether one was asked for, and not given.
     [[nodiscard]] bool has_struck() const;
+};
+
+// Counts what json_object_put() is given while it lives; null does not count.
+class JsonReleases {
+  public:
+    JsonReleases();
+    [[nodiscard]] int count() const;
+
+  private:
+    int before_;
 };
 
 #endif
