@@ -17,6 +17,7 @@ from labtalk import journal as journals
 from labtalk.journal import Journal
 from labtalk.waiting import until
 
+from .policy import write_policy
 from .process import TREE, LabError, Process, byte_order, find_build
 
 URL_KEYS = {"rrm": "orvanta_service_url", "portal": "roam_service_url",
@@ -75,7 +76,8 @@ class Lab:
             await self.start_lumd()
 
     async def _start_broker(self):
-        await self.broker.start([*self.build.emulator, self.build.bin / "msgbusd"],
+        await self.broker.start([*self.build.emulator, self.build.bin / "msgbusd",
+                                 "-c", write_policy(self.folder / "msgbusd.conf")],
                                 self._environment())
 
         async def decided():

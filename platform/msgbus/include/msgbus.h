@@ -41,9 +41,11 @@ enum {
 
 enum msgbus_frame_type {
     MSGBUS_DATA = 0,
-    MSGBUS_ATTACH = 1,        /* first frame of a client: src = its module; answer: dst = it */
-    MSGBUS_UNDELIVERABLE = 2, /* src = the missing module, seq = the lost frame's */
-    MSGBUS_DETACH = 3         /* to monitors alone: module src has left */
+    MSGBUS_ATTACH = 1, /* first frame of a client: src = its module; answer: dst = it */
+    /* src = the missing module, seq = the lost frame's. With a payload it was refused, which that
+     * text tells; as the answer to an attach frame so was the module id, src. */
+    MSGBUS_UNDELIVERABLE = 2,
+    MSGBUS_DETACH = 3 /* to monitors alone: module src has left */
 };
 
 struct message_header_s {

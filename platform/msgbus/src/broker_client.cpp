@@ -1,11 +1,13 @@
 #include "broker_client.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 namespace msgbus {
 
@@ -20,18 +22,57 @@ bool is_returned(const BrokerClient::Waiting& entry) {
     return entry.frame->header.type == MSGBUS_UNDELIVERABLE;
 }
 
+// The supplementary groups; none from a kernel before 4.13.
+std::vector<gid_t> groups_of([[maybe_unused]] int fd) {
+    std::vector<gid_t> groups;
+#ifdef SO_PEERGROUPS
+    socklen_t bytes = 0;
+    while (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) {
+        if (errno != ERANGE)
+            return {};
+        groups.resize(bytes / sizeof(gid_t));
+    }
+    groups.resize(bytes / sizeof(gid_t));
+#endif
+    return groups;
+}
+
 }  // namespace
 
-BrokerClient::BrokerClient(UniqueFd fd, const ucred& process, std::uint64_t id)
-    : fd_(std::move(fd)), process_(process), id_(id), attach_until_(Clock::now() + kAttachLimit) {}
+std::optional<Peer> peer_of(int fd) {
+    ucred process{};
+    socklen_t length = sizeof process;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &process, &length) != 0)
+        return std::nullopt;
+    Peer peer{process.pid, {process.uid, groups_of(fd)}};
+    peer.user.groups.push_back(process.gid);
+    return peer;
+}
+
+BrokerClient::BrokerClient(UniqueFd fd, Peer peer, std::uint64_t id)
+    : fd_(std::move(fd)),
+      peer_(std::move(peer)),
+      id_(id),
+      attach_until_(Clock::now() + kAttachLimit) {}
 
 bool BrokerClient::is_trusted() const {
     return uid() == 0 || uid() == geteuid();
 }
 
-void BrokerClient::become_module(std::uint8_t module) {
+void BrokerClient::become_module(std::uint8_t module, const MsgbusPolicy::Modules& receivers) {
     role_ = Role::MODULE;
     module_ = module;
+    receivers_ = receivers;
+}
+
+bool BrokerClient::may_send_to(std::uint8_t module) const {
+    return module >= receivers_.size() || receivers_[module];
+}
+
+bool BrokerClient::is_first_refusal(std::uint8_t module) {
+    const bool first = !refused_[module];
+    refused_[module] = true;
+    return first;
 }
 
 bool BrokerClient::is_late(Clock::time_point now) const {

@@ -6,7 +6,6 @@
 #define PLATFORM_MSGBUS_BROKER_CLIENT_H
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -14,14 +13,25 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "frame.h"
+#include "msgbus_policy.h"
 
 namespace msgbus {
 
 // One frame may wait for several clients.
 using SharedFrame = std::shared_ptr<const message_s>;
+
+// The process at the other end of a connection.
+struct Peer {
+    pid_t pid = 0;
+    MsgbusUser user;
+};
+
+// Whom the kernel names for the socket `fd`; none when it names nobody.
+[[nodiscard]] std::optional<Peer> peer_of(int fd);
 
 class BrokerClient {
   public:
@@ -37,18 +47,25 @@ class BrokerClient {
     };
 
     // A newcomer on that non-blocking socket. `id` is never used twice.
-    BrokerClient(UniqueFd fd, const ucred& process, std::uint64_t id);
+    BrokerClient(UniqueFd fd, Peer peer, std::uint64_t id);
 
     [[nodiscard]] std::uint64_t id() const { return id_; }
-    [[nodiscard]] pid_t pid() const { return process_.pid; }
-    [[nodiscard]] uid_t uid() const { return process_.uid; }
+    [[nodiscard]] pid_t pid() const { return peer_.pid; }
+    [[nodiscard]] uid_t uid() const { return peer_.user.uid; }
+    [[nodiscard]] const MsgbusUser& user() const { return peer_.user; }
     // Root and the broker's own user: they could end the broker anyway.
     [[nodiscard]] bool is_trusted() const;
 
-    void become_module(std::uint8_t module);
+    // A module that may send to the modules `receivers`.
+    void become_module(std::uint8_t module, const MsgbusPolicy::Modules& receivers);
     void become_monitor() { role_ = Role::MONITOR; }
     [[nodiscard]] Role role() const { return role_; }
     [[nodiscard]] std::uint8_t module() const { return module_; }  // of a module
+
+    // A module id beyond the last is nobody's and may be sent to.
+    [[nodiscard]] bool may_send_to(std::uint8_t module) const;
+    // Whether this is the first time that the client is refused to send to that module.
+    bool is_first_refusal(std::uint8_t module);
 
     // Whether a newcomer has let the time to attach pass.
     [[nodiscard]] bool is_late(Clock::time_point now) const;
@@ -85,11 +102,13 @@ class BrokerClient {
 
     UniqueFd fd_;
     UniqueFd event_;  // bumped with what is sent; none: the other side polls
-    const ucred process_;
+    const Peer peer_;
     const std::uint64_t id_;
     const Clock::time_point attach_until_;
     Role role_ = Role::NEWCOMER;
     std::uint8_t module_ = 0;
+    MsgbusPolicy::Modules receivers_;
+    MsgbusPolicy::Modules refused_;  // to send to, so far
     FrameParser parser_;
     std::deque<Waiting> waiting_;
     std::size_t waiting_bytes_ = 0;

@@ -15,8 +15,6 @@ namespace msgbus {
 
 namespace {
 
-constexpr mode_t kSocketMode = 0666;  // receivers judge the uid that each frame carries
-
 sockaddr_un address_of(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -56,12 +54,14 @@ bool BrokerSocket::make_way() {
     return unlink(path_.c_str()) == 0 ? true : fail(path_ + ": " + std::strerror(errno));
 }
 
+// Nobody can connect before listen(2), so the file has its owner and bits in time.
 bool BrokerSocket::listen_there() {
     const sockaddr_un address = address_of(path_);
     UniqueFd listener = make_socket();
     struct stat status {};
     if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        chmod(path_.c_str(), kSocketMode) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
+        (group_ && chown(path_.c_str(), static_cast<uid_t>(-1), *group_) != 0) ||
+        chmod(path_.c_str(), mode_) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
         stat(path_.c_str(), &status) != 0)
         return fail("cannot listen on " + path_ + ": " + std::strerror(errno));
     device_ = status.st_dev;

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -16,10 +17,12 @@ namespace msgbus {
 
 class BrokerSocket {
   public:
-    explicit BrokerSocket(std::string path) : path_(std::move(path)) {}
+    // The socket file will have that group, unless none, and those access bits.
+    BrokerSocket(std::string path, std::optional<gid_t> group, mode_t mode)
+        : path_(std::move(path)), group_(group), mode_(mode) {}
 
-    // Listens at the path for every user, replacing a socket file that nobody listens on. False
-    // when it cannot; error() then tells why.
+    // Listens at the path, replacing a socket file that nobody listens on. False when it cannot;
+    // error() then tells why.
     [[nodiscard]] bool open();
     [[nodiscard]] const std::string& error() const { return error_; }
     [[nodiscard]] bool is_open() const { return static_cast<bool>(listener_); }
@@ -44,6 +47,8 @@ class BrokerSocket {
     bool listen_there();
 
     const std::string path_;
+    const std::optional<gid_t> group_;
+    const mode_t mode_;
     std::string error_;
     UniqueFd listener_;
     dev_t device_ = 0;  // of the socket file

@@ -65,6 +65,8 @@ std::string describe_attach_error(int error) {
     switch (error) {
         case EADDRINUSE:
             return "the broker refused it";
+        case EPERM:
+            return "the policy of the bus forbids it";
         case ETIMEDOUT:
             return "the broker does not answer";
         case EPROTO:
@@ -89,6 +91,10 @@ int Connection::attach(const std::string& socket_path, std::uint8_t module, std:
         return error;
     }
     const Message answer = take();
+    if (answer->header.type == MSGBUS_UNDELIVERABLE) {
+        fd_.reset();
+        return EPERM;
+    }
     const std::uint8_t expected = dst == MSGBUS_MONITOR ? dst : module;
     if (answer->header.type != MSGBUS_ATTACH || answer->header.dst != expected) {
         fd_.reset();

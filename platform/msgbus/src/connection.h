@@ -25,9 +25,10 @@ class Connection {
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
 
     // Connects and sends the attach frame; 0 once the broker has answered it, else an errno value:
-    // EADDRINUSE when the broker refuses, ETIMEDOUT when it stays silent, EPROTO when it answers
-    // anything else, or what connect(2) gave. Frames received on an earlier connection are lost.
-    // The attach frame carries `event_fd`, unless -1, for the broker to add to.
+    // EADDRINUSE when the broker refuses, EPERM when its policy does, ETIMEDOUT when it stays
+    // silent, EPROTO when it answers anything else, or what connect(2) gave. Frames received on an
+    // earlier connection are lost. The attach frame carries `event_fd`, unless -1, for the broker
+    // to add to.
     [[nodiscard]] int attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst,
                              int event_fd = -1);
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -26,7 +27,8 @@ struct msgbus_context {
     Connection connection;
     int event_fd = -1;  // borrowed
     bool run = false;
-    std::uint32_t seq = 0;      // of the last send
+    std::uint32_t seq = 0;                // of the last send
+    std::bitset<MSGBUS_MONITOR> refused;  // modules that the policy keeps this one from; logged
     std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
 };
 
@@ -95,9 +97,21 @@ Tree parse_answer(const message_s& frame, std::string_view command) {
     return given && command == given ? std::move(answer) : nullptr;
 }
 
+// The broker's text tells that the policy forbids to send there.
+void report_refusal(msgbus_context& ctx, const message_s& frame) {
+    const std::uint8_t receiver = frame.header.src;
+    if (frame.header.type != MSGBUS_UNDELIVERABLE || frame.header.len == 0 ||
+        receiver >= ctx.refused.size() || ctx.refused[receiver])
+        return;
+    ctx.refused[receiver] = true;
+    logsink_message(SINK_ERROR, "msgbus: module %d cannot send to module %d: %s", ctx.module,
+                    receiver, reinterpret_cast<const char*>(frame.payload));
+}
+
 // The answer to the last send, should this be it.
 Tree take_answer(msgbus_context& ctx, std::string_view command) {
     const Message frame = ctx.connection.take();
+    report_refusal(ctx, *frame);
     if (frame->header.seq != ctx.awaited)
         return nullptr;
     if (frame->header.type == MSGBUS_UNDELIVERABLE)
@@ -174,6 +188,8 @@ message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
         if (!ctx->connection.has_frames())
             ctx->connection.fill();
         frame = ctx->connection.take();
+        if (frame)
+            report_refusal(*ctx, *frame);
     } while (frame && frame->header.type != MSGBUS_DATA);
     return frame.release();
 }

@@ -1,7 +1,6 @@
 #include "msgbus_broker.h"
 
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,13 +32,25 @@ namespace {
 constexpr std::size_t kMaxConnections = 320;  // every module, monitors, and some who are joining
 constexpr int kAttachCheckMs = 1000;
 constexpr int kAcceptPauseMs = 100;  // while the process is out of descriptors
+constexpr std::string_view kForbidden = "the policy of the bus forbids it";
+
+// A frame of the broker's own with that text.
+Message make_notice(message_header_s header, std::string_view text) {
+    header.len = static_cast<std::uint32_t>(text.size());
+    Message frame = make_message(header);
+    if (frame)
+        text.copy(reinterpret_cast<char*>(frame->payload), text.size());
+    return frame;
+}
 
 }  // namespace
 
 class MsgbusBroker::Impl {
   public:
-    explicit Impl(std::string socket_path)
-        : socket_(std::move(socket_path)), stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    Impl(std::string socket_path, MsgbusSettings settings)
+        : socket_(std::move(socket_path), settings.group, settings.mode),
+          policy_(std::move(settings.policy)),
+          stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
     bool open();
     void run();
@@ -64,8 +77,11 @@ class MsgbusBroker::Impl {
     void attach(Client& client, const message_header_s& header);
     void attach_monitor(Client& client);
     void attach_module(Client& client, std::uint8_t module);
+    void refuse_module(Client& client, std::uint8_t module);
     void forward(Client& client, Message frame);
-    void give_back(Client& sender, std::uint8_t missing, std::uint32_t seq);
+    void refuse_receiver(Client& client, std::uint8_t receiver, std::uint32_t seq);
+    void give_back(Client& sender, std::uint8_t missing, std::uint32_t seq,
+                   std::string_view why = {});
     void give_back_waiting(const std::deque<Client::Waiting>& lost, std::uint8_t module);
     void enqueue(Client& client, SharedFrame frame, std::uint64_t sender = 0);
     void flush(Client& client);
@@ -75,6 +91,7 @@ class MsgbusBroker::Impl {
     void end(Client& client);
 
     BrokerSocket socket_;
+    const MsgbusPolicy policy_;
     const UniqueFd stop_;
     std::string error_;
     std::uint64_t last_id_ = 0;
@@ -156,10 +173,8 @@ void MsgbusBroker::Impl::accept_all() {
 }
 
 void MsgbusBroker::Impl::admit(UniqueFd fd) {
-    ucred process{};
-    socklen_t length = sizeof process;
-    if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &process, &length) == 0)
-        clients_.push_back(std::make_unique<Client>(std::move(fd), process, ++last_id_));
+    if (std::optional<msgbus::Peer> peer = msgbus::peer_of(fd.get()))
+        clients_.push_back(std::make_unique<Client>(std::move(fd), std::move(*peer), ++last_id_));
 }
 
 void MsgbusBroker::Impl::end_latecomers() {
@@ -236,6 +251,11 @@ void MsgbusBroker::Impl::attach_monitor(Client& client) {
 }
 
 void MsgbusBroker::Impl::attach_module(Client& client, std::uint8_t module) {
+    const std::optional<MsgbusPolicy::Modules> receivers = policy_.receivers(client.user(), module);
+    if (!receivers) {
+        refuse_module(client, module);
+        return;
+    }
     Client*& holder = holders_[module];
     // A holder that has died holds nothing; what it sent last is still to be forwarded.
     while (holder && holder->hung_up())
@@ -248,10 +268,20 @@ void MsgbusBroker::Impl::attach_module(Client& client, std::uint8_t module) {
         return;
     }
     holder = &client;
-    client.become_module(module);
+    client.become_module(module, *receivers);
     const SharedFrame answer = make_message(make_header(MSGBUS_ATTACH, module, module));
     enqueue(client, answer);
     show(answer);
+}
+
+void MsgbusBroker::Impl::refuse_module(Client& client, std::uint8_t module) {
+    logsink_message(SINK_WARNING, "msgbus broker: uid %u of process %d must not be module %u",
+                    static_cast<unsigned>(client.uid()), static_cast<int>(client.pid()), module);
+    const SharedFrame refusal =
+        make_notice(make_header(MSGBUS_UNDELIVERABLE, module, module), kForbidden);
+    if (refusal && client.enqueue(refusal, 0))
+        static_cast<void>(client.flush());  // the first bytes on this connection: there is room
+    end(client);
 }
 
 void MsgbusBroker::Impl::forward(Client& client, Message frame) {
@@ -260,6 +290,10 @@ void MsgbusBroker::Impl::forward(Client& client, Message frame) {
     const SharedFrame shared{std::move(frame)};
     show(shared);
     const std::uint8_t dst = shared->header.dst;
+    if (!client.may_send_to(dst)) {
+        refuse_receiver(client, dst, shared->header.seq);
+        return;
+    }
     Client* receiver = dst < holders_.size() ? holders_[dst] : nullptr;
     if (receiver && !receiver->is_behind())
         enqueue(*receiver, shared, client.id());
@@ -267,10 +301,21 @@ void MsgbusBroker::Impl::forward(Client& client, Message frame) {
         give_back(client, dst, shared->header.seq);
 }
 
-void MsgbusBroker::Impl::give_back(Client& sender, std::uint8_t missing, std::uint32_t seq) {
+void MsgbusBroker::Impl::refuse_receiver(Client& client, std::uint8_t receiver, std::uint32_t seq) {
+    if (client.is_first_refusal(receiver))
+        logsink_message(
+            SINK_WARNING,
+            "msgbus broker: module %u, uid %u of process %d, must not send to module %u",
+            client.module(), static_cast<unsigned>(client.uid()), static_cast<int>(client.pid()),
+            receiver);
+    give_back(client, receiver, seq, kForbidden);
+}
+
+void MsgbusBroker::Impl::give_back(Client& sender, std::uint8_t missing, std::uint32_t seq,
+                                   std::string_view why) {
     message_header_s header = make_header(MSGBUS_UNDELIVERABLE, missing, sender.module(), seq);
     header.src_uid = static_cast<std::uint32_t>(geteuid());
-    const SharedFrame frame = make_message(header);
+    const SharedFrame frame = make_notice(header, why);
     show(frame);
     enqueue(sender, frame);
 }
@@ -345,8 +390,8 @@ void MsgbusBroker::Impl::end(Client& client) {
 
 // ---- the public face
 
-MsgbusBroker::MsgbusBroker(std::string socket_path)
-    : impl_(std::make_unique<Impl>(std::move(socket_path))) {}
+MsgbusBroker::MsgbusBroker(std::string socket_path, MsgbusSettings settings)
+    : impl_(std::make_unique<Impl>(std::move(socket_path), std::move(settings))) {}
 
 MsgbusBroker::~MsgbusBroker() = default;
 

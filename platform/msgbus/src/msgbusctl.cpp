@@ -93,22 +93,27 @@ void send(Connection& bus, const Options& options, int dst, std::uint32_t seq,
         fail("lost the connection to the bus");
 }
 
-// The next data frame with that number; empty in the end. Ends the program when the bus reports the
+// The next frame with that number; empty in the end. Ends the program when the bus reports the
 // request as undeliverable.
 Message await(Connection& bus, std::uint32_t seq, Connection::Clock::time_point deadline) {
     while (bus.wait(deadline)) {
         Message frame = bus.take();
         if (frame->header.type == MSGBUS_UNDELIVERABLE && frame->header.seq == kRequestSeq)
             fail("module " + std::to_string(frame->header.src) +
-                 " is not on the bus or does not take its messages");
-        if (frame->header.type == MSGBUS_DATA && frame->header.seq == seq)
+                 (frame->header.len > 0
+                      ? " must not be sent to: " +
+                            std::string{reinterpret_cast<const char*>(frame->payload)}
+                      : " is not on the bus or does not take its messages"));
+        const bool has_number =
+            frame->header.type == MSGBUS_DATA || frame->header.type == MSGBUS_UNDELIVERABLE;
+        if (has_number && frame->header.seq == seq)
             return frame;
     }
     return nullptr;
 }
 
-// The broker handles the frames of a client in order: when a message to ourselves is back, an
-// undeliverable request would have come back before it.
+// The broker handles the frames of a client in order: when a message to ourselves is back, be it
+// because the policy forbids it, an undeliverable request would have come back before it.
 void confirm_delivery(Connection& bus, const Options& options) {
     send(bus, options, options.module, kBarrierSeq, {});
     if (!await(bus, kBarrierSeq, Connection::Clock::now() + std::chrono::seconds{kDeliverySeconds}))

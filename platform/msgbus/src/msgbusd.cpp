@@ -3,10 +3,12 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "frame.h"
@@ -16,9 +18,10 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: msgbusd [-h] [-s SOCKET]\n"
+    "usage: msgbusd [-h] [-s SOCKET] [-c FILE] [-g GROUP] [-m MODE]\n"
     "Serves the local message bus at SOCKET (default: $MSGBUS_SOCKET, or %s)\n"
-    "until SIGTERM or SIGINT.\n";
+    "until SIGTERM or SIGINT. FILE (default: %s) says who may do what.\n";
+constexpr const char* kDefaultConfig = "/etc/lumd/msgbusd.conf";
 
 MsgbusBroker* running = nullptr;  // for the signal handler
 
@@ -34,24 +37,81 @@ void stop_on_signals(MsgbusBroker& broker) {
     sigaction(SIGINT, &action, nullptr);
 }
 
+[[noreturn]] void fail(const std::string& why) {
+    logsink_message(SINK_ERROR, "msgbusd: %s", why.c_str());
+    std::fprintf(stderr, "msgbusd: %s\n", why.c_str());
+    std::exit(EXIT_FAILURE);
+}
+
+[[noreturn]] void show_usage(int status) {
+    std::fprintf(status == EXIT_SUCCESS ? stdout : stderr, kUsage, MSGBUS_DEFAULT_SOCKET,
+                 kDefaultConfig);
+    std::exit(status);
+}
+
+struct Options {
+    std::string socket = msgbus::default_socket_path();
+    const char* config = nullptr;  // these three: null when not given
+    const char* group = nullptr;
+    const char* mode = nullptr;
+};
+
+Options parse_options(int argc, char** argv) {
+    Options options;
+    for (int option = 0; (option = getopt(argc, argv, "hs:c:g:m:")) != -1;) {
+        switch (option) {
+            case 's':
+                options.socket = optarg;
+                break;
+            case 'c':
+                options.config = optarg;
+                break;
+            case 'g':
+                options.group = optarg;
+                break;
+            case 'm':
+                options.mode = optarg;
+                break;
+            default:
+                show_usage(option == 'h' ? EXIT_SUCCESS : EXIT_FAILURE);
+        }
+    }
+    if (optind < argc)
+        show_usage(EXIT_FAILURE);
+    return options;
+}
+
+// What the file says, and above it the options. Only a file that nobody has asked for may be
+// missing.
+MsgbusSettings read_settings(const Options& options) {
+    MsgbusSettings settings;
+    const std::string path = options.config != nullptr ? options.config : kDefaultConfig;
+    errno = 0;
+    std::ifstream file{path, std::ios::binary};
+    if (file) {
+        std::string text;
+        for (std::string line; std::getline(file, line);)
+            text += line + '\n';
+        if (file.bad())
+            fail(path + " cannot be read");
+        if (const std::string error = settings.take(text); !error.empty())
+            fail(path + ": " + error);
+    } else if (options.config != nullptr || errno != ENOENT) {
+        fail(path + ": " + std::strerror(errno));
+    }
+    if (options.group != nullptr && !settings.set_group(options.group))
+        fail(std::string{"there is no group "} + options.group);
+    if (options.mode != nullptr && !settings.set_mode(options.mode))
+        fail(std::string{"'"} + options.mode + "' is no mode");
+    return settings;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string path = msgbus::default_socket_path();
-    for (int option = 0; (option = getopt(argc, argv, "hs:")) != -1;) {
-        if (option != 's') {
-            std::fprintf(option == 'h' ? stdout : stderr, kUsage, MSGBUS_DEFAULT_SOCKET);
-            return option == 'h' ? EXIT_SUCCESS : EXIT_FAILURE;
-        }
-        path = optarg;
-    }
-    if (optind < argc) {
-        std::fprintf(stderr, kUsage, MSGBUS_DEFAULT_SOCKET);
-        return EXIT_FAILURE;
-    }
-
+    const Options options = parse_options(argc, argv);
     logsink_set_name("msgbusd");
-    MsgbusBroker broker{path};
+    MsgbusBroker broker{options.socket, read_settings(options)};
     stop_on_signals(broker);
     if (!broker.open()) {
         std::fprintf(stderr, "msgbusd: %s\n", broker.error().c_str());

@@ -1,10 +1,13 @@
 """A client of the message bus that shares no code with the agent, and the broker's process."""
 import os
+import pathlib
 import signal
 import socket
 import struct
 import subprocess
 import time
+
+from labshow.policy import write_policy
 
 from .waiting import PATIENCE, wait_until
 
@@ -97,10 +100,11 @@ class Broker:
     def __init__(self, program, socket_path):
         self.program = program
         self.path = socket_path
+        self.policy = write_policy(pathlib.Path(f"{socket_path}.conf"))
         self.process = None
 
     def start(self):
-        self.process = subprocess.Popen([self.program, "-s", self.path])
+        self.process = subprocess.Popen([self.program, "-s", self.path, "-c", self.policy])
         wait_until(self._listens, "msgbusd listens")
         return self
 

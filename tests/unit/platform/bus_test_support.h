@@ -164,7 +164,9 @@ class ScopedEnvironment {
 // A running broker; ended and its socket gone when it is destroyed.
 class RunningBroker {
   public:
-    explicit RunningBroker(const std::string& path) : broker_(path) {
+    explicit RunningBroker(const std::string& path,
+                           MsgbusSettings settings = MsgbusSettings::for_everybody())
+        : broker_(path, std::move(settings)) {
         if (!broker_.open())
             throw std::runtime_error{broker_.error()};
         thread_ = std::thread{[this] { broker_.run(); }};

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -51,6 +52,31 @@ TEST_F(Msgbusctl, ReportsAMessageThatCannotBeDelivered) {
         EXPECT_THAT(program.rest(), HasSubstr("module 6 is not on the bus"));
         EXPECT_EQ(program.exit_status(), 1);
     }
+}
+
+// Each way to send, from a module that may send to 6 alone.
+TEST_F(Msgbusctl, TellsWhatThePolicyForbids) {
+    broker.reset();
+    MsgbusSettings settings;
+    ASSERT_EQ(settings.take("allow=" + std::to_string(getuid()) + " as 40,6 to 6"), "");
+    broker = std::make_unique<RunningBroker>(path, settings);
+    RawPeer receiver{path};
+    ASSERT_TRUE(receiver.attach(6));
+    Program allowed{command({"-m40", "send", "6", "x"})};
+    EXPECT_EQ(allowed.rest(), "");
+    EXPECT_EQ(allowed.exit_status(), 0);
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"-m40"}, std::vector<std::string>{"-m40", "-t1"}}) {
+        std::vector<std::string> arguments = options;
+        arguments.insert(arguments.end(), {"send", "1", "x"});
+        Program forbidden{command(arguments)};
+        EXPECT_THAT(forbidden.rest(), HasSubstr("module 1 must not be sent to: the policy of the "
+                                                "bus forbids it"));
+        EXPECT_EQ(forbidden.exit_status(), 1);
+    }
+    Program stranger{command({"-m41", "send", "6", "x"})};
+    EXPECT_THAT(stranger.rest(), HasSubstr("the policy of the bus forbids it"));
+    EXPECT_EQ(stranger.exit_status(), 1);
 }
 
 TEST_F(Msgbusctl, WaitsForTheAnswerAndPrintsIt) {

@@ -1,10 +1,13 @@
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bus_test_support.h"
 #include "program.h"
@@ -31,6 +34,12 @@ class Msgbusd : public testing::Test {
             }
             std::this_thread::yield();
         }
+    }
+
+    [[nodiscard]] unsigned mode_of_socket() const {
+        struct stat status {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_mode & 07777u;
     }
 
     TemporaryFolder folder;
@@ -76,6 +85,53 @@ TEST_F(Msgbusd, SaysInOneLineWhyItCannotServe) {
     EXPECT_THAT(daemon.line(), StartsWith("msgbusd: cannot listen on " + folder.path()));
     EXPECT_EQ(daemon.rest(), "");
     EXPECT_EQ(daemon.exit_status(), 1);
+}
+
+// Joins and sends as the policy file below allows.
+TEST_F(Msgbusd, FollowsThePolicyInItsFile) {
+    const std::string me = std::to_string(getuid());
+    folder.write("conf", "mode=0600\nallow=" + me + " as 5 to 6\nallow=" + me + " as 6 to 5\n");
+    Program daemon{{MSGBUSD, "-s", path, "-c", folder / "conf"}};
+    RawPeer five = join(5);
+    RawPeer six = join(6);
+    ASSERT_TRUE(five.send(6, 1, "allowed"));
+    EXPECT_EQ(six.read()->payload, "allowed");
+    ASSERT_TRUE(five.send(5, 2, "not allowed"));
+    EXPECT_EQ(five.read()->header.type, MSGBUS_UNDELIVERABLE);
+    EXPECT_FALSE(RawPeer{path}.attach(7));
+    EXPECT_EQ(mode_of_socket(), 0600u);
+}
+
+TEST_F(Msgbusd, IsRootsAndItsOwnUsersWithoutAFile) {
+    Program daemon{{MSGBUSD, "-s", path}};
+    const RawPeer peer = join(5);
+    EXPECT_EQ(mode_of_socket(), 0660u);
+}
+
+TEST_F(Msgbusd, TakesGroupAndModeFromItsOptionsBeforeItsFile) {
+    const std::string group = std::to_string(getgid());
+    folder.write("conf", "group=" + group + "\nmode=0600\nallow=any as any to any\n");
+    Program daemon{{MSGBUSD, "-s", path, "-c", folder / "conf", "-g", group, "-m", "0640"}};
+    const RawPeer peer = join(5);
+    EXPECT_EQ(mode_of_socket(), 0640u);
+}
+
+TEST_F(Msgbusd, DoesNotServeWithSettingsThatItDoesNotUnderstand) {
+    folder.write("conf", "# rules\nallow=any\n");
+    const std::vector<std::vector<std::string>> wrong{{"-c", folder / "conf"},
+                                                      {"-c", folder / "missing"},
+                                                      {"-c", folder.path()},
+                                                      {"-g", "no-such-group"},
+                                                      {"-m", "rw"}};
+    for (const std::vector<std::string>& options : wrong) {
+        std::vector<std::string> line{MSGBUSD, "-s", path};
+        line.insert(line.end(), options.begin(), options.end());
+        Program daemon{line};
+        EXPECT_THAT(daemon.line(), StartsWith("msgbusd: ")) << options[1];
+        EXPECT_EQ(daemon.rest(), "") << options[1];
+        EXPECT_EQ(daemon.exit_status(), 1) << options[1];
+        EXPECT_FALSE(std::filesystem::exists(path)) << options[1];
+    }
 }
 
 TEST_F(Msgbusd, ExplainsItsUse) {
