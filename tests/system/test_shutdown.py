@@ -4,10 +4,12 @@ import signal
 import pytest
 
 from lumdtest.lab import CONFIG
+from lumdtest.msgbus import ORVANTA, Flood
 from lumdtest.service import MuteServer
 from lumdtest.waiting import wait_until
 
 SPEED = 20
+FLOODING_MODULE = 100
 URL_KEY = {"rrm": "orvanta_service_url", "wids": "mac-list-service-url"}
 
 pytestmark = pytest.mark.threads
@@ -134,6 +136,18 @@ def test_ends_after_the_one_wait_for_a_silent_vaultd(start_lab, number):
     assert end(lab, number) == 0
     assert lab.events(asked, what="get") == []
     assert lab.events(what="subscribe-request") == []
+
+
+def test_a_flood_does_not_prolong_the_wait_for_a_silent_vaultd(start_lab):
+    lab = start_lab(start_lumd=False)
+    lab.ap("daemon", name="vaultd", answer="silent")
+    lab.start_lumd()
+    lab.wait("get")
+    with Flood(lab.lab.bus_path, FLOODING_MODULE, ORVANTA):
+        lab.wait("get", lab.mark())
+        asked = lab.mark()
+        assert end(lab, signal.SIGTERM) == 0
+        assert lab.events(asked, what="get") == []
 
 
 @both_signals

@@ -5,6 +5,7 @@ import signal
 import socket
 import struct
 import subprocess
+import threading
 import time
 
 from labshow.policy import write_policy
@@ -14,7 +15,7 @@ from .waiting import PATIENCE, wait_until
 HEADER = struct.Struct("=BBBBIIIB")
 MAGIC, VERSION = 0xB5, 1
 DATA, ATTACH, UNDELIVERABLE = 0, 1, 2
-LUMD, PORTAL, ORVANTA_EVENTS = 2, 3, 31
+LUMD, PORTAL, ORVANTA, ORVANTA_EVENTS = 2, 3, 28, 31
 MAX_PAYLOAD = 16 * 1024 * 1024
 
 
@@ -92,6 +93,43 @@ class BusClient:
 
     def __exit__(self, *_):
         self.close()
+
+
+class Flood:
+    """A module that sends to another as fast as it can while the with block runs."""
+
+    BURST = 1000
+
+    def __init__(self, path, module, to):
+        self.client = BusClient(path, module)
+        self.client.socket.settimeout(None)
+        self.burst = frame(to, b"{}") * self.BURST
+        # What the broker gives back must be taken, or it reads no more.
+        self.threads = [threading.Thread(target=self._until_the_end, args=(step,))
+                        for step in (lambda: self.client.send_raw(self.burst),
+                                     lambda: self.client.socket.recv(1 << 20) or self._end())]
+
+    def _until_the_end(self, step):
+        try:
+            while True:
+                step()
+        except OSError:
+            pass
+
+    @staticmethod
+    def _end():
+        raise ConnectionError("the broker closed the connection")
+
+    def __enter__(self):
+        for thread in self.threads:
+            thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.client.socket.shutdown(socket.SHUT_RDWR)
+        for thread in self.threads:
+            thread.join()
+        self.client.close()
 
 
 class Broker:
