@@ -4,12 +4,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <type_traits>
 
 #include "json_reader.h"
 #include "json_writer.h"
 #include "lum_trace.h"
+#include "lws_gate.h"
+#include "mutex_guard.h"
 #include "owned.h"
 #include "text.h"
 
@@ -19,7 +20,6 @@ constexpr int service_period_ms = 100;
 constexpr int idle_delay_us = 100000;
 constexpr int max_service_calls = 64;
 constexpr int reconnect_pause_us = 1000000;
-constexpr int ping_timeout_s = 60;
 constexpr int every_lws_log_level = 1023;
 constexpr std::size_t smallest_delay_base = 2;  // seconds
 
@@ -120,12 +120,12 @@ bool websock_worker::execute() {
     int result = 0;
     int calls = 0;
     do {
-        called_back = false;
+        traffic = false;
         ask_writeable_when_due();
         bound_service();
-        result = lws_service(ws_context.get(), service_period_ms);
+        result = lws_service(own_context(), service_period_ms);
         tp.process_once();
-    } while (result >= 0 && called_back && ++calls < max_service_calls && can_run &&
+    } while (result >= 0 && traffic && ++calls < max_service_calls && can_run &&
              condition(running));
     if (result >= 0)
         put_event();
@@ -134,11 +134,11 @@ bool websock_worker::execute() {
 
 void websock_worker::__disconnect() {
     from_ipc.unset_user_notifier();
-    const std::lock_guard<LockdepMutex> lock(ctx_mutex);
+    const mutex_guard lock(ctx_mutex);
     trace.debug("%s->Stopping\n", worker_name);
     notify_disconnected();
     lws_conn_established = false;
-    tp.del_timer(ping_timer);
+    stop_keepalive();
     close_context();
     lws_callback_obj.clear();
     drop_received();
@@ -149,7 +149,7 @@ bool websock_worker::condition(const volatile bool& flag) {
 }
 
 bool websock_worker::_connect() {
-    const std::lock_guard<LockdepMutex> lock(ctx_mutex);
+    const mutex_guard lock(ctx_mutex);
     if (ctx_unlink_connection)
         return false;
     lws_callback_obj.set(
@@ -166,7 +166,7 @@ bool websock_worker::_connect() {
         return false;
     }
     fill_connect_info();
-    trace.debug("%s-> %s: Try to establish connect with server %s:%d%s\n", worker_name, "_connect",
+    trace.debug("%s-> %s: Try to establish connect with server %s:%d%s\n", worker_name, __func__,
                 domain.c_str(), port, path.c_str());
     if (lws_client_connect_via_info(&connect_info) == nullptr) {
         close_context();
@@ -220,7 +220,7 @@ void websock_worker::close_context() {
 void websock_worker::bound_service() {
     static_assert(std::is_standard_layout_v<service_bound>);
     bound.worker = this;
-    lws_sul_schedule(ws_context.get(), 0, &bound.sul, bound_reached,
+    lws_sul_schedule(own_context(), 0, &bound.sul, bound_reached,
                      (service_period_ms + 1) * LWS_US_PER_MS);
 }
 
@@ -240,9 +240,9 @@ void websock_worker::unbound_service() {}
 
 #endif
 
-// A message of the partner asks at once. Beyond that WRITEABLE has work while a ping is due or a
-// pong is awaited, for it is where both are looked after: that is seen to once a period. To ask an
-// idle link every time would wake it twice a period for nothing.
+// A message of the partner asks at once. Beyond that WRITEABLE has work while a ping is due: that
+// is seen to once a period. To ask an idle link every time would wake it twice a period for
+// nothing.
 void websock_worker::ask_writeable_when_due() {
     if (link == nullptr)
         return;
@@ -250,7 +250,7 @@ void websock_worker::ask_writeable_when_due() {
     const bool period_over = now >= next_ask;
     if (period_over)
         next_ask = now + std::chrono::milliseconds(service_period_ms);
-    if (send_due.exchange(false) || (period_over && (ping_noanswer > 0 || is_ping_due())))
+    if (send_due.exchange(false) || (period_over && is_ping_due()))
         lws_callback_on_writable(link);
 }
 
@@ -292,21 +292,11 @@ void websock_worker::delay_loop_dequeue_cb(const buffer_info_ptr& buffer) {
 
 // The partner's thread. One wake-up is enough for all messages that arrive before the worker looks.
 void websock_worker::ipc_notifier() {
-    const std::lock_guard<LockdepMutex> lock(ctx_mutex);
+    const mutex_guard lock(ctx_mutex);
     if (!ws_context || !lws_conn_established || send_due.exchange(true))
         return;
     put_event();
     lws_cancel_service(ws_context.get());
-}
-
-void websock_worker::ping_timeout() {
-    trace.debug("ping_timeout");
-    can_run = false;
-}
-
-void websock_worker::rearm_ping_timer() {
-    tp.del_timer(ping_timer);
-    tp.add_timer(binded_ping_timeout, ping_timer, ping_timeout_s);
 }
 
 int websock_worker::lws_send(lws* wsi, const void* data, std::size_t len,
@@ -320,10 +310,10 @@ int websock_worker::lws_send(lws* wsi, const void* data, std::size_t len,
         written = lws_write(wsi, frame.get() + LWS_PRE, len, protocol);
     }
     if (written < 0)
-        trace.error("%s->%s:Can't send msg type [%d] to websocket\n", worker_name, "lws_send",
+        trace.error("%s->%s:Can't send msg type [%d] to websocket\n", worker_name, __func__,
                     static_cast<int>(protocol));
     else if (protocol != LWS_WRITE_PING)
-        trace.info("%s->%s:Send msg type [%d] len [%d/%d]  to websocket\n", worker_name, "lws_send",
+        trace.info("%s->%s:Send msg type [%d] len [%d/%d]  to websocket\n", worker_name, __func__,
                    static_cast<int>(protocol), written, static_cast<int>(len));
     return written;
 }

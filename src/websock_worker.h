@@ -12,43 +12,16 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "LockdepMutex.h"
 #include "abstract_worker.h"
 #include "safe_queue.h"
+#include "thread_annotations.h"
 #include "timer_processor.h"
 #include "websock_cfg.h"
 
 // The services, numbered like ws_instance_id.
 enum WsServiceType { PORTAL = 0, RRM = 1, WIDS = 2 };
-
-// The gate between libwebsockets, which knows only a C function, and the worker that owns the
-// context. A callback holds `m` as long as it runs, so after clear() none reaches the worker.
-// The lock is recursive because the library calls back out of calls that callbacks make.
-class LockedLwsCallback {
-  public:
-    using callback_type =
-        std::function<int(lws*, lws_callback_reasons, void* user, void* in, std::size_t len)>;
-
-    explicit LockedLwsCallback(std::string lock_name) : m(std::move(lock_name)) {}
-
-    void set(callback_type function);
-    void clear();
-
-    // Calls the installed function; logs and returns 0 when there is none.
-    int call(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);
-
-  private:
-    LockdepRecursiveMutex m;
-    callback_type func;  // guarded by m
-};
-
-// The one gate of the process: only one websock_worker exists in it.
-extern LockedLwsCallback lws_callback_obj;
-
-// The identifier of a callback reason, "UNKNOWN_LWS_CALLBACK_REASON" for a number without a name.
-const char* lws_callback_reason_name(int reason);
 
 // Receivers of the library's log lines, one per service.
 void portal_lwsl_convert_log(int level, const char* line);
@@ -99,8 +72,12 @@ class websock_worker : public abstract_worker {
     // --- websock_worker.cpp: connection, back-off, sending ---
     [[nodiscard]] bool _connect();
     void fill_creation_info();
-    void fill_connect_info();
-    void close_context();
+    void fill_connect_info() LUMD_REQUIRES(ctx_mutex);
+    void close_context() LUMD_REQUIRES(ctx_mutex);
+    // For the worker's own thread, which alone makes and destroys the context.
+    [[nodiscard]] lws_context* own_context() const LUMD_NO_THREAD_SAFETY_ANALYSIS {
+        return ws_context.get();
+    }
     void bound_service();
     void unbound_service();
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000
@@ -113,8 +90,6 @@ class websock_worker : public abstract_worker {
     [[nodiscard]] bool delay_with_periodic_cb();
     void delay_loop_dequeue_cb(const buffer_info_ptr& buffer);
     void ipc_notifier();
-    void ping_timeout();
-    void rearm_ping_timer();
     int lws_send(lws* wsi, const void* data, std::size_t len, lws_write_protocol protocol);
     void notify(const char* cmd);
     void notify_connected() {
@@ -128,25 +103,30 @@ class websock_worker : public abstract_worker {
     void process_internal_unlink();
 
     // --- websock_worker_callbacks.cpp: what libwebsockets reports ---
-    static int __callback_lws_process(lws* wsi, lws_callback_reasons reason, void* user, void* in,
-                                      std::size_t len);
     int worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in,
                             std::size_t len);
     int process_client_connection_error();
     int process_client_established(lws* wsi);
     int process_closed();
     int process_client_receive(lws* wsi, const void* in, std::size_t len);
-    int queue_received();
+    void queue_received();
     [[nodiscard]] bool append_received(const void* in, std::size_t len);
-    int process_client_receive_pong();
     int process_client_writeable(lws* wsi);
     void process_client_writeable_dequeue_cb(lws* wsi, const buffer_info_ptr& buffer);
-    [[nodiscard]] bool is_ping_due() const;
-    void send_due_ping(lws* wsi);
     int process_protocol_destroy();
     void log_handler(const char* handler, int line) const;
 
-    LockdepMutex ctx_mutex;  // guards ws_context against the notifier's thread
+    // --- websock_worker_keepalive.cpp: is the other end still there ---
+    void start_keepalive();
+    void stop_keepalive();
+    void rearm_ping_timer();
+    void ping_timeout();
+    [[nodiscard]] bool is_ping_due() const;
+    void send_due_ping(lws* wsi);
+    int process_client_receive_pong();
+    void drop_silent_link();
+
+    LockdepMutex ctx_mutex;  // keeps the context alive while the partner's thread wakes it
     timer_processor tp;
     const char* const worker_name;
     const WsServiceType type;
@@ -154,7 +134,8 @@ class websock_worker : public abstract_worker {
     safe_queue& to_ipc;
     lws_context_creation_info creation_info{};  // rebuilt on every connect, like the next two
     lws_client_connect_info connect_info{};
-    std::unique_ptr<lws_context, context_deleter> ws_context;  // null while not connected
+    std::unique_ptr<lws_context, context_deleter> ws_context
+        LUMD_GUARDED_BY(ctx_mutex);  // null while not connected
     lws_callback_function* const callback_ptr;
     void (*const logger_callback)(int level, const char* line);  // null: unknown service
     const std::string domain;
@@ -165,7 +146,7 @@ class websock_worker : public abstract_worker {
     int ping_noanswer = 0;  // pings since the last pong
     bool lws_callback_process_active = false;
     std::atomic<bool> lws_conn_established = false;  // the handshake completed
-    bool called_back = false;                        // by the library, in this service call
+    bool traffic = false;                            // a message moved in this service call
     bool ctx_unlink_connection = false;              // final: no new connection is made
     timespec thread_monotime{};                      // of the last ping or of the handshake
     const timer_callback_type binded_ping_timeout;
@@ -179,7 +160,7 @@ class websock_worker : public abstract_worker {
     service_bound bound{};
     std::chrono::steady_clock::time_point next_ask;  // for WRITEABLE while there is nothing to send
     lws* link = nullptr;                             // the established connection
-    std::atomic<bool> send_due = false;              // the partner has enqueued since the last pass
+    std::atomic<bool> send_due = false;              // the next pass asks for WRITEABLE
 };
 
 #endif

@@ -1,34 +1,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "log_capture.h"
-#include "test_clock.h"
-#include "websock_worker.h"
-#include "websock_worker_peer.h"
+#include "lws_calls.h"
+#include "lws_gate.h"
+#include "websock_link_fixture.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-constexpr std::size_t mebibyte = 1024 * 1024;
-
-class WebsockLink : public testing::Test {
-  protected:
-    void establish() {
-        ASSERT_TRUE(peer.establish());
-        ASSERT_THAT(peer.received(), ElementsAre(connected_text));
-    }
-    bool lost() {
-        return peer.until([this] { return !peer.usable(); });
-    }
-
-    websock_worker_peer peer;
-    RawService& service = peer.service;
-};
 
 // --- the connection ---
 
@@ -56,6 +41,16 @@ TEST_F(WebsockLink, IsNotEstablishedBeforeTheHandshake) {
     EXPECT_THAT(peer.received(), IsEmpty());
     service.reading = true;
     EXPECT_TRUE(peer.until([&] { return peer.established(); }));
+}
+
+TEST_F(WebsockLink, SendsWhatWasQueuedDuringTheHandshakeOnceItIsEstablished) {
+    service.reading = false;
+    ASSERT_TRUE(peer.connect());
+    step(1);
+    peer.enqueue("early");
+    service.reading = true;
+    EXPECT_TRUE(peer.until([&] { return !service.texts.empty(); }));
+    EXPECT_THAT(service.texts, ElementsAre("early"));
 }
 
 TEST_F(WebsockLink, TakesUpTheRunFlag) {
@@ -98,6 +93,75 @@ TEST_F(WebsockLink, EndsTheAttemptWhenNobodyListens) {
         log.contains("websock-rrm-> _connect: Try to establish connect with server 127.0.0.1:1/"));
 }
 
+TEST_F(WebsockLink, TellsThePartnerOfNoLinkBeforeEveryAttempt) {
+    ASSERT_TRUE(peer.attempt());
+    EXPECT_THAT(peer.received(), ElementsAre(disconnected_text));
+    peer.disconnect();
+    EXPECT_THAT(peer.received(), ElementsAre(disconnected_text));
+    service.drop();
+    ASSERT_TRUE(peer.attempt());
+    EXPECT_THAT(peer.received(), ElementsAre(disconnected_text));
+}
+
+TEST_F(WebsockLink, IsAttemptedAlthoughTheRunFlagFellDuringTheDelay) {
+    peer.run = false;
+    ASSERT_TRUE(peer.attempt());
+    EXPECT_TRUE(peer.has_context());
+    EXPECT_TRUE(peer.until([&] { return service.connections == 1; }));
+    EXPECT_FALSE(peer.usable()) << "and then the run loop disconnects at once";
+}
+
+TEST_F(WebsockLink, LeavesNothingBehindWhenTheLibraryMakesNoContext) {
+    const LogCapture log;
+    LwsCalls calls;
+    calls.refuse_contexts = true;
+    EXPECT_FALSE(peer.connect());
+    EXPECT_TRUE(log.contains("error: websock-rrm->Creating libwebsocket context failed"));
+    expect_cleared_gate();
+}
+
+TEST_F(WebsockLink, LeavesNothingBehindWhenTheLibraryMakesNoConnection) {
+    const LogCapture log;
+    LwsCalls calls;
+    calls.refuse_connects = true;
+    EXPECT_FALSE(peer.connect());
+    EXPECT_FALSE(peer.has_context());
+    EXPECT_FALSE(log.contains("websock-rrm->Connected"));
+    expect_cleared_gate();
+    calls.refuse_connects = false;
+    EXPECT_TRUE(peer.establish()) << "the next attempt is a whole one";
+}
+
+TEST_F(WebsockLink, AsksTheLibraryForAPlainClientContext) {
+    const LwsCalls calls;
+    ASSERT_TRUE(peer.connect());
+    const lws_context_creation_info& info = calls.context_info;
+    EXPECT_EQ(info.port, CONTEXT_PORT_NO_LISTEN);
+    EXPECT_EQ(info.gid, static_cast<decltype(info.gid)>(-1));
+    EXPECT_EQ(info.uid, static_cast<decltype(info.uid)>(-1));
+    EXPECT_EQ(info.options, 0U);
+    EXPECT_EQ(info.extensions, nullptr);
+    EXPECT_STREQ(info.protocols[0].name, "websock-rrm");
+    EXPECT_EQ(info.protocols[0].callback, __callback_lws_process);
+    EXPECT_EQ(info.protocols[0].per_session_data_size, 0U);
+    EXPECT_EQ(info.protocols[0].rx_buffer_size, 0U);
+    EXPECT_EQ(info.protocols[0].id, 0U);
+    EXPECT_EQ(info.protocols[0].user, peer.worker());
+    EXPECT_EQ(info.protocols[1].name, nullptr);
+    EXPECT_EQ(info.protocols[1].callback, nullptr);
+}
+
+TEST_F(WebsockLink, AsksTheLibraryForAPlainConnection) {
+    const LogCapture log;
+    const LwsCalls calls;
+    ASSERT_TRUE(peer.connect());
+    EXPECT_TRUE(log.contains("debug: websock-rrm->Connected"));
+    EXPECT_EQ(calls.connect_info.ssl_connection, 0);
+    EXPECT_EQ(calls.connect_info.port, service.port());
+    EXPECT_EQ(calls.connect_info.ietf_version_or_minus_one, -1);
+    EXPECT_STREQ(calls.connect_info.protocol, "websock-rrm");
+}
+
 TEST_F(WebsockLink, DisconnectTellsThePartnerAndForgetsTheContext) {
     establish();
     const LogCapture log;
@@ -111,12 +175,60 @@ TEST_F(WebsockLink, DisconnectTellsThePartnerAndForgetsTheContext) {
     EXPECT_TRUE(log.contains("No function to process lws callback("));
 }
 
+TEST_F(WebsockLink, IgnoresReasonsThatItDoesNotHandle) {
+    establish();
+    EXPECT_EQ(peer.callback(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE), 0);
+    EXPECT_TRUE(peer.usable());
+}
+
 TEST_F(WebsockLink, NamesReasonsThatItDoesNotHandle) {
     const LogCapture log;
     establish();
     EXPECT_TRUE(log.contains("websock-rrm->worker_lws_callback:"));
     EXPECT_TRUE(log.contains(" reason = LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER (24)"));
     EXPECT_FALSE(log.contains("POLL_FD"));
+}
+
+// --- how it ends ---
+
+class LinkEnd : public WebsockLink, public testing::WithParamInterface<lws_callback_reasons> {};
+
+TEST_P(LinkEnd, MakesTheLinkUnusable) {
+    establish();
+    const LogCapture log;
+    EXPECT_EQ(peer.callback(GetParam()), 0);
+    EXPECT_FALSE(peer.usable());
+    const char* const handler = GetParam() == LWS_CALLBACK_CLIENT_CONNECTION_ERROR
+                                    ? "process_client_connection_error"
+                                    : "process_closed";
+    EXPECT_EQ(log.count(std::string("debug: websock-rrm->") + handler + ":"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Reasons, LinkEnd,
+                         testing::Values(LWS_CALLBACK_CLIENT_CONNECTION_ERROR, LWS_CALLBACK_CLOSED,
+                                         LWS_CALLBACK_CLOSED_HTTP, LWS_CALLBACK_CLOSED_CLIENT_HTTP,
+                                         LWS_CALLBACK_CLIENT_CLOSED));
+
+class SilentReason : public WebsockLink,
+                     public testing::WithParamInterface<lws_callback_reasons> {};
+
+TEST_P(SilentReason, IsIgnoredWithoutALine) {
+    const LogCapture log;
+    EXPECT_EQ(peer.callback(GetParam()), 0);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Reasons, SilentReason,
+                         testing::Values(LWS_CALLBACK_GET_THREAD_ID, LWS_CALLBACK_ADD_POLL_FD,
+                                         LWS_CALLBACK_DEL_POLL_FD, LWS_CALLBACK_CHANGE_MODE_POLL_FD,
+                                         LWS_CALLBACK_LOCK_POLL, LWS_CALLBACK_UNLOCK_POLL));
+
+TEST_F(WebsockLink, OnlyLogsTheEndOfTheProtocol) {
+    establish();
+    const LogCapture log;
+    EXPECT_EQ(peer.callback(LWS_CALLBACK_PROTOCOL_DESTROY), 0);
+    EXPECT_TRUE(log.contains("debug: websock-rrm->process_protocol_destroy:"));
+    EXPECT_TRUE(peer.usable());
 }
 
 // --- from the service ---
@@ -212,6 +324,62 @@ TEST_F(WebsockLink, SendsAnEmptyMessage) {
     EXPECT_THAT(service.texts, ElementsAre("", "next"));
 }
 
+TEST_F(WebsockLink, TakesAMessageThatTheSocketRefusesForLost) {
+    establish();
+    const LogCapture log;
+    LwsCalls calls;
+    calls.refuse_writes = true;
+    peer.enqueue("lost");
+    ASSERT_TRUE(peer.until([&] { return log.contains("Can't send"); }));
+    EXPECT_TRUE(log.contains("error: websock-rrm->lws_send:Can't send msg type [0] to websocket"));
+    EXPECT_FALSE(log.contains("Send msg type"));
+    EXPECT_TRUE(peer.usable());
+    calls.refuse_writes = false;
+    peer.enqueue("next");
+    ASSERT_TRUE(peer.until([&] { return !service.texts.empty(); }));
+    EXPECT_THAT(service.texts, ElementsAre("next"));
+}
+
+TEST_F(WebsockLink, LeavesAnIdleLibraryAlone) {
+    establish();
+    step(2);
+    const LwsCalls calls;
+    step(5);
+    EXPECT_EQ(calls.asks, 0);
+}
+
+// Nothing but the partner ends the wait of a service call here.
+TEST_F(WebsockLink, IsWokenByAMessageOfThePartner) {
+    establish();
+    step(2);
+    LwsCalls calls;
+    calls.withhold_timers = true;
+    std::thread worker([this] {
+        while (peer.usable())
+            peer.execute();
+    });
+    for (const std::size_t count : {1U, 2U, 3U}) {
+        const int asleep = calls.withheld_timers + (count == 1 ? 1 : 0);
+        EXPECT_TRUE(wait_until([&] { return calls.withheld_timers >= asleep; }));
+        peer.enqueue("wake up");
+        EXPECT_TRUE(wait_until([&] {
+            service.pump();
+            return service.texts.size() == count && calls.withheld_timers >= asleep + 2;
+        })) << "one pass sends it, the next one waits again";
+    }
+    service.drop();
+    worker.join();
+}
+
+TEST_F(WebsockLink, AMessageOfThePartnerAlsoEndsTheRunLoopsWait) {
+    establish();
+    step(2);
+    while (peer.take_event()) {
+    }
+    peer.enqueue("wake up");
+    EXPECT_TRUE(peer.take_event());
+}
+
 TEST_F(WebsockLink, KeepsTheOrderOfAFlood) {
     establish();
     constexpr int count = 5000;
@@ -255,84 +423,6 @@ TEST_F(WebsockLink, StandsAPartnerThatSendsWhileTheLinkComesAndGoes) {
     }
     over = true;
     partner.join();
-}
-
-// --- pings ---
-
-class WebsockPing : public WebsockLink {
-  protected:
-    void SetUp() override { establish(); }
-
-    bool ping_after(int seconds) {
-        const int before = service.pings;
-        clock.advance(seconds);
-        return peer.until([&] { return service.pings > before; });
-    }
-
-    TestClock clock;
-};
-
-TEST_F(WebsockPing, GoesOutEveryThirtySeconds) {
-    clock.advance(29);
-    for (int i = 0; i < 5; ++i)
-        peer.step();
-    EXPECT_EQ(service.pings, 0);
-    const LogCapture log;
-    EXPECT_TRUE(ping_after(1));
-    EXPECT_TRUE(ping_after(30));
-    EXPECT_FALSE(log.contains("Send msg type")) << "pings are not logged";
-}
-
-TEST_F(WebsockPing, IsForgottenWithItsPong) {
-    ASSERT_TRUE(ping_after(30));
-    EXPECT_TRUE(peer.until([&] { return peer.unanswered_pings() == 0; }));
-    for (int i = 0; i < 5; ++i)
-        ASSERT_TRUE(ping_after(30));
-    EXPECT_TRUE(peer.usable());
-}
-
-TEST_F(WebsockPing, DropsTheLinkWhenTheThirdStaysUnanswered) {
-    const LogCapture log;
-    service.answer_pings = false;
-    ASSERT_TRUE(ping_after(30));
-    ASSERT_TRUE(ping_after(30));
-    for (int i = 0; i < 5; ++i)
-        peer.step();
-    EXPECT_TRUE(peer.usable());
-    EXPECT_EQ(peer.unanswered_pings(), 2);
-    ASSERT_TRUE(ping_after(30));
-    EXPECT_TRUE(lost());
-    EXPECT_EQ(peer.unanswered_pings(), 0);
-    EXPECT_TRUE(log.contains("websock-rrm->There are no 3 pong answer in a row from server"));
-}
-
-TEST_F(WebsockPing, APongInBetweenResetsTheCount) {
-    service.answer_pings = false;
-    ASSERT_TRUE(ping_after(30));
-    ASSERT_TRUE(ping_after(30));
-    service.send(RawService::PONG, "");
-    ASSERT_TRUE(peer.until([&] { return peer.unanswered_pings() == 0; }));
-    ASSERT_TRUE(ping_after(30));
-    ASSERT_TRUE(ping_after(30));
-    for (int i = 0; i < 5; ++i)
-        peer.step();
-    EXPECT_TRUE(peer.usable());
-}
-
-TEST_F(WebsockPing, SixtySecondsWithoutOneSentEndTheConnection) {
-    peer.set_can_run();
-    service.reading = false;
-    peer.enqueue(std::string(32 * mebibyte, 'x'));  // more than the socket takes
-    for (int i = 0; i < 50; ++i)
-        peer.step();
-    const LogCapture log;
-    clock.advance(59);
-    peer.step();
-    EXPECT_TRUE(peer.can_run());
-    clock.advance(1);
-    EXPECT_TRUE(peer.until([&] { return !peer.can_run(); }));
-    EXPECT_TRUE(log.contains("debug: ping_timeout"));
-    EXPECT_EQ(service.pings, 0);
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include "raw_service.h"
 #include "websock_worker.h"
 
+constexpr std::chrono::seconds patience{20};  // for what ought to happen at once
+
 class websock_worker_peer {
   public:
     explicit websock_worker_peer(ws_instance_id instance = WS_INSTANCE_RRM, std::size_t initial = 1,
@@ -19,6 +21,8 @@ class websock_worker_peer {
                   instance) {}
 
     // --- steps ---
+    // Waits, then connects; the wait is none with the delays that this peer is made with.
+    bool attempt() { return worker_.__connect(); }
     // Connects without the back-off before it.
     bool connect() { return worker_._connect(); }
     void disconnect() { worker_.__disconnect(); }
@@ -38,7 +42,7 @@ class websock_worker_peer {
 
     // Lets both sides work until `done`; false when that takes too long.
     bool until(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + patience;
         while (!done()) {
             if (std::chrono::steady_clock::now() > deadline)
                 return false;
@@ -46,6 +50,7 @@ class websock_worker_peer {
         }
         return true;
     }
+    void execute() { worker_.execute(); }
     void step() {
         service.pump();
         worker_.execute();
@@ -89,6 +94,10 @@ class websock_worker_peer {
     [[nodiscard]] std::string name() const { return worker_.worker_name; }
     [[nodiscard]] bool has_converter() const { return worker_.logger_callback != nullptr; }
     [[nodiscard]] int unanswered_pings() const { return worker_.ping_noanswer; }
+    void set_unanswered_pings(int count) { worker_.ping_noanswer = count; }
+    // Whether the worker's event had been raised; it no longer is then.
+    bool take_event() { return worker_.process_eventfd(0) > 0; }
+    [[nodiscard]] const void* worker() const { return &worker_; }
     [[nodiscard]] bool can_run() const { return worker_.can_run; }
     void set_can_run() { worker_.can_run = true; }
     [[nodiscard]] std::size_t back_off() const { return worker_.connection_delay; }

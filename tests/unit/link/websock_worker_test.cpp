@@ -43,34 +43,6 @@ TEST(WebsockWorkerNames, LibraryLinesAreLoggedAtDebugLevelUnderTheService) {
                                          "debug: wids->libwebsocket-debug> 512: a detail"));
 }
 
-TEST(WebsockWorkerNames, CallbackReasonsAreNamedAsTheLibraryNamesThem) {
-    EXPECT_STREQ(lws_callback_reason_name(LWS_CALLBACK_CLIENT_FILTER_PRE_ESTABLISH),
-                 "LWS_CALLBACK_CLIENT_FILTER_PRE_ESTABLISH");
-    EXPECT_STREQ(lws_callback_reason_name(LWS_CALLBACK_WSI_CREATE), "LWS_CALLBACK_WSI_CREATE");
-    EXPECT_STREQ(lws_callback_reason_name(LWS_CALLBACK_USER), "LWS_CALLBACK_USER");
-    EXPECT_STREQ(lws_callback_reason_name(-5), "UNKNOWN_LWS_CALLBACK_REASON");
-    EXPECT_STREQ(lws_callback_reason_name(999), "UNKNOWN_LWS_CALLBACK_REASON");
-}
-
-TEST(LwsCallbackGate, WithoutAFunctionLogsAndAnswersZero) {
-    const LogCapture log;
-    LockedLwsCallback gate{"gate"};
-    EXPECT_EQ(gate.call(nullptr, LWS_CALLBACK_USER, nullptr, nullptr, 7), 0);
-    EXPECT_TRUE(log.contains("No function to process lws callback("));
-    EXPECT_TRUE(log.contains(", 1000, "));
-    EXPECT_TRUE(log.contains(", 7)"));
-}
-
-TEST(LwsCallbackGate, PassesTheCallOnUntilItIsCleared) {
-    LockedLwsCallback gate{"gate"};
-    gate.set([](lws*, lws_callback_reasons reason, void*, void*, std::size_t len) {
-        return static_cast<int>(reason) + static_cast<int>(len);
-    });
-    EXPECT_EQ(gate.call(nullptr, LWS_CALLBACK_USER, nullptr, nullptr, 7), 1007);
-    gate.clear();
-    EXPECT_EQ(gate.call(nullptr, LWS_CALLBACK_USER, nullptr, nullptr, 7), 0);
-}
-
 // --- back-off ---
 
 struct delays {
@@ -212,6 +184,13 @@ TEST(InternalMessageTest, StatusIsAnsweredWithTheStateOfTheLink) {
     peer.enqueue(internal("status"));
     EXPECT_THAT(peer.wait_received(1), ElementsAre(connected_text));
     EXPECT_THAT(peer.service.texts, IsEmpty());
+}
+
+TEST(InternalMessageTest, UnlinkBeforeAConnectIsFinalToo) {
+    websock_worker_peer peer;
+    peer.enqueue(internal("unlink"));
+    EXPECT_FALSE(peer.attempt());
+    EXPECT_FALSE(peer.has_context());
 }
 
 TEST(InternalMessageTest, UnlinkDropsTheLinkAndRefusesEveryFurtherConnect) {

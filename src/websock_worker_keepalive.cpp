@@ -1,0 +1,63 @@
+// Whether the other end is still there: a ping every 30 seconds, and when to give the link up.
+#include <ctime>
+
+#include "lum_trace.h"
+#include "websock_worker.h"
+
+namespace {
+
+constexpr std::time_t ping_period_s = 30;
+constexpr int ping_timeout_s = 60;  // without a ping sent: the socket takes nothing any more
+constexpr int max_unanswered_pings = 3;
+
+}  // namespace
+
+void websock_worker::start_keepalive() {
+    time_monotonic(thread_monotime);
+    rearm_ping_timer();
+}
+
+void websock_worker::stop_keepalive() {
+    tp.del_timer(ping_timer);
+}
+
+void websock_worker::rearm_ping_timer() {
+    tp.del_timer(ping_timer);
+    tp.add_timer(binded_ping_timeout, ping_timer, ping_timeout_s);
+}
+
+void websock_worker::ping_timeout() {
+    trace.debug("%s", __func__);
+    can_run = false;
+}
+
+bool websock_worker::is_ping_due() const {
+    timespec now{};
+    return lws_conn_established && time_monotonic(now) - thread_monotime.tv_sec >= ping_period_s;
+}
+
+// The callback asked for here looks for the missing pongs.
+void websock_worker::send_due_ping(lws* wsi) {
+    if (!is_ping_due() || lws_partial_buffered(wsi) != 0)
+        return;
+    time_monotonic(thread_monotime);
+    if (lws_send(wsi, nullptr, 0, LWS_WRITE_PING) > 0)
+        ++ping_noanswer;
+    lws_callback_on_writable(wsi);
+    rearm_ping_timer();
+}
+
+int websock_worker::process_client_receive_pong() {
+    log_handler(__func__, __LINE__);
+    ping_noanswer = 0;
+    return 0;
+}
+
+void websock_worker::drop_silent_link() {
+    if (ping_noanswer < max_unanswered_pings)
+        return;
+    trace.debug("%s->There are no %d pong answer in a row from server\n", worker_name,
+                ping_noanswer);
+    ping_noanswer = 0;
+    lws_callback_process_active = false;
+}

@@ -1,0 +1,42 @@
+// LwsCalls: calls of the worker into libwebsockets that a test counts, looks at, fails or
+// withholds.
+//
+// The test program is linked with --wrap (ld(1)) for each of them. While no LwsCalls lives, and for
+// everything that it was not told, they go through unchanged. One at a time.
+#ifndef TESTS_LWS_CALLS_H
+#define TESTS_LWS_CALLS_H
+
+#include <libwebsockets.h>
+
+#include <atomic>
+#include <functional>
+
+class LwsCalls {
+  public:
+    LwsCalls();
+    ~LwsCalls();
+    LwsCalls(const LwsCalls&) = delete;
+    LwsCalls& operator=(const LwsCalls&) = delete;
+
+    // lws_callback_on_writable()
+    int asks = 0;
+    std::function<bool(int ask)> refuse_ask;  // whether that one, counted from 1, fails
+
+    // lws_sul_schedule(): withheld, nothing but an event ends the wait of a service call.
+    std::atomic<bool> withhold_timers = false;
+    std::atomic<int> withheld_timers = 0;
+
+    // lws_write()
+    bool refuse_writes = false;
+
+    // lws_create_context() and lws_client_connect_via_info()
+    bool refuse_contexts = false;
+    bool refuse_connects = false;
+    lws_context_creation_info context_info{};  // of the last call
+    lws_client_connect_info connect_info{};    // of the last call
+
+    // lws_set_log_level()
+    int log_level = -1;  // of the last call
+};
+
+#endif
