@@ -124,6 +124,7 @@ bool websock_worker::execute() {
         ask_writeable_when_due();
         bound_service();
         result = lws_service(own_context(), service_period_ms);
+        send_overdue_ping();
         tp.process_once();
     } while (result >= 0 && traffic && ++calls < max_service_calls && can_run &&
              condition(running));

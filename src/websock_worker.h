@@ -123,6 +123,7 @@ class websock_worker : public abstract_worker {
     void ping_timeout();
     [[nodiscard]] bool is_ping_due() const;
     void send_due_ping(lws* wsi);
+    void send_overdue_ping();
     int process_client_receive_pong();
     void drop_silent_link();
 

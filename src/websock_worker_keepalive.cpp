@@ -9,6 +9,10 @@ namespace {
 constexpr std::time_t ping_period_s = 30;
 constexpr int ping_timeout_s = 60;  // without a ping sent: the socket takes nothing any more
 constexpr int max_unanswered_pings = 3;
+constexpr int poll_once = -1;  // a service call that does not wait
+
+// Service calls for an overdue ping: after minutes the library first sends one of its own.
+constexpr int overdue_ping_calls = 4;
 
 }  // namespace
 
@@ -45,6 +49,15 @@ void websock_worker::send_due_ping(lws* wsi) {
         ++ping_noanswer;
     lws_callback_on_writable(wsi);
     rearm_ping_timer();
+}
+
+// A process that was stopped, or got no processor, finds the timer overdue together with the ping
+// that would have put it off. A healthy link takes the ping at once.
+void websock_worker::send_overdue_ping() {
+    for (int calls = 0; calls < overdue_ping_calls && link != nullptr && is_ping_due(); ++calls) {
+        lws_callback_on_writable(link);
+        lws_service(own_context(), poll_once);
+    }
 }
 
 int websock_worker::process_client_receive_pong() {

@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import threading
+import time
 
 import pytest
 
@@ -135,6 +136,19 @@ def test_answered_pings_keep_the_link(fast_agent, service):
     link = service.accept()
     wait_until(lambda: link.pings >= 5, "five pings")
     assert not link.closed.is_set()
+
+
+def test_a_process_that_was_stopped_keeps_a_healthy_link(fast_agent, service, portal):
+    agent = fast_agent(service.port)
+    link = service.accept()
+    wait_until(lambda: link.pings >= 1, "a ping")
+    agent.process.send_signal(signal.SIGSTOP)
+    time.sleep(90 / SPEED)  # longer than the agent waits for a ping that is not sent
+    agent.process.send_signal(signal.SIGCONT)
+    pings = link.pings
+    wait_until(lambda: link.pings >= pings + 2, "pings after the standstill")
+    assert_relays(portal, link)
+    assert "ping_timeout" not in agent.log()
 
 
 # --- how it ends ---

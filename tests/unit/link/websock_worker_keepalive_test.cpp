@@ -116,6 +116,32 @@ TEST_F(WebsockPing, TheSixtySecondsEndWithTheLink) {
     EXPECT_FALSE(log.contains("ping_timeout"));
 }
 
+// The clock goes on while a message of the service is taken, as if the process had been stopped.
+class Standstill : public WebsockPing, public testing::WithParamInterface<int> {};
+
+TEST_P(Standstill, KeepsAHealthyLink) {
+    peer.set_can_run();
+    const LogCapture log;
+    bool stood_still = false;
+    peer.to_ipc.set_user_notifier([&] {
+        peer.to_ipc.unset_user_notifier();
+        clock.advance(GetParam());
+        stood_still = true;
+    });
+    service.send(RawService::TEXT, "the worker stands still here");
+    ASSERT_TRUE(peer.until([&] { return stood_still; }));
+    EXPECT_TRUE(peer.until([&] { return service.pings > 0; }));
+    EXPECT_TRUE(peer.can_run());
+    EXPECT_TRUE(peer.usable());
+    EXPECT_FALSE(log.contains("ping_timeout"));
+    EXPECT_TRUE(peer.until([&] { return peer.unanswered_pings() == 0; }));
+    step(2);
+    EXPECT_TRUE(ping_after(30)) << "and the pings go on";
+}
+
+// In minutes the library's own timers fall due as well.
+INSTANTIATE_TEST_SUITE_P(Seconds, Standstill, testing::Values(55, 60, 61, 90, 600, 86400));
+
 TEST_F(WebsockPing, MissesAreCarriedOverToTheNextLink) {
     service.answer_pings = false;
     ASSERT_TRUE(ping_after(30));
