@@ -252,7 +252,13 @@ void websock_worker::ask_writeable_when_due() {
     if (period_over)
         next_ask = now + std::chrono::milliseconds(service_period_ms);
     if (send_due.exchange(false) || (period_over && is_ping_due()))
-        lws_callback_on_writable(link);
+        ask_writeable(link);
+}
+
+// What the library refuses is asked for again in the next pass, as if the partner had just sent.
+void websock_worker::ask_writeable(lws* wsi) {
+    if (lws_callback_on_writable(wsi) <= 0)
+        send_due = true;
 }
 
 // A message that a lost link has cut off must not become the head of the next link's first one.

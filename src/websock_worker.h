@@ -84,6 +84,7 @@ class websock_worker : public abstract_worker {
     static void bound_reached(lws_sorted_usec_list_t* sul);
 #endif
     void ask_writeable_when_due();
+    void ask_writeable(lws* wsi);
     void drop_received();
     [[nodiscard]] int get_connect_delay();
     void delay_loop();

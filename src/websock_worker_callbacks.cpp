@@ -82,7 +82,7 @@ int websock_worker::process_client_established(lws* wsi) {
     connection_delay = initial_connection_delay;
     notify_connected();
     start_keepalive();
-    lws_callback_on_writable(wsi);
+    ask_writeable(wsi);
     return 0;
 }
 
@@ -155,7 +155,7 @@ int websock_worker::process_client_writeable(lws* wsi) {
             corked.emplace(wsi);
     }
     if (budget == 0 || lws_partial_buffered(wsi) != 0)
-        lws_callback_on_writable(wsi);
+        ask_writeable(wsi);
     return 0;
 }
 

@@ -47,7 +47,7 @@ void websock_worker::send_due_ping(lws* wsi) {
     time_monotonic(thread_monotime);
     if (lws_send(wsi, nullptr, 0, LWS_WRITE_PING) > 0)
         ++ping_noanswer;
-    lws_callback_on_writable(wsi);
+    ask_writeable(wsi);
     rearm_ping_timer();
 }
 
@@ -55,7 +55,7 @@ void websock_worker::send_due_ping(lws* wsi) {
 // that would have put it off. A healthy link takes the ping at once.
 void websock_worker::send_overdue_ping() {
     for (int calls = 0; calls < overdue_ping_calls && link != nullptr && is_ping_due(); ++calls) {
-        lws_callback_on_writable(link);
+        ask_writeable(link);
         lws_service(own_context(), poll_once);
     }
 }

@@ -340,6 +340,29 @@ TEST_F(WebsockLink, TakesAMessageThatTheSocketRefusesForLost) {
     EXPECT_THAT(service.texts, ElementsAre("next"));
 }
 
+TEST_F(WebsockLink, AsksAgainInTheNextPassWhenTheLibraryRefusesToReportAWritableSocket) {
+    establish();
+    step(2);
+    LwsCalls calls;
+    calls.refuse_ask = [](int ask) { return ask <= 2; };
+    peer.enqueue("hello");
+    step(4);
+    EXPECT_THAT(service.texts, ElementsAre("hello"));
+    EXPECT_EQ(calls.asks, 3);
+}
+
+TEST_F(WebsockLink, AsksAgainForTheRestOfAFloodWhenTheLibraryRefuses) {
+    establish();
+    step(2);
+    LwsCalls calls;
+    calls.refuse_ask = [](int ask) { return ask == 2; };
+    constexpr std::size_t count = 600;  // more than one callback sends
+    for (std::size_t i = 0; i < count; ++i)
+        peer.enqueue("x");
+    EXPECT_TRUE(peer.until([&] { return service.texts.size() == count; }));
+    EXPECT_EQ(calls.asks, 3);
+}
+
 TEST_F(WebsockLink, LeavesAnIdleLibraryAlone) {
     establish();
     step(2);
