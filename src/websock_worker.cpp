@@ -117,6 +117,7 @@ bool websock_worker::__connect() {
 // run loop's wait for one return at once. A service call that fails does not wait, so then the run
 // loop does. While there is traffic the next service call follows without that detour.
 bool websock_worker::execute() {
+    follow_log_level();
     int result = 0;
     int calls = 0;
     do {
@@ -159,7 +160,7 @@ bool websock_worker::_connect() {
         });
     fill_creation_info();
     lws_callback_process_active = true;
-    lws_set_log_level(every_lws_log_level, logger_callback);
+    follow_log_level();
     ws_context.reset(lws_create_context(&creation_info));
     if (!ws_context) {
         trace.error("%s->Creating libwebsocket context failed\n", worker_name);
@@ -176,6 +177,12 @@ bool websock_worker::_connect() {
     }
     trace.debug("%s->Connected\n", worker_name);
     return true;
+}
+
+// Whatever the library says is a debug message here. It formats a dozen lines for each message that
+// passes: it is asked for none that nobody would see.
+void websock_worker::follow_log_level() const {
+    lws_set_log_level(trace.is_debug_enabled() ? every_lws_log_level : 0, logger_callback);
 }
 
 void websock_worker::fill_creation_info() {

@@ -71,6 +71,7 @@ class websock_worker : public abstract_worker {
 
     // --- websock_worker.cpp: connection, back-off, sending ---
     [[nodiscard]] bool _connect();
+    void follow_log_level() const;
     void fill_creation_info();
     void fill_connect_info() LUMD_REQUIRES(ctx_mutex);
     void close_context() LUMD_REQUIRES(ctx_mutex);

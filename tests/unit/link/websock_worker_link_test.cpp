@@ -189,6 +189,36 @@ TEST_F(WebsockLink, NamesReasonsThatItDoesNotHandle) {
     EXPECT_FALSE(log.contains("POLL_FD"));
 }
 
+// --- what the library says ---
+
+TEST_F(WebsockLink, LogsEverythingThatTheLibrarySaysAtDebugLevel) {
+    const LogCapture log(8);
+    const LwsCalls calls;
+    establish();
+    EXPECT_EQ(calls.log_level, 1023);
+    EXPECT_GT(log.count("debug: rrm->libwebsocket-debug> "), 0);
+}
+
+TEST_F(WebsockLink, LetsTheLibrarySayNothingWithoutDebugMessages) {
+    const LogCapture log(7);
+    const LwsCalls calls;
+    establish();
+    EXPECT_EQ(calls.log_level, 0);
+    EXPECT_EQ(log.count("libwebsocket"), 0);
+}
+
+TEST_F(WebsockLink, FollowsTheLogLevelWhileTheLinkLives) {
+    const LogCapture log(7);
+    establish();
+    const LwsCalls calls;
+    trace.set_log_level(15);
+    peer.step();
+    EXPECT_EQ(calls.log_level, 1023);
+    trace.set_log_level(7);
+    peer.step();
+    EXPECT_EQ(calls.log_level, 0);
+}
+
 // --- how it ends ---
 
 class LinkEnd : public WebsockLink, public testing::WithParamInterface<lws_callback_reasons> {};
