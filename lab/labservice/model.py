@@ -20,16 +20,18 @@ class ApModel:
             handler(self, message)
 
     def _radios(self, message):
-        for radio in message.get("radios", []):
+        for radio in _objects(message.get("radios")):
             number = radio.get("id")
-            self.radios[number] = {**radio, "assoclist": radio.get("assoclist", [])}
+            present = _objects(radio.get("assoclist"))
+            self.radios[number] = {**radio, "assoclist": present}
             if "assoclist" not in radio and radio.get("status"):
                 continue
             self.clients = {mac: client for mac, client in self.clients.items()
                             if client["radio"] != number}
-            for client in radio.get("assoclist", []):
-                self.clients[client["mac"]] = {"radio": number, "ssid": client["ssid"],
-                                               "rssi": client["rssi"]}
+            for client in present:
+                if "mac" in client:
+                    self.clients[client["mac"]] = {"radio": number, "ssid": client.get("ssid"),
+                                                   "rssi": client.get("rssi")}
 
     def _survey(self, message):
         self._radios(message)
@@ -67,3 +69,8 @@ class ApModel:
         return {"mac": self.mac, "domain": self.domain, "factory": self.factory,
                 "subscribed": self.subscribed, "radios": list(self.radios.values()),
                 "clients": self.clients, "environment": self.environment}
+
+
+def _objects(value):
+    """Those of an array, which may be none: the checker complains, the model goes on."""
+    return [entry for entry in value if isinstance(entry, dict)] if isinstance(value, list) else []

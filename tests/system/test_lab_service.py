@@ -60,6 +60,17 @@ def test_the_service_knows_each_client_until_it_leaves():
     assert "02:00:00:00:00:09" in tables.overview(ap)
 
 
+@pytest.mark.parametrize("radios", [
+    None, "none", [None], [{"assoclist": None}],
+    [{"id": 0, "status": 1, "assoclist": [{"mac": "02:00:00:00:01:01"}, {"rssi": -50}, 7]}]])
+def test_the_service_learns_what_it_can_from_half_a_message(radios):
+    ap = ApModel("00:11:22:33:44:50")
+    ap.learn({**SUBSCRIBE, "radios": radios})
+    assert set(ap.clients) <= {"02:00:00:00:01:01"}
+    ap.learn(SUBSCRIBE)
+    assert ap.clients["02:00:00:00:01:01"]["rssi"] == -50
+
+
 def test_the_service_answers_a_subscription_and_counts_complaints():
     texts = []
 
