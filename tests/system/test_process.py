@@ -141,9 +141,12 @@ def test_until_the_configuration_is_read_signals_keep_their_default_action(progr
     os.mkfifo(path)  # lumd waits there for somebody to write
     with subprocess.Popen([programs.binary("lumd"), "-f", path],
                           stdin=subprocess.DEVNULL) as lumd:
-        wait_until(lambda: thread_names(lumd.pid) == ["lumd:main"], "the main thread's name")
-        lumd.send_signal(signal.SIGTERM)
-    assert lumd.returncode == -signal.SIGTERM
+        try:
+            wait_until(lambda: thread_names(lumd.pid) == ["lumd:main"], "the main thread's name")
+            lumd.send_signal(signal.SIGTERM)
+            assert lumd.wait(PATIENCE) == -signal.SIGTERM
+        finally:
+            lumd.kill()
 
 
 # Signals
