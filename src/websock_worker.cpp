@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "json_reader.h"
 #include "json_writer.h"
@@ -217,6 +218,7 @@ void websock_worker::close_context() {
     ws_context.reset();
     link = nullptr;
     send_due = false;
+    ask_again = false;
 }
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000
@@ -258,14 +260,16 @@ void websock_worker::ask_writeable_when_due() {
     const bool period_over = now >= next_ask;
     if (period_over)
         next_ask = now + std::chrono::milliseconds(service_period_ms);
-    if (send_due.exchange(false) || (period_over && is_ping_due()))
+    const bool refused = std::exchange(ask_again, false);
+    if (send_due.exchange(false) || refused || (period_over && is_ping_due()))
         ask_writeable(link);
 }
 
-// What the library refuses is asked for again in the next pass, as if the partner had just sent.
+// What the library refuses is asked for again in the next pass. `send_due` stays as it is: while it
+// is set the partner wakes nobody.
 void websock_worker::ask_writeable(lws* wsi) {
     if (lws_callback_on_writable(wsi) <= 0)
-        send_due = true;
+        ask_again = true;
 }
 
 // A message that a lost link has cut off must not become the head of the next link's first one.

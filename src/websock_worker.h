@@ -163,7 +163,8 @@ class websock_worker : public abstract_worker {
     service_bound bound{};
     std::chrono::steady_clock::time_point next_ask;  // for WRITEABLE while there is nothing to send
     lws* link = nullptr;                             // the established connection
-    std::atomic<bool> send_due = false;              // the next pass asks for WRITEABLE
+    std::atomic<bool> send_due = false;              // the partner has enqueued since the last pass
+    bool ask_again = false;                          // the library has refused to report WRITEABLE
 };
 
 #endif

@@ -393,6 +393,18 @@ TEST_F(WebsockLink, AsksAgainForTheRestOfAFloodWhenTheLibraryRefuses) {
     EXPECT_EQ(calls.asks, 3);
 }
 
+TEST_F(WebsockLink, IsWokenByAMessageAlsoAfterTheLibraryRefused) {
+    establish();
+    step(2);
+    LwsCalls calls;
+    calls.refuse_ask = [](int ask) { return ask == 1; };
+    peer.enqueue("refused");
+    step(1);
+    static_cast<void>(peer.take_event());
+    peer.enqueue("next");
+    EXPECT_TRUE(peer.take_event());
+}
+
 TEST_F(WebsockLink, LeavesAnIdleLibraryAlone) {
     establish();
     step(2);

@@ -90,7 +90,10 @@ class websock_worker_peer {
     // --- state ---
     [[nodiscard]] bool established() const { return worker_.lws_conn_established; }
     [[nodiscard]] bool usable() { return worker_.condition(run); }
-    [[nodiscard]] bool has_context() const { return worker_.ws_context != nullptr; }
+    [[nodiscard]] bool has_context() {
+        const mutex_guard lock(worker_.ctx_mutex);
+        return worker_.ws_context != nullptr;
+    }
     [[nodiscard]] std::string name() const { return worker_.worker_name; }
     [[nodiscard]] bool has_converter() const { return worker_.logger_callback != nullptr; }
     [[nodiscard]] int unanswered_pings() const { return worker_.ping_noanswer; }
