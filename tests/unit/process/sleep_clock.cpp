@@ -1,22 +1,16 @@
 #include "sleep_clock.h"
 
-#include <dlfcn.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
+#include "hidden.h"
+
 namespace {
 
 thread_local SleepClock* active = nullptr;
-
-// The definition that this program's own one hides. Found anew for each call: a guarded static
-// would itself be timed by the clock under some sanitizers.
-template <typename Function>
-Function hidden(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 }  // namespace
 

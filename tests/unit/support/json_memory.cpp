@@ -1,7 +1,8 @@
 #include "json_memory.h"
 
-#include <dlfcn.h>
 #include <json-c/json.h>
+
+#include "hidden.h"
 
 namespace {
 
@@ -13,12 +14,6 @@ bool strikes(JsonShortage::Kind kind) {
         return false;
     next_to_fail = JsonShortage::NONE;
     return true;
-}
-
-// The definition that this program's own one hides.
-template <typename Function>
-Function hidden(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace

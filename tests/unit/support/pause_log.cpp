@@ -1,17 +1,12 @@
 #include "pause_log.h"
 
-#include <dlfcn.h>
 #include <poll.h>
+
+#include "hidden.h"
 
 namespace {
 
 thread_local PauseLog* active = nullptr;
-
-// The definition that this program's own one hides.
-template <typename Function>
-Function hidden(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
 
 }  // namespace
 
