@@ -36,9 +36,11 @@ class socket_handle {
     int fd_;
 };
 
-// ioctl(2), whose number is an int in POSIX and musl, and an unsigned long in glibc.
+// ioctl(2), whose number is an int in POSIX and musl, and an unsigned long in glibc. Inline also
+// where nothing is optimised, so that a backtrace names the command's function.
 template <typename Number>
-int control(int (*ioctl_of_libc)(int, Number, ...), int fd, unsigned long number, iwreq& request) {
+[[gnu::always_inline]] inline int control(int (*ioctl_of_libc)(int, Number, ...), int fd,
+                                          unsigned long number, iwreq& request) {
     return ioctl_of_libc(fd, static_cast<Number>(number), &request);
 }
 
