@@ -62,9 +62,10 @@ json_object* new_string(std::string_view text) {
     return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
 }
 
-// `key`, or what it is well-formed, which then lives in `utf8`.
+// `key`, or what it is well-formed, which then lives in `utf8`. Null is the empty text.
 const char* well_formed(const char* key, std::string& utf8) {
-    return is_ascii(key) ? key : (utf8 = to_utf8(key)).c_str();
+    const char* const name = text_of(key);
+    return is_ascii(name) ? name : (utf8 = to_utf8(name)).c_str();
 }
 
 }  // namespace

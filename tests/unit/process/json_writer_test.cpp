@@ -61,6 +61,12 @@ TEST(JsonWriter, ReplacesEachByteThatIsNoUtf8) {
         EXPECT_EQ(as_received(four), "\uFFFD\uFFFD\uFFFD\uFFFD");
 }
 
+TEST(JsonWriter, WhatIsAppendedToAnObjectHasTheEmptyName) {
+    const json_writer message{"", "", "", ""};
+    message.append_object().insert_int("a", 1);
+    EXPECT_STREQ(message.serialize(), R"({"":{"a":1}})");
+}
+
 TEST(JsonWriter, WritesAKeyLikeAValue) {
     json_writer writer{"", "", "", ""};
     const char* names[] = {"caf\xE9", "\xE9t\xE9", "caf\u00e9 1"};
