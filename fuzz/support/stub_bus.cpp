@@ -1,6 +1,7 @@
 #include "stub_bus.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
