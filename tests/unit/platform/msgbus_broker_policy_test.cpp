@@ -1,8 +1,12 @@
 #include <grp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -141,6 +145,19 @@ bool as_another_user(Body body) {
     return status == 0;
 }
 
+// Whether the kernel tells of a peer's supplementary groups: Linux does since 4.13, an emulator of
+// its system calls may not (unix(7), SO_PEERGROUPS).
+bool tells_groups_of_peers() {
+    std::array<int, 2> pair{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
+    socklen_t bytes = 0;
+    const bool told =
+        getsockopt(pair[0], SOL_SOCKET, SO_PEERGROUPS, nullptr, &bytes) == 0 || errno == ERANGE;
+    close(pair[0]);
+    close(pair[1]);
+    return told;
+}
+
 class BrokerPolicyForOthers : public Msgbus {
   protected:
     void SetUp() override {
@@ -193,6 +210,8 @@ TEST_F(BrokerPolicyForOthers, TheSocketsGroupMayConnect) {
 
 TEST_F(BrokerPolicyForOthers, ARuleNamesItsUserAndEachOfItsGroups) {
     for (const char* who : {"65534", "@65534", "@4711", "any"}) {
+        if (std::strcmp(who, "@4711") == 0 && !tells_groups_of_peers())
+            continue;
         const RunningBroker broker{
             path, settings_of(std::string{"mode=0666\nallow="} + who + " as 31 to any")};
         EXPECT_TRUE(other_may_be(31)) << who;
