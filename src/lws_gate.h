@@ -12,9 +12,8 @@
 #include "LockdepMutex.h"
 #include "thread_annotations.h"
 
-// The gate between libwebsockets, which knows only a C function, and the worker that owns the
-// context. A callback holds `m` as long as it runs, so after clear() none reaches the worker.
-// The lock is recursive because the library calls back out of calls that callbacks make.
+// A callback holds `m` as long as it runs, so after clear() none reaches the worker. The lock is
+// recursive because the library calls back out of calls that callbacks make.
 class LockedLwsCallback {
   public:
     using callback_type =
