@@ -65,10 +65,12 @@ stub_bus::Daemon& daemon() {
     return instance;
 }
 
-// Of all modules of the process: no target has two that mind.
+// Of all modules of the process: no target has two that mind. It is there before any module and
+// outlives them all: a worker that is static in a target leaves the bus at exit.
+msgbus_context the_bus;
+
 msgbus_context& context() {
-    static msgbus_context instance;
-    return instance;
+    return the_bus;
 }
 
 }  // namespace
