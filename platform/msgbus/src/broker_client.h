@@ -12,17 +12,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "broker_queue.h"
+#include "broker_rate.h"
 #include "frame.h"
 #include "msgbus_policy.h"
+#include "msgbus_settings.h"
 
 namespace msgbus {
-
-// One frame may wait for several clients.
-using SharedFrame = std::shared_ptr<const message_s>;
 
 // The process at the other end of a connection.
 struct Peer {
@@ -40,14 +40,10 @@ class BrokerClient {
     // A module sends and receives, a monitor is shown what goes over the bus.
     enum class Role { NEWCOMER, MODULE, MONITOR };
 
-    // A frame on its way to this client, and the client it came from (0: the broker itself).
-    struct Waiting {
-        SharedFrame frame;
-        std::uint64_t sender = 0;
-    };
+    using Waiting = BrokerQueue::Waiting;
 
     // A newcomer on that non-blocking socket. `id` is never used twice.
-    BrokerClient(UniqueFd fd, Peer peer, std::uint64_t id);
+    BrokerClient(UniqueFd fd, Peer peer, std::uint64_t id, const MsgbusLimits& limits);
 
     [[nodiscard]] std::uint64_t id() const { return id_; }
     [[nodiscard]] pid_t pid() const { return peer_.pid; }
@@ -71,21 +67,30 @@ class BrokerClient {
     [[nodiscard]] bool is_late(Clock::time_point now) const;
 
     // What poll(2) is to wait for.
-    [[nodiscard]] pollfd poll_entry() const;
+    [[nodiscard]] pollfd poll_entry(Clock::time_point now);
+    // When there will be something to receive() although nothing happens to the socket.
+    [[nodiscard]] Clock::time_point due_at(Clock::time_point now);
 
     // Whether the other side has closed: nothing more will be written to this socket.
     [[nodiscard]] bool hung_up() const;
 
-    // Receives one piece and hands each frame that it completes to `sink`. A newcomer that is
+    // Receives one piece and hands each frame that it completes to `sink`, so many at most that
+    // the others need not wait long; the rest of the piece is for the next time. A newcomer that is
     // trusted may pass its eventfd(2) along.
     [[nodiscard]] Received receive(const FrameParser::Sink& sink);
+    // Whether it has just begun to send more frames a second than the limit.
+    [[nodiscard]] bool begins_to_be_held_back();
     // What was wrong with a malformed frame.
     [[nodiscard]] const std::string& frame_error() const { return parser_.error(); }
 
     // Lets the frame wait for the next flush(). True when none waited before.
     bool enqueue(SharedFrame frame, std::uint64_t sender);
     // Whether more waits than the broker keeps for one client.
-    [[nodiscard]] bool is_behind() const { return waiting_bytes_ > MSGBUS_MAX_WAITING; }
+    [[nodiscard]] bool is_behind() const { return queue_.bytes() > limits_.waiting; }
+    // Whether more of that sender does than its share of it.
+    [[nodiscard]] bool is_behind_for(std::uint64_t sender) const {
+        return queue_.is_full_for(sender, limits_.waiting);
+    }
 
     // Sends what the socket takes of what waits, and wakes the other side when that was anything.
     // False when the connection is broken.
@@ -96,6 +101,8 @@ class BrokerClient {
     [[nodiscard]] bool ended() const { return !fd_; }
 
   private:
+    [[nodiscard]] bool takes_returns() const;
+    [[nodiscard]] Received receive_piece(const FrameParser::Sink& sink, std::size_t& most);
     [[nodiscard]] ssize_t send_front() const;
     void drop_sent(std::size_t sent);
     void wake() const;
@@ -109,11 +116,13 @@ class BrokerClient {
     std::uint8_t module_ = 0;
     MsgbusPolicy::Modules receivers_;
     MsgbusPolicy::Modules refused_;  // to send to, so far
+    const MsgbusLimits limits_;
+    BrokerRate rate_;
     FrameParser parser_;
-    std::deque<Waiting> waiting_;
-    std::size_t waiting_bytes_ = 0;
-    std::size_t front_sent_ = 0;  // bytes of waiting_.front() that are out already
-    std::size_t returned_ = 0;    // undeliverable frames among waiting_
+    std::vector<std::uint8_t> unread_;  // of the last piece: not yet given to the parser
+    BrokerQueue queue_;
+    std::size_t front_sent_ = 0;  // bytes of the queue's first frame that are out already
+    std::size_t returned_ = 0;    // undeliverable frames in the queue
 };
 
 }  // namespace msgbus

@@ -54,19 +54,30 @@ bool BrokerSocket::make_way() {
     return unlink(path_.c_str()) == 0 ? true : fail(path_ + ": " + std::strerror(errno));
 }
 
-// Nobody can connect before listen(2), so the file has its owner and bits in time.
 bool BrokerSocket::listen_there() {
     const sockaddr_un address = address_of(path_);
     UniqueFd listener = make_socket();
+    const std::string what = "cannot listen on " + path_ + ": ";
+    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(what + std::strerror(errno));
+    if (!open_to_its_group(listener.get())) {
+        const std::string why = std::strerror(errno);
+        unlink(path_.c_str());
+        return fail(what + why);
+    }
+    listener_ = std::move(listener);
+    return true;
+}
+
+// Nobody can connect before listen(2), so the file has its owner and bits in time.
+bool BrokerSocket::open_to_its_group(int listener) {
     struct stat status {};
-    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        (group_ && chown(path_.c_str(), static_cast<uid_t>(-1), *group_) != 0) ||
-        chmod(path_.c_str(), mode_) != 0 || listen(listener.get(), SOMAXCONN) != 0 ||
+    if ((group_ && chown(path_.c_str(), static_cast<uid_t>(-1), *group_) != 0) ||
+        chmod(path_.c_str(), mode_) != 0 || listen(listener, SOMAXCONN) != 0 ||
         stat(path_.c_str(), &status) != 0)
-        return fail("cannot listen on " + path_ + ": " + std::strerror(errno));
+        return false;
     device_ = status.st_dev;
     inode_ = status.st_ino;
-    listener_ = std::move(listener);
     return true;
 }
 

@@ -45,6 +45,7 @@ class BrokerSocket {
     bool fail(const std::string& what);
     bool make_way();
     bool listen_there();
+    bool open_to_its_group(int listener);
 
     const std::string path_;
     const std::optional<gid_t> group_;

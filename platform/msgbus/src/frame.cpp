@@ -9,11 +9,6 @@
 
 namespace msgbus {
 
-namespace {
-// Small enough for the stack of a thread on an embedded C library.
-constexpr std::size_t kChunkBytes = std::size_t{16} * 1024;
-}  // namespace
-
 message_header_s make_header(msgbus_frame_type type, std::uint8_t src, std::uint8_t dst,
                              std::uint32_t seq) {
     message_header_s header{};
@@ -37,11 +32,19 @@ Message make_message(const message_header_s& header) {
 }
 
 bool FrameParser::feed(std::span<const std::uint8_t> bytes, const Sink& sink) {
-    while (!bytes.empty() && error_.empty()) {
-        bytes = bytes.subspan(frame_ ? take_payload(bytes) : take_header(bytes));
-        hand_over_when_whole(sink);
-    }
+    std::size_t most = bytes.size();  // no frame is without bytes
+    static_cast<void>(feed_some(bytes, sink, most));
     return error_.empty();
+}
+
+std::span<const std::uint8_t> FrameParser::feed_some(std::span<const std::uint8_t> bytes,
+                                                     const Sink& sink, std::size_t& most) {
+    while (!bytes.empty() && error_.empty() && most > 0) {
+        bytes = bytes.subspan(frame_ ? take_payload(bytes) : take_header(bytes));
+        if (hand_over_when_whole(sink))
+            most--;
+    }
+    return error_.empty() ? bytes : std::span<const std::uint8_t>{};
 }
 
 std::span<std::uint8_t> FrameParser::missing() {
@@ -55,11 +58,12 @@ void FrameParser::filled(std::size_t count, const Sink& sink) {
     hand_over_when_whole(sink);
 }
 
-void FrameParser::hand_over_when_whole(const Sink& sink) {
+bool FrameParser::hand_over_when_whole(const Sink& sink) {
     if (!frame_ || payload_received_ < frame_->header.len)
-        return;
+        return false;
     header_received_ = payload_received_ = 0;
     sink(std::move(frame_));
+    return true;
 }
 
 std::size_t FrameParser::take_header(std::span<const std::uint8_t> bytes) {
@@ -114,9 +118,8 @@ UniqueFd PassedFd::take_from(msghdr& message) {
     return UniqueFd{fd};
 }
 
-Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
-                        UniqueFd* passed) {
-    std::array<std::uint8_t, kChunkBytes> chunk;
+Received receive_chunk(int fd, FrameParser& parser, const FrameParser::Sink& sink, UniqueFd* passed,
+                       std::span<std::uint8_t> chunk, std::size_t& count) {
     const std::span<std::uint8_t> missing = parser.missing();
     std::array<iovec, 2> parts{{{missing.data(), missing.size()}, {chunk.data(), chunk.size()}}};
     msghdr message{};
@@ -125,23 +128,32 @@ Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& si
     PassedFd control;
     if (passed != nullptr)
         control.put_into(message);
-    ssize_t count = 0;
+    count = 0;
+    ssize_t result = 0;
     do
-        count = recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    while (count < 0 && errno == EINTR);
-    if (count > 0 && passed != nullptr && message.msg_controllen > 0)
+        result = recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    while (result < 0 && errno == EINTR);
+    if (result > 0 && passed != nullptr && message.msg_controllen > 0)
         *passed = PassedFd::take_from(message);
-    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
         return Received::NOTHING_YET;
-    if (count <= 0)
+    if (result <= 0)
         return Received::END;
-    const auto received = static_cast<std::size_t>(count);
+    const auto received = static_cast<std::size_t>(result);
     const std::size_t direct = std::min(received, missing.size());
+    const bool all = received < missing.size() + chunk.size();
+    count = received - direct;
     if (direct > 0)
         parser.filled(direct, sink);
-    if (!parser.feed(std::span{chunk}.first(received - direct), sink))
-        return Received::MALFORMED;
-    return received < missing.size() + chunk.size() ? Received::ALL : Received::SOMETHING;
+    return all ? Received::ALL : Received::SOMETHING;
+}
+
+Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
+                        UniqueFd* passed) {
+    std::array<std::uint8_t, kChunkBytes> chunk;
+    std::size_t count = 0;
+    const Received received = receive_chunk(fd, parser, sink, passed, chunk, count);
+    return parser.feed(std::span{chunk}.first(count), sink) ? received : Received::MALFORMED;
 }
 
 std::string default_socket_path() {

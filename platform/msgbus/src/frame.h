@@ -90,6 +90,11 @@ class FrameParser {
     // behind it can be understood, and error() tells what was wrong.
     [[nodiscard]] bool feed(std::span<const std::uint8_t> bytes, const Sink& sink);
 
+    // The same until `most` frames are complete, which are then counted off. What is left of
+    // `bytes`; nothing at a malformed frame.
+    [[nodiscard]] std::span<const std::uint8_t> feed_some(std::span<const std::uint8_t> bytes,
+                                                          const Sink& sink, std::size_t& most);
+
     // Where the bytes belong that the frame under way still lacks; empty between frames and within
     // a header. What is put there straight away is told by filled().
     [[nodiscard]] std::span<std::uint8_t> missing();
@@ -101,7 +106,7 @@ class FrameParser {
     std::size_t take_header(std::span<const std::uint8_t> bytes);
     std::size_t take_payload(std::span<const std::uint8_t> bytes);
     void check_header();
-    void hand_over_when_whole(const Sink& sink);
+    bool hand_over_when_whole(const Sink& sink);
 
     message_header_s header_{};
     std::size_t header_received_ = 0;
@@ -110,6 +115,9 @@ class FrameParser {
     std::string error_;
 };
 
+// Of one call; small enough for the stack of a thread on an embedded C library.
+constexpr std::size_t kChunkBytes = std::size_t{16} * 1024;
+
 // ALL: as much as there was for now.
 enum class Received { SOMETHING, ALL, NOTHING_YET, END, MALFORMED };
 
@@ -117,6 +125,12 @@ enum class Received { SOMETHING, ALL, NOTHING_YET, END, MALFORMED };
 // bytes is in `passed` before their first frame is handed over; without `passed` it is refused.
 [[nodiscard]] Received receive_frames(int fd, FrameParser& parser, const FrameParser::Sink& sink,
                                       UniqueFd* passed = nullptr);
+
+// One call of recvmsg(2): a payload that the parser lacks goes there straight away, and `count`
+// bytes behind it into `chunk`.
+[[nodiscard]] Received receive_chunk(int fd, FrameParser& parser, const FrameParser::Sink& sink,
+                                     UniqueFd* passed, std::span<std::uint8_t> chunk,
+                                     std::size_t& count);
 
 // $MSGBUS_SOCKET or the default.
 [[nodiscard]] std::string default_socket_path();

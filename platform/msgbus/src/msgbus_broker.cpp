@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <optional>
@@ -30,8 +31,9 @@ using msgbus::UniqueFd;
 namespace {
 
 constexpr std::size_t kMaxConnections = 320;  // every module, monitors, and some who are joining
-constexpr int kAttachCheckMs = 1000;
-constexpr int kAcceptPauseMs = 100;  // while the process is out of descriptors
+constexpr std::size_t kAcceptsPerRound = 16;  // those who are there need not wait for more
+constexpr std::chrono::milliseconds kAttachCheck{1000};
+constexpr std::chrono::milliseconds kAcceptPause{100};  // while the process is out of descriptors
 constexpr std::string_view kForbidden = "the policy of the bus forbids it";
 
 // A frame of the broker's own with that text.
@@ -50,6 +52,7 @@ class MsgbusBroker::Impl {
     Impl(std::string socket_path, MsgbusSettings settings)
         : socket_(std::move(socket_path), settings.group, settings.mode),
           policy_(std::move(settings.policy)),
+          limits_(settings.limits),
           stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
     bool open();
@@ -64,14 +67,14 @@ class MsgbusBroker::Impl {
     bool fail(const std::string& what);
 
     bool serve_round();
-    void collect_descriptors();
-    [[nodiscard]] int round_limit_ms() const;
-    void accept_all();
+    void collect_descriptors(Client::Clock::time_point now);
+    [[nodiscard]] int round_limit_ms(Client::Clock::time_point now) const;
+    void accept_some();
     void admit(UniqueFd fd);
     void end_latecomers();
     void remove_ended();
 
-    void serve(Client& client, short events);
+    void serve(Client& client, short events, Client::Clock::time_point now);
     void receive(Client& client);
     void handle(Client& client, Message frame);
     void attach(Client& client, const message_header_s& header);
@@ -92,6 +95,7 @@ class MsgbusBroker::Impl {
 
     BrokerSocket socket_;
     const MsgbusPolicy policy_;
+    const MsgbusLimits limits_;
     const UniqueFd stop_;
     std::string error_;
     std::uint64_t last_id_ = 0;
@@ -99,6 +103,7 @@ class MsgbusBroker::Impl {
     std::array<Client*, MSGBUS_MONITOR> holders_{};  // by module id
     std::vector<pollfd> descriptors_;                // stop_, socket_, then clients_
     std::vector<Client*> fresh_;  // those whose first waiting frame is of the current round
+    bool crowded_ = false;        // since a client was admitted last; logged
 };
 
 bool MsgbusBroker::Impl::open() {
@@ -131,50 +136,64 @@ void MsgbusBroker::Impl::stop() const {
 }
 
 bool MsgbusBroker::Impl::serve_round() {
-    collect_descriptors();
-    if (poll(descriptors_.data(), descriptors_.size(), round_limit_ms()) < 0)
+    const Client::Clock::time_point now = Client::Clock::now();
+    collect_descriptors(now);
+    if (poll(descriptors_.data(), descriptors_.size(), round_limit_ms(now)) < 0)
         return true;
     if (descriptors_[0].revents != 0)
         return false;
     socket_.resume();
     for (std::size_t i = 2; i < descriptors_.size(); i++)
-        serve(*clients_[i - 2], descriptors_[i].revents);
+        serve(*clients_[i - 2], descriptors_[i].revents, now);
     if (descriptors_[1].revents != 0)
-        accept_all();
+        accept_some();
     end_latecomers();
     flush_fresh();
     remove_ended();
     return true;
 }
 
-void MsgbusBroker::Impl::collect_descriptors() {
+void MsgbusBroker::Impl::collect_descriptors(Client::Clock::time_point now) {
     descriptors_.assign({{stop_.get(), POLLIN, 0}, socket_.poll_entry()});
     for (const auto& client : clients_)
-        descriptors_.push_back(client->poll_entry());
+        descriptors_.push_back(client->poll_entry(now));
 }
 
-int MsgbusBroker::Impl::round_limit_ms() const {
+int MsgbusBroker::Impl::round_limit_ms(Client::Clock::time_point now) const {
+    using std::chrono::milliseconds;
+    auto until = Client::Clock::time_point::max();
+    for (const auto& client : clients_) {
+        until = std::min(until, client->due_at(now));
+        if (client->role() == Role::NEWCOMER)
+            until = std::min(until, now + kAttachCheck);
+    }
     if (socket_.is_paused())
-        return kAcceptPauseMs;
-    const bool newcomers = std::any_of(clients_.begin(), clients_.end(), [](const auto& client) {
-        return client->role() == Role::NEWCOMER;
-    });
-    return newcomers ? kAttachCheckMs : -1;
+        until = std::min(until, now + kAcceptPause);
+    if (until == Client::Clock::time_point::max())
+        return -1;
+    return static_cast<int>(std::chrono::ceil<milliseconds>(until - now).count());
 }
 
-void MsgbusBroker::Impl::accept_all() {
-    while (UniqueFd fd = socket_.accept()) {
-        if (clients_.size() < kMaxConnections)
+// A crowd is logged once until a client is admitted again.
+void MsgbusBroker::Impl::accept_some() {
+    for (std::size_t i = 0; i < kAcceptsPerRound; i++) {
+        UniqueFd fd = socket_.accept();
+        if (!fd)
+            return;
+        const bool is_crowd = clients_.size() >= kMaxConnections;
+        if (!is_crowd)
             admit(std::move(fd));
-        else
+        else if (!crowded_)
             logsink_message(SINK_ERROR, "msgbus broker: client refused, %zu are there",
                             clients_.size());
+        crowded_ = is_crowd;
     }
 }
 
 void MsgbusBroker::Impl::admit(UniqueFd fd) {
     if (std::optional<msgbus::Peer> peer = msgbus::peer_of(fd.get()))
-        clients_.push_back(std::make_unique<Client>(std::move(fd), std::move(*peer), ++last_id_));
+        clients_.push_back(
+            std::make_unique<Client>(std::move(fd), std::move(*peer), ++last_id_, limits_));
 }
 
 void MsgbusBroker::Impl::end_latecomers() {
@@ -194,8 +213,9 @@ void MsgbusBroker::Impl::remove_ended() {
 
 // ---- one client
 
-void MsgbusBroker::Impl::serve(Client& client, short events) {
-    if (!client.ended() && (events & (POLLIN | POLLHUP | POLLERR)) != 0)
+void MsgbusBroker::Impl::serve(Client& client, short events, Client::Clock::time_point now) {
+    if (!client.ended() &&
+        ((events & (POLLIN | POLLHUP | POLLERR)) != 0 || client.due_at(now) <= now))
         receive(client);
     if (!client.ended() && (events & POLLOUT) != 0)
         flush(client);
@@ -211,6 +231,12 @@ void MsgbusBroker::Impl::receive(Client& client) {
         malformed(client, client.frame_error());
     else if (received == Received::END)
         end(client);
+    else if (client.begins_to_be_held_back())
+        logsink_message(SINK_WARNING,
+                        "msgbus broker: module %u of process %d sends more than %u frames a second "
+                        "and waits",
+                        client.module(), static_cast<int>(client.pid()),
+                        static_cast<unsigned>(limits_.rate));
 }
 
 void MsgbusBroker::Impl::handle(Client& client, Message frame) {
@@ -295,7 +321,7 @@ void MsgbusBroker::Impl::forward(Client& client, Message frame) {
         return;
     }
     Client* receiver = dst < holders_.size() ? holders_[dst] : nullptr;
-    if (receiver && !receiver->is_behind())
+    if (receiver && !receiver->is_behind_for(client.id()))
         enqueue(*receiver, shared, client.id());
     else
         give_back(client, dst, shared->header.seq);

@@ -28,16 +28,17 @@ std::optional<T> number(std::string_view text, T maximum = std::numeric_limits<T
     return value;
 }
 
+// The last number is nobody's: chown(2) takes it for "unchanged".
 std::optional<uid_t> find_user(const std::string& name) {
     if (const passwd* const entry = getpwnam(name.c_str()))
         return entry->pw_uid;
-    return number<uid_t>(name);
+    return number<uid_t>(name, std::numeric_limits<uid_t>::max() - 1);
 }
 
 std::optional<gid_t> find_group(const std::string& name) {
     if (const group* const entry = getgrnam(name.c_str()))
         return entry->gr_gid;
-    return number<gid_t>(name);
+    return number<gid_t>(name, std::numeric_limits<gid_t>::max() - 1);
 }
 
 // "any", or numbers and ranges with commas between: "2,28-31".
@@ -45,6 +46,8 @@ std::optional<MsgbusPolicy::Modules> find_modules(const std::string& text) {
     MsgbusPolicy::Modules modules;
     if (text == "any")
         return modules.set();
+    if (text.ends_with(','))
+        return std::nullopt;
     std::istringstream pieces{text};
     for (std::string piece; std::getline(pieces, piece, ',');) {
         const std::size_t dash = piece.find('-');
@@ -113,6 +116,24 @@ std::string trimmed(const std::string& text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+std::string take_number(std::uint32_t& limit, const std::string& value) {
+    const std::optional<std::uint32_t> found = number<std::uint32_t>(value);
+    if (!found)
+        return "'" + value + "' is no number";
+    limit = *found;
+    return {};
+}
+
+// Without its group the socket keeps that of the process, which lets nobody else in.
+std::string take_group(MsgbusSettings& settings, const std::string& name) {
+    if (name.empty() || name.find_first_of(" \t") != std::string::npos)
+        return "'" + name + "' is no group";
+    settings.missing_group = settings.set_group(name) ? "" : name;
+    if (!settings.missing_group.empty())
+        settings.group = std::nullopt;
+    return {};
+}
+
 // What one line adds; empty, or what is wrong with it.
 std::string take_line(MsgbusSettings& settings, std::vector<MsgbusPolicy::Rule>& rules,
                       const std::string& line) {
@@ -122,9 +143,13 @@ std::string take_line(MsgbusSettings& settings, std::vector<MsgbusPolicy::Rule>&
     const std::string key = trimmed(line.substr(0, equals));
     const std::string value = equals == std::string::npos ? "" : trimmed(line.substr(equals + 1));
     if (key == "group")
-        return settings.set_group(value) ? "" : "there is no group " + value;
+        return take_group(settings, value);
     if (key == "mode")
         return settings.set_mode(value) ? "" : "'" + value + "' is no mode";
+    if (key == "waiting")
+        return take_number(settings.limits.waiting, value);
+    if (key == "rate")
+        return take_number(settings.limits.rate, value);
     if (key != "allow")
         return "'" + key + "' is no key";
     RuleReader reader;
@@ -136,7 +161,7 @@ std::string take_line(MsgbusSettings& settings, std::vector<MsgbusPolicy::Rule>&
 }  // namespace
 
 MsgbusSettings MsgbusSettings::for_everybody() {
-    return {std::nullopt, kEverybody, MsgbusPolicy::for_everybody()};
+    return {std::nullopt, kEverybody, MsgbusPolicy::for_everybody(), {}, {}};
 }
 
 bool MsgbusSettings::set_group(const std::string& name) {
@@ -154,15 +179,17 @@ bool MsgbusSettings::set_mode(const std::string& text) {
 }
 
 std::string MsgbusSettings::take(const std::string& text) {
+    MsgbusSettings taken = *this;
     std::vector<MsgbusPolicy::Rule> rules;
     std::istringstream lines{text};
     int line_number = 0;
     for (std::string line; std::getline(lines, line);) {
         line_number++;
-        const std::string error = take_line(*this, rules, trimmed(line));
+        const std::string error = take_line(taken, rules, trimmed(line));
         if (!error.empty())
             return "line " + std::to_string(line_number) + ": " + error;
     }
-    policy = MsgbusPolicy{std::move(rules)};
+    taken.policy = MsgbusPolicy{std::move(rules)};
+    *this = std::move(taken);
     return {};
 }

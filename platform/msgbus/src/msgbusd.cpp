@@ -35,6 +35,9 @@ void stop_on_signals(MsgbusBroker& broker) {
     action.sa_handler = handle_signal;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
+    // A client may hand over the end of a pipe instead of an eventfd(2).
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
 }
 
 [[noreturn]] void fail(const std::string& why) {
@@ -101,6 +104,10 @@ MsgbusSettings read_settings(const Options& options) {
     }
     if (options.group != nullptr && !settings.set_group(options.group))
         fail(std::string{"there is no group "} + options.group);
+    if (options.group == nullptr && !settings.missing_group.empty())
+        logsink_message(SINK_WARNING,
+                        "msgbusd: there is no group %s: the socket is for root and this user alone",
+                        settings.missing_group.c_str());
     if (options.mode != nullptr && !settings.set_mode(options.mode))
         fail(std::string{"'"} + options.mode + "' is no mode");
     return settings;

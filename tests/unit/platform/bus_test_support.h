@@ -104,6 +104,31 @@ class RawPeer {
                answer->header.dst == (dst == MSGBUS_MONITOR ? dst : module);
     }
 
+    // Sends bytes with those descriptors.
+    bool pass(const std::string& bytes, const std::vector<int>& descriptors) const {
+        iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+        const std::size_t length = descriptors.size() * sizeof(int);
+        std::vector<char> space(CMSG_SPACE(length));
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = space.data();
+        message.msg_controllen = static_cast<decltype(message.msg_controllen)>(space.size());
+        cmsghdr* const control = CMSG_FIRSTHDR(&message);
+        control->cmsg_level = SOL_SOCKET;
+        control->cmsg_type = SCM_RIGHTS;
+        control->cmsg_len = static_cast<decltype(control->cmsg_len)>(CMSG_LEN(length));
+        std::memcpy(CMSG_DATA(control), descriptors.data(), length);
+        return sendmsg(fd_, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    // The same as attach(), with descriptors for the broker.
+    bool attach_with(int module, const std::vector<int>& descriptors) {
+        if (!pass(bytes_of(make_frame(MSGBUS_ATTACH, module, 0)), descriptors))
+            return false;
+        const std::optional<Frame> answer = read();
+        return answer && answer->header.type == MSGBUS_ATTACH && answer->header.dst == module;
+    }
+
     // The next frame; empty at the end of the stream and when nothing comes.
     std::optional<Frame> read() {
         Frame frame;

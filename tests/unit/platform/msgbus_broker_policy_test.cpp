@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -206,6 +207,15 @@ TEST_F(BrokerPolicyForOthers, TheSocketsGroupMayConnect) {
         EXPECT_EQ(status.st_mode & 07777u, 0660u);
         EXPECT_TRUE(other_may_connect());
     }
+}
+
+TEST_F(BrokerPolicyForOthers, ABrokerThatMayNotGiveItsSocketAwayLeavesNone) {
+    chmod(folder.path().c_str(), 0777);
+    EXPECT_TRUE(as_another_user([&] {
+        MsgbusBroker broker{path, settings_of("group=0")};
+        return !broker.open() && broker.error().find("cannot listen on") == 0;
+    }));
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST_F(BrokerPolicyForOthers, ARuleNamesItsUserAndEachOfItsGroups) {

@@ -46,6 +46,36 @@ TEST_F(MsgbusSettingsTest, TakesGroupAndModeOfTheSocket) {
     EXPECT_EQ(settings.mode, 0640u);
 }
 
+TEST_F(MsgbusSettingsTest, AGroupThatIsNotThereIsNotedAndOpensTheSocketToNobody) {
+    EXPECT_EQ(settings.take("group=root\ngroup=no-such-group"), "");
+    EXPECT_EQ(settings.group, std::nullopt);
+    EXPECT_EQ(settings.missing_group, "no-such-group");
+    EXPECT_EQ(settings.take("group=root"), "");
+    EXPECT_EQ(settings.missing_group, "");
+    // chown(2) would leave the group as it is.
+    EXPECT_EQ(settings.take("group=4294967295"), "");
+    EXPECT_EQ(settings.missing_group, "4294967295");
+}
+
+TEST_F(MsgbusSettingsTest, LimitsNobodysRateAndKeeps8MiBWithoutAWord) {
+    EXPECT_EQ(settings.take(""), "");
+    EXPECT_EQ(settings.limits.rate, 0u);
+    EXPECT_EQ(settings.limits.waiting, std::uint32_t{MSGBUS_MAX_WAITING});
+}
+
+TEST_F(MsgbusSettingsTest, TakesTheLimitsOfAConnection) {
+    EXPECT_EQ(settings.take("waiting=65536\nrate=20000"), "");
+    EXPECT_EQ(settings.limits.waiting, 65536u);
+    EXPECT_EQ(settings.limits.rate, 20000u);
+}
+
+TEST_F(MsgbusSettingsTest, ATextThatItDoesNotUnderstandChangesNothing) {
+    EXPECT_NE(settings.take("group=root\nmode=0600\nrate=1\nallow=any"), "");
+    EXPECT_EQ(settings.group, std::nullopt);
+    EXPECT_EQ(settings.mode, 0660u);
+    EXPECT_EQ(settings.limits.rate, 0u);
+}
+
 TEST_F(MsgbusSettingsTest, TakesTheRulesInTheirOrder) {
     EXPECT_EQ(settings.take("allow=root as 28 to 1,6,34\n"
                             "allow=4711 as 2-4,9 to 3\n"
@@ -77,6 +107,7 @@ TEST_F(MsgbusSettingsTest, ThePackagedFileHoldsTheAgentsModulesToTheirReceivers)
     std::ostringstream text;
     text << std::ifstream{PACKAGED_POLICY}.rdbuf();
     EXPECT_EQ(settings.take(text.str()), "");
+    EXPECT_TRUE(settings.group || settings.missing_group == "lumd");
     EXPECT_EQ(settings.mode, 0660u);
     EXPECT_EQ(receivers({0, {}}, 2), "3");
     EXPECT_EQ(receivers({0, {}}, 28), "1 6 34");
@@ -105,11 +136,23 @@ TEST_F(MsgbusSettingsTest, TellsTheLineThatItDoesNotUnderstand) {
         const char* error;
     };
     for (const auto& [line, error] :
-         {Case{"colour=red", "'colour' is no key"}, Case{"allow", "a rule reads"},
-          Case{"group=no-such-group", "there is no group no-such-group"},
-          Case{"mode=0999", "'0999' is no mode"}, Case{"mode=01777", "'01777' is no mode"},
-          Case{"mode=", "'' is no mode"}, Case{"allow=root", "a rule reads"},
-          Case{"allow=root as 5", "a rule reads"}, Case{"allow=root as 5 to 6 7", "a rule reads"},
+         {Case{"colour=red", "'colour' is no key"},
+          Case{"allow", "a rule reads"},
+          Case{"group=", "'' is no group"},
+          Case{"group=lumd adm", "'lumd adm' is no group"},
+          Case{"waiting=8M", "'8M' is no number"},
+          Case{"waiting=-1", "'-1' is no number"},
+          Case{"rate=", "'' is no number"},
+          Case{"rate=4294967296", "'4294967296' is no number"},
+          Case{"allow=4294967295 as 5 to 6", "there is no user 4294967295"},
+          Case{"allow=@4294967295 as 5 to 6", "there is no group 4294967295"},
+          Case{"allow=root as 5, to 7", "'5,' names no modules"},
+          Case{"mode=0999", "'0999' is no mode"},
+          Case{"mode=01777", "'01777' is no mode"},
+          Case{"mode=", "'' is no mode"},
+          Case{"allow=root", "a rule reads"},
+          Case{"allow=root as 5", "a rule reads"},
+          Case{"allow=root as 5 to 6 7", "a rule reads"},
           Case{"allow=root to 5 as 6", "a rule reads"},
           Case{"allow=no-such-user as 5 to 6", "there is no user no-such-user"},
           Case{"allow=@no-such-group as 5 to 6", "there is no group no-such-group"},

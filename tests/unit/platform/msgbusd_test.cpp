@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -106,6 +107,47 @@ TEST_F(Msgbusd, IsRootsAndItsOwnUsersWithoutAFile) {
     Program daemon{{MSGBUSD, "-s", path}};
     const RawPeer peer = join(5);
     EXPECT_EQ(mode_of_socket(), 0660u);
+}
+
+TEST_F(Msgbusd, ServesWithoutTheGroupThatItsFileNames) {
+    folder.write("conf", "group=no-such-group\nallow=any as any to any\n");
+    Program daemon{{MSGBUSD, "-s", path, "-c", folder / "conf"}};
+    const RawPeer peer = join(5);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, getegid());
+    EXPECT_EQ(mode_of_socket(), 0660u);
+}
+
+TEST_F(Msgbusd, HoldsItsClientsToTheLimitsInItsFile) {
+    folder.write("conf", "waiting=100000\nallow=any as any to any\n");
+    Program daemon{{MSGBUSD, "-s", path, "-c", folder / "conf"}};
+    RawPeer sender = join(5);
+    const RawPeer receiver = join(6);
+    ASSERT_TRUE(sender.send(6, 1, std::string(1000000, 'x')));
+    ASSERT_TRUE(sender.send(6, 2, "x"));
+    const std::optional<Frame> notice = sender.read();
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->header.type, MSGBUS_UNDELIVERABLE);
+    EXPECT_EQ(notice->header.seq, 2u);
+}
+
+// It would end by SIGPIPE, pipe(7).
+TEST_F(Msgbusd, LivesOnWhenAClientHandsItAPipeThatNobodyReads) {
+    Program daemon{{MSGBUSD, "-s", path}};
+    RawPeer other = join(5);
+    std::array<int, 2> pipe_ends{};
+    ASSERT_EQ(pipe(pipe_ends.data()), 0);
+    RawPeer strange{path};
+    ASSERT_TRUE(strange.attach_with(6, {pipe_ends[1]}));
+    close(pipe_ends[0]);
+    close(pipe_ends[1]);
+    for (std::uint32_t seq = 1; seq <= 2; seq++) {
+        ASSERT_TRUE(other.send(6, seq, "hello"));
+        EXPECT_EQ(strange.read()->payload, "hello");
+    }
+    ASSERT_TRUE(other.send(5, 3, "echo"));
+    EXPECT_EQ(other.read()->payload, "echo");
 }
 
 TEST_F(Msgbusd, TakesGroupAndModeFromItsOptionsBeforeItsFile) {
