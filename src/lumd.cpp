@@ -13,6 +13,7 @@
 #include "ipc_worker.h"
 #include "logsink.h"
 #include "lum_trace.h"
+#include "program_info.h"
 #include "rrm_worker.h"
 #include "run_flags.h"
 #include "safe_queue.h"
@@ -123,6 +124,8 @@ void set_run_flags(const websock_cfg_t& cfg) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (print_program_info(argc, argv))
+        return 0;
     start_lock_checker();
     set_up_process();
     const websock_cfg_t cfg(argc, const_cast<const char**>(argv));

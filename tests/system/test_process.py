@@ -112,9 +112,26 @@ def test_a_directory_as_configuration_file_is_a_normal_end(run, folder):
     expect_silent_end(run("-f", folder))
 
 
-@pytest.mark.parametrize("arguments", [["-x"], ["--help"], ["-f"], ["-d", "host", "-z"]])
+def test_help_alone_tells_the_usage_in_80_columns(run):
+    result = run("--help")
+    lines = result.stdout.decode().splitlines()
+    assert (result.returncode, result.stderr) == (0, b"")
+    assert lines[0] == "usage: lumd [-f FILE] [-d HOST] [-p PATH] [-P PORT]"
+    assert max(map(len, lines)) < 80
+
+
+def test_version_alone_tells_the_version(run):
+    result = run("--version")
+    assert (result.returncode, result.stderr) == (0, b"")
+    assert re.fullmatch(rb"lumd \d+\.\d+\.\d+\n", result.stdout)
+
+
+@pytest.mark.parametrize("arguments", [["-x"], ["-h"], ["--hel"], ["--help", "-f"],
+                                       ["-f", "/dev/null", "--version"], ["-f"],
+                                       ["-d", "host", "-z"]])
 def test_an_unknown_option_ends_with_status_255(run, arguments):
-    assert run(*arguments).returncode == 255
+    result = run(*arguments)
+    assert (result.returncode, result.stdout) == (255, b"")
 
 
 # Start-up
