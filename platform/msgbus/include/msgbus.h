@@ -34,8 +34,8 @@ enum {
      * root and to the broker's own user; answered by an attach frame with the same dst. From then
      * on the connection receives a copy of each data and undeliverable frame, an attach frame for
      * each module that is there or joins (src and dst are its id) and a detach frame for each that
-     * leaves. It must not send. The broker ends a monitor that falls MSGBUS_MAX_WAITING bytes
-     * behind. */
+     * leaves. It must send nothing but MSGBUS_LIST. The broker ends a monitor that falls
+     * MSGBUS_MAX_WAITING bytes behind. */
     MSGBUS_MONITOR = 255
 };
 
@@ -45,7 +45,14 @@ enum msgbus_frame_type {
     /* src = the missing module, seq = the lost frame's. With a payload it was refused, which that
      * text tells; as the answer to an attach frame so was the module id, src. */
     MSGBUS_UNDELIVERABLE = 2,
-    MSGBUS_DETACH = 3 /* to monitors alone: module src has left */
+    MSGBUS_DETACH = 3, /* to monitors alone: module src has left */
+    /* Asks the broker who is there: without a payload, of a monitor or ahead of the attach frame.
+     * The answer is of the same type and seq. Its payload is a JSON object, whose "modules" is an
+     * array by number; each element has the numbers "module", "pid", "uid", "waiting-frames" and
+     * "waiting-bytes" (what the module has still to be sent), "sent" and "received" (its data
+     * frames so far), and may have more. Whom the broker does not let monitor it refuses with an
+     * undeliverable frame. A broker that does not know the type ends the connection. */
+    MSGBUS_LIST = 4
 };
 
 struct message_header_s {

@@ -193,6 +193,7 @@ void BrokerClient::drop_sent(std::size_t sent) {
         if (front_sent_ < size)
             return;
         returned_ -= is_returned(front) ? 1 : 0;
+        received_frames_ += front.frame->header.type == MSGBUS_DATA ? 1 : 0;
         front_sent_ -= size;
         queue_.pop();
     }

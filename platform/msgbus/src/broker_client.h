@@ -60,6 +60,11 @@ class BrokerClient {
 
     // A module id beyond the last is nobody's and may be sent to.
     [[nodiscard]] bool may_send_to(std::uint8_t module) const;
+    // Data frames that this client has sent, whatever became of them, and that went out to it.
+    void count_sent() { sent_frames_++; }
+    [[nodiscard]] std::uint64_t sent_frames() const { return sent_frames_; }
+    [[nodiscard]] std::uint64_t received_frames() const { return received_frames_; }
+
     // Whether this is the first time that the client is refused to send to that module.
     bool is_first_refusal(std::uint8_t module);
 
@@ -85,6 +90,8 @@ class BrokerClient {
 
     // Lets the frame wait for the next flush(). True when none waited before.
     bool enqueue(SharedFrame frame, std::uint64_t sender);
+    [[nodiscard]] std::size_t waiting_bytes() const { return queue_.bytes(); }
+    [[nodiscard]] std::size_t waiting_frames() const { return queue_.frames(); }
     // Whether more waits than the broker keeps for one client.
     [[nodiscard]] bool is_behind() const { return queue_.bytes() > limits_.waiting; }
     // Whether more of that sender does than its share of it.
@@ -123,6 +130,8 @@ class BrokerClient {
     BrokerQueue queue_;
     std::size_t front_sent_ = 0;  // bytes of the queue's first frame that are out already
     std::size_t returned_ = 0;    // undeliverable frames in the queue
+    std::uint64_t sent_frames_ = 0;
+    std::uint64_t received_frames_ = 0;
 };
 
 }  // namespace msgbus

@@ -68,6 +68,13 @@ std::size_t BrokerQueue::bytes_of(std::uint64_t sender) const {
     return bytes;
 }
 
+std::size_t BrokerQueue::frames() const {
+    std::size_t count = next_.size();
+    for (const Lane& lane : lanes_)
+        count += lane.frames.size();
+    return count;
+}
+
 bool BrokerQueue::is_full_for(std::uint64_t sender, std::size_t limit) const {
     const std::size_t share = limit / std::max<std::size_t>(lanes_.size(), 1);
     return bytes_ > share && bytes_of(sender) > share;

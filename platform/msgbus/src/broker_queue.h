@@ -33,6 +33,7 @@ class BrokerQueue {
     void push(Waiting entry);
 
     [[nodiscard]] bool empty() const { return next_.empty(); }
+    [[nodiscard]] std::size_t frames() const;
     // Of all frames that wait.
     [[nodiscard]] std::size_t bytes() const { return bytes_; }
 

@@ -92,7 +92,7 @@ void FrameParser::check_header() {
         error_ = "its version is " + std::to_string(header_.ver);
     else if (header_.len > MSGBUS_MAX_PAYLOAD)
         error_ = "its length is " + std::to_string(header_.len);
-    else if (header_.type > MSGBUS_DETACH)
+    else if (header_.type > MSGBUS_LIST)
         error_ = "its type is " + std::to_string(header_.type);
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "broker_client.h"
+#include "broker_list.h"
 #include "broker_socket.h"
 #include "frame.h"
 #include "logsink.h"
@@ -35,6 +36,7 @@ constexpr std::size_t kAcceptsPerRound = 16;  // those who are there need not wa
 constexpr std::chrono::milliseconds kAttachCheck{1000};
 constexpr std::chrono::milliseconds kAcceptPause{100};  // while the process is out of descriptors
 constexpr std::string_view kForbidden = "the policy of the bus forbids it";
+constexpr std::string_view kNoList = "only root and the user of the broker may list its modules";
 
 // A frame of the broker's own with that text.
 Message make_notice(message_header_s header, std::string_view text) {
@@ -79,8 +81,11 @@ class MsgbusBroker::Impl {
     void handle(Client& client, Message frame);
     void attach(Client& client, const message_header_s& header);
     void attach_monitor(Client& client);
+    void list(Client& client, std::uint32_t seq);
+    void refuse_list(Client& client, std::uint32_t seq);
     void attach_module(Client& client, std::uint8_t module);
     void refuse_module(Client& client, std::uint8_t module);
+    void refuse(Client& client, const message_header_s& header, std::string_view why);
     void forward(Client& client, Message frame);
     void refuse_receiver(Client& client, std::uint8_t receiver, std::uint32_t seq);
     void give_back(Client& sender, std::uint8_t missing, std::uint32_t seq,
@@ -245,6 +250,8 @@ void MsgbusBroker::Impl::handle(Client& client, Message frame) {
         return;
     if (client.role() == Role::NEWCOMER && header.type == MSGBUS_ATTACH && header.len == 0)
         attach(client, header);
+    else if (client.role() != Role::MODULE && header.type == MSGBUS_LIST && header.len == 0)
+        list(client, header.seq);
     else if (client.role() == Role::MODULE && header.type == MSGBUS_DATA)
         forward(client, std::move(frame));
     else
@@ -276,6 +283,23 @@ void MsgbusBroker::Impl::attach_monitor(Client& client) {
                     make_message(make_header(MSGBUS_ATTACH, holder->module(), holder->module())));
 }
 
+// Whoever asks without end and takes no answer is cut off as a monitor that is too slow.
+void MsgbusBroker::Impl::list(Client& client, std::uint32_t seq) {
+    if (!client.is_trusted())
+        refuse_list(client, seq);
+    else if (client.is_behind())
+        end(client);
+    else
+        enqueue(client, make_notice(make_header(MSGBUS_LIST, MSGBUS_MONITOR, MSGBUS_MONITOR, seq),
+                                    msgbus::describe_modules(holders_)));
+}
+
+void MsgbusBroker::Impl::refuse_list(Client& client, std::uint32_t seq) {
+    logsink_message(SINK_WARNING, "msgbus broker: uid %u of process %d must not list the modules",
+                    static_cast<unsigned>(client.uid()), static_cast<int>(client.pid()));
+    refuse(client, make_header(MSGBUS_UNDELIVERABLE, MSGBUS_MONITOR, MSGBUS_MONITOR, seq), kNoList);
+}
+
 void MsgbusBroker::Impl::attach_module(Client& client, std::uint8_t module) {
     const std::optional<MsgbusPolicy::Modules> receivers = policy_.receivers(client.user(), module);
     if (!receivers) {
@@ -303,14 +327,20 @@ void MsgbusBroker::Impl::attach_module(Client& client, std::uint8_t module) {
 void MsgbusBroker::Impl::refuse_module(Client& client, std::uint8_t module) {
     logsink_message(SINK_WARNING, "msgbus broker: uid %u of process %d must not be module %u",
                     static_cast<unsigned>(client.uid()), static_cast<int>(client.pid()), module);
-    const SharedFrame refusal =
-        make_notice(make_header(MSGBUS_UNDELIVERABLE, module, module), kForbidden);
+    refuse(client, make_header(MSGBUS_UNDELIVERABLE, module, module), kForbidden);
+}
+
+// Tells a newcomer why and ends it.
+void MsgbusBroker::Impl::refuse(Client& client, const message_header_s& header,
+                                std::string_view why) {
+    const SharedFrame refusal = make_notice(header, why);
     if (refusal && client.enqueue(refusal, 0))
         static_cast<void>(client.flush());  // the first bytes on this connection: there is room
     end(client);
 }
 
 void MsgbusBroker::Impl::forward(Client& client, Message frame) {
+    client.count_sent();
     frame->header.src = client.module();
     frame->header.src_uid = static_cast<std::uint32_t>(client.uid());
     const SharedFrame shared{std::move(frame)};

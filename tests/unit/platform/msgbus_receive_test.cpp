@@ -97,7 +97,7 @@ TEST_F(MsgbusReceive, AnExcessiveLengthEndsTheConnection) {
 }
 
 TEST_F(MsgbusReceive, AnUnknownTypeEndsTheConnection) {
-    expect_ends_connection(bytes_of(make_frame(4, 1, 28)));
+    expect_ends_connection(bytes_of(make_frame(MSGBUS_LIST + 1, 1, 28)));
 }
 
 TEST_F(MsgbusReceive, HandsOutWhatCameBeforeAMalformedFrame) {
