@@ -6,6 +6,8 @@ the machine that the bus serves (`order`: "<" or ">").
 import asyncio
 import dataclasses
 import json
+import pathlib
+import re
 import struct
 import sys
 
@@ -18,20 +20,27 @@ DATA, ATTACH, UNDELIVERABLE = 0, 1, 2
 HEADER_SIZE = 17
 HOST_ORDER = "<" if sys.byteorder == "little" else ">"
 
-# Modules of the bus that lumd speaks with, or is.
-VAULTD = 1
-LUMD = 2
-PORTAL = 3
-HUBD = 6
-ORVANTA = 28
-GUARDD = 29
-ORVANTA_EVENTS = 31
-SCAND = 34
+NAMED = pathlib.Path(__file__).parents[2] / "platform/msgbus/include/msgbus_modules.h"
+
+# The modules that have a name: their numbers by it.
+MODULES = {name: int(number) for number, name in
+           re.findall(r'^ *X\((\d+), "([^"]+)"', NAMED.read_text(encoding="utf-8"), re.MULTILINE)}
+
+# Those that lumd speaks with, or is.
+VAULTD = MODULES["vaultd"]
+LUMD = MODULES["lumd"]
+PORTAL = MODULES["portal"]
+HUBD = MODULES["hubd"]
+ORVANTA = MODULES["orvanta"]
+GUARDD = MODULES["guardd"]
+ORVANTA_EVENTS = MODULES["orvanta-events"]
+SCAND = MODULES["scand"]
 # The lab's own: whoever tells lumd about stations.
 TRAPS = 20
 
-NAMES = {VAULTD: "vaultd", LUMD: "lumd", PORTAL: "portal", HUBD: "hubd", ORVANTA: "lumd",
-         GUARDD: "guardd", ORVANTA_EVENTS: "lumd", SCAND: "scand", TRAPS: "hostapd"}
+# Who speaks as which module: all of lumd's are lumd.
+NAMES = {**{number: name for name, number in MODULES.items()},
+         ORVANTA: "lumd", ORVANTA_EVENTS: "lumd", TRAPS: "hostapd"}
 
 
 class BusError(Exception):

@@ -104,6 +104,11 @@ int Connection::attach(const std::string& socket_path, std::uint8_t module, std:
     return 0;
 }
 
+int Connection::connect(const std::string& socket_path) {
+    *this = Connection{};
+    return connect_to(socket_path, Clock::now() + kAttachLimit);
+}
+
 int Connection::connect_to(const std::string& socket_path, Clock::time_point deadline) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -113,7 +118,7 @@ int Connection::connect_to(const std::string& socket_path, Clock::time_point dea
     UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd)
         return errno;
-    while (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    while (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         // EAGAIN: the broker has not yet accepted those who came before.
         if (errno != EINTR && errno != EAGAIN)
             return errno;

@@ -32,6 +32,12 @@ class Connection {
     [[nodiscard]] int attach(const std::string& socket_path, std::uint8_t module, std::uint8_t dst,
                              int event_fd = -1);
 
+    // Connects and sends nothing: for who only asks (MSGBUS_LIST). 0 or an errno value.
+    [[nodiscard]] int connect(const std::string& socket_path);
+
+    // For poll(2); the connection's.
+    [[nodiscard]] int descriptor() const { return fd_.get(); }
+
     [[nodiscard]] bool connected() const { return static_cast<bool>(fd_); }
     [[nodiscard]] bool has_frames() const { return !frames_.empty(); }
 

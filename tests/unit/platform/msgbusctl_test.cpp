@@ -41,9 +41,12 @@ TEST_F(Msgbusctl, SendsOneMessage) {
 TEST_F(Msgbusctl, SendsStandardInput) {
     RawPeer receiver{path};
     ASSERT_TRUE(receiver.attach(6));
-    Program program{command({"send", "6", "-"}), "from a pipe"};
-    EXPECT_EQ(program.exit_status(), 0);
-    EXPECT_EQ(receiver.read()->payload, "from a pipe");
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"send", "6", "-"}, {"send", "hubd"}}) {
+        Program program{command(words), "from a pipe"};
+        EXPECT_EQ(program.exit_status(), 0);
+        EXPECT_EQ(receiver.read()->payload, "from a pipe");
+    }
 }
 
 TEST_F(Msgbusctl, ReportsAMessageThatCannotBeDelivered) {
@@ -131,11 +134,10 @@ TEST_F(Msgbusctl, ExplainsItsUse) {
     for (const std::vector<std::string>& wrong : {std::vector<std::string>{},
                                                   {"dance"},
                                                   {"send"},
-                                                  {"send", "1"},
                                                   {"send", "1", "a", "b"},
                                                   {"monitor", "1"},
                                                   {"send", "255", "x"},
-                                                  {"send", "hubd", "x"},
+                                                  {"send", "hubx", "x"},
                                                   {"send", "-1", "x"},
                                                   {"-m", "1x", "send", "1", "x"},
                                                   {"-t", "soon", "send", "1", "x"},
@@ -161,9 +163,11 @@ TEST_F(Msgbusctl, MonitorShowsOneLineAnEventWithTimeAndDirection) {
     const std::string time = R"([0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} )";
     const std::string uid = std::to_string(getuid());
     for (const std::string& event :
-         {std::string{"1 joins"}, std::string{"2 joins"},
-          "1 -> 2 #77 uid " + uid + R"( [{]"a":\\x0a"b"[}]\\x7f)", "1 -> 3 #78 uid " + uid + " ",
-          std::string{"3 -> 1 #78 undeliverable"}, std::string{"2 leaves"}})
+         {std::string{R"(1 \(vaultd\) joins)"}, std::string{R"(2 \(lumd\) joins)"},
+          R"(1 \(vaultd\) -> 2 \(lumd\) #77 uid )" + uid + R"( [{]"a":\\x0a"b"[}]\\x7f)",
+          R"(1 \(vaultd\) -> 3 \(portal\) #78 uid )" + uid + " ",
+          std::string{R"(3 \(portal\) -> 1 \(vaultd\) #78 undeliverable)"},
+          std::string{R"(2 \(lumd\) leaves)"}})
         EXPECT_THAT(monitor.line(), MatchesRegex(time + event));
     broker.reset();
     EXPECT_EQ(monitor.line(), "msgbusctl: the broker has ended this monitor");
