@@ -68,7 +68,7 @@ stage_clang() { scripts/clang; }
 
 stage_tidy() {
     scripts/clang --configure &&
-        sources | grep -E '^(src|platform|lab|bench|fuzz)/.*\.(c|cpp)$' |
+        sources | grep -E '^(src|platform|tools|lab|bench|fuzz)/.*\.(c|cpp)$' |
         xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet
 }
 
@@ -110,7 +110,7 @@ declare -A purposes=(
     [clang]="clang's warnings, thread-safety annotations among them"
     [tidy]="clang-tidy"
     [fuzz]="each fuzz target from its seeds"
-    [musl]="src and platform against OpenWrt's C library"
+    [musl]="src, platform and tools against OpenWrt's C library"
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [faults]="every call of the agent fails once"

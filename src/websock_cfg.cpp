@@ -14,8 +14,7 @@
 
 namespace {
 
-constexpr int everything = 65535;      // log level until the file says otherwise
-constexpr int line_buffer_size = 255;  // longer lines are read in pieces
+constexpr int everything = 65535;  // log level until the file says otherwise
 constexpr const char* default_ap_location = "default-rrm-domain";
 
 // Copies as much of `from` as fits behind the first `at` characters of `to`.
@@ -101,13 +100,16 @@ constexpr config_key config_keys[] = {
     {"mac-list-id=", apply_mac_list_id},
 };
 
+const config_key* find_key(const char* line) {
+    for (const config_key& key : config_keys)
+        if (strncasecmp(line, key.prefix, std::strlen(key.prefix)) == 0)
+            return &key;
+    return nullptr;  // comments, blank lines, unknown keys
+}
+
 bool apply_line(websock_cfg_t& cfg, char* line) {
-    for (const config_key& key : config_keys) {
-        const std::size_t length = std::strlen(key.prefix);
-        if (strncasecmp(line, key.prefix, length) == 0)
-            return key.apply(cfg, line, static_cast<int>(length));
-    }
-    return true;  // comments, blank lines, unknown keys
+    const config_key* const key = find_key(line);
+    return key == nullptr || key->apply(cfg, line, static_cast<int>(std::strlen(key->prefix)));
 }
 
 }  // namespace
@@ -157,8 +159,8 @@ bool websock_cfg_t::parse_file(const char* path) {
     const file_ptr file(std::fopen(path, "re"));
     if (!file)
         return false;
-    char line[line_buffer_size];
-    while (std::fgets(line, line_buffer_size, file.get()) != nullptr) {
+    char line[config_line_size];
+    while (std::fgets(line, config_line_size, file.get()) != nullptr) {
         if (!apply_line(*this, line))
             return false;
     }
@@ -187,6 +189,11 @@ bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int pref
     fixup_config_string(service.domain);
     fixup_config_string(service.path);
     return true;
+}
+
+std::size_t config_key_length(const char* line) {
+    const config_key* const key = find_key(line);
+    return key != nullptr ? std::strlen(key->prefix) : 0;
 }
 
 int fixup_config_string(char* s) {

@@ -13,6 +13,14 @@ enum ws_instance_id {
     WS_INSTANCE_MAX = 3
 };
 
+// Names of the services' workers, which are the subprotocols of their links too (RFC 6455, 1.9).
+inline constexpr std::array<const char*, WS_INSTANCE_MAX> websock_names = {
+    "websock-roaming", "websock-rrm", "websock-wids"};
+
+// Bytes of the buffer that a line of the configuration file is read into: a longer line is read in
+// pieces.
+inline constexpr int config_line_size = 255;
+
 // One service's endpoint and back-off.
 struct config_instance_t {
     char ap_location[256];  // location label of this access point
@@ -48,6 +56,10 @@ class websock_cfg_t {
     // Returns the configuration file's path, null without -f.
     const char* parse_options(int argc, const char** argv);
 };
+
+// Length of the key, its "=" included, that a line of the configuration file begins with; 0 when it
+// begins with none, and is ignored.
+std::size_t config_key_length(const char* line);
 
 // Cuts `s` at its first line feed or carriage return; returns the length it had before.
 int fixup_config_string(char* s);

@@ -52,9 +52,9 @@ struct service_entry {
 
 const service_entry& service_of(ws_instance_id instance) {
     static constexpr std::array<service_entry, 3> services = {{
-        {"websock-roaming", portal_lwsl_convert_log},
-        {"websock-rrm", rrm_lwsl_convert_log},
-        {"websock-wids", wids_lwsl_convert_log},
+        {websock_names[WS_INSTANCE_PORTAL], portal_lwsl_convert_log},
+        {websock_names[WS_INSTANCE_RRM], rrm_lwsl_convert_log},
+        {websock_names[WS_INSTANCE_WIDS], wids_lwsl_convert_log},
     }};
     static constexpr service_entry unknown = {"unknown", nullptr};
     const auto index = static_cast<std::size_t>(instance);

@@ -66,7 +66,7 @@ class Files:
     def start_hostapd(self):
         self.hostapd = True
         self.refresh()
-        self.write(HOSTAPD_PID, "4242\n")
+        self.write(HOSTAPD_PID, f"{os.getpid()}\n")
         self.journal.add("hostapd", "lumd", "started")
         self.notify("hostapd_started")
 
@@ -78,7 +78,7 @@ class Files:
 
     def start_guardd(self):
         self.guardd = True
-        self.write(GUARDD_PID, "4343\n")
+        self.write(GUARDD_PID, f"{os.getpid()}\n")
         self.journal.add("guardd", "lumd", "started")
         self.notify("guardd_started")
 
