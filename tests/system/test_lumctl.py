@@ -494,3 +494,31 @@ def test_wrong_use_is_told_with_a_status_of_its_own(around, words):
     result = around.run(*words)
     assert (result.status, result.output) == (USAGE, "")
     assert "usage: lumctl check" in result.errors
+
+
+# Completion
+
+
+COMPLETION = pathlib.Path(__file__).parents[2] / "packaging/completion/lumctl"
+
+
+def completions(*words):
+    """What bash offers for the last of the words behind "lumctl"."""
+    line = " ".join(f"'{word}'" for word in ("lumctl", *words))
+    script = f"source '{COMPLETION}'; COMP_WORDS=({line}); COMP_CWORD={len(words)}; " \
+             "_lumctl; printf '%s\\n' \"${COMPREPLY[@]}\""
+    return subprocess.run(["bash", "-c", script], capture_output=True, text=True, check=True,
+                          timeout=PATIENCE).stdout.split()
+
+
+@pytest.mark.parametrize("words, offered", [
+    ([""], ["check", "status", "--help", "--version"]), (["st"], ["status"]),
+    (["check", "-"], ["-f", "-t", "--json"]), (["status", "--w"], ["--watch"]),
+    (["check", "-t", ""], [])])
+def test_bash_completes_what_may_stand_there(words, offered):
+    assert completions(*words) == offered
+
+
+def test_bash_completes_the_name_of_a_configuration(tmp_path):
+    (tmp_path / "lumd.conf").touch()
+    assert completions("check", "-f", f"{tmp_path}/lu") == [f"{tmp_path}/lumd.conf"]

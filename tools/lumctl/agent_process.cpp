@@ -119,14 +119,13 @@ agent_process look_at(pid_t pid) {
 
 // The inodes of a process's sockets, from links that read "socket:[1234]".
 std::optional<std::set<unsigned long>> socket_inodes(pid_t pid) {
-    const std::string folder = proc_path(pid, "fd");
-    const auto names = list_folder(folder);
+    const auto names = list_folder(proc_path(pid, "fd"));
     if (!names)
         return std::nullopt;
     constexpr const char* prefix = "socket:[";
     std::set<unsigned long> inodes;
     for (const std::string& name : *names) {
-        const std::string target = link_target(folder + "/" + name);
+        const std::string target = link_target(proc_path(pid, ("fd/" + name).c_str()));
         if (target.starts_with(prefix))
             inodes.insert(std::strtoul(target.c_str() + std::strlen(prefix), nullptr, 10));
     }

@@ -444,4 +444,15 @@ TEST(FixupConfigString, CutsAtTheFirstLineEndAndReturnsTheOldLength) {
     }
 }
 
+TEST(ConfigKeyLength, IsThatOfTheKeyWithItsEqualsSign) {
+    EXPECT_EQ(config_key_length("log_level=3"), 10u);
+    EXPECT_EQ(config_key_length("LOG_FILE=x"), 9u);
+}
+
+TEST(ConfigKeyLength, IsZeroForWhatIsIgnored) {
+    EXPECT_EQ(config_key_length(""), 0u);
+    EXPECT_EQ(config_key_length("# log_level=3"), 0u);
+    EXPECT_EQ(config_key_length("log_level 3"), 0u);
+}
+
 }  // namespace
