@@ -198,6 +198,36 @@ def test_as_json_it_is_one_object_with_the_same_findings(around):
     assert "unknown key" in wrong[0]["text"] and wrong[0]["advice"]
 
 
+def as_another_user(around, verb):
+    if os.geteuid() != 0:
+        pytest.skip("only root can be another user")
+    around.folder.chmod(0o755)
+    around.configure()
+    around.config.chmod(0o644)
+    return around.run(verb, "-f", around.config, user=NOBODY, group=NOBODY, extra_groups=[])
+
+
+def test_another_user_is_told_that_the_bus_is_not_open_to_it(around):
+    around.lab.lab.bus_path.chmod(0o600)
+    as_another_user(around, "check").expect(WARNING, "bus", "not allowed to connect to it")
+
+
+def test_another_user_is_told_that_the_policy_of_the_bus_refuses_it(around):
+    around.lab.lab.bus_path.chmod(0o666)
+    as_another_user(around, "check").expect(WARNING, "bus", f"policy gives user {NOBODY} no place")
+
+
+def test_another_user_is_told_that_it_may_not_see_the_link(start_lab):
+    if os.geteuid() != 0:
+        pytest.skip("only root can be another user")
+    lab = start_lab()
+    lab.lab.folder.chmod(0o755)
+    result = Surroundings(lab).run("status", "-f", lab.lab.config_path, user=NOBODY, group=NOBODY,
+                                   extra_groups=[])
+    assert result.status == WARNING
+    assert "link           not allowed to look at the process's sockets" in result.output
+
+
 # The configuration
 
 
