@@ -94,7 +94,8 @@ def wait_for(condition, what):
 
 
 def relay(*arguments):
-    return program(BIN / "bench_relay", *arguments, stdout=subprocess.PIPE, text=True)
+    return program(BIN / "bench_relay", *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                   text=True)
 
 
 def figures(process):
@@ -108,38 +109,50 @@ def port_of(process):
     return int(process.stdout.readline().split()[1])
 
 
-def measure_lumd(folder):
+@contextlib.contextmanager
+def lumd_relay(folder, *options):
+    """The load on lumd between a bus and a websocket, and the processes that carry it."""
     bus = folder / "bus"
     config = folder / "lumd.conf"
-    with program(BIN / "msgbusd", "-s", bus):
+    with program(BIN / "msgbusd", "-s", bus) as broker:
         wait_for(bus.exists, "the message bus")
-        with relay("lumd", bus) as load:
+        with relay("lumd", bus, *options) as load:
             config.write_text(f"roam_service_url=ws://127.0.0.1:{port_of(load)}/bench\n"
                               "initial_connection_delay=1\nmax_connection_delay=1\nlog_level=1\n")
-            with program(BIN / "lumd", "-f", config, env={**os.environ, "MSGBUS_SOCKET": str(bus)}):
-                return figures(load)
+            with program(BIN / "lumd", "-f", config,
+                         env={**os.environ, "MSGBUS_SOCKET": str(bus)}) as lumd:
+                yield load, [lumd.pid, broker.pid]
 
 
-def measure_bare():
-    with relay("bare") as load, program(BIN / "bench_bare_client", port_of(load)):
-        return figures(load)
-
-
-def measure_mosquitto(folder):
+@contextlib.contextmanager
+def mosquitto_relay(folder, *options):
     plain, websocket = free_port(), free_port()
     config = folder / "mosquitto.conf"
     config.write_text("allow_anonymous true\nset_tcp_nodelay true\nmax_queued_messages 0\n"
                       f"user {os.environ.get('USER', 'root')}\nlog_type none\n"
                       f"listener {plain} 127.0.0.1\n"
                       f"listener {websocket} 127.0.0.1\nprotocol websockets\n")
-    broker = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
-    with program(broker, "-c", config, stderr=subprocess.DEVNULL):
+    command = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
+    with program(command, "-c", config, stderr=subprocess.DEVNULL) as broker:
         def listens(port):
             with socket.socket() as probe:
                 return probe.connect_ex(("127.0.0.1", port)) == 0
         wait_for(lambda: listens(plain) and listens(websocket), "mosquitto")
-        with relay("mqtt", plain, websocket) as load:
-            return figures(load)
+        with relay("mqtt", plain, websocket, *options) as load:
+            yield load, [broker.pid]
+
+
+RELAYS = {"lumd": lumd_relay, "mosquitto": mosquitto_relay}
+
+
+def measure_relay(name, folder):
+    with RELAYS[name](folder) as (load, _):
+        return figures(load)
+
+
+def measure_bare():
+    with relay("bare") as load, program(BIN / "bench_bare_client", port_of(load)):
+        return figures(load)
 
 
 def print_relays(title, names, rounds):
@@ -158,13 +171,64 @@ def run_system(count):
     rounds = []
     with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
         for _ in range(count):
-            rounds.append({"lumd": measure_lumd(pathlib.Path(folder)),
-                           "mosquitto": measure_mosquitto(pathlib.Path(folder)),
+            rounds.append({**{name: measure_relay(name, pathlib.Path(folder)) for name in RELAYS},
                            "bare": measure_bare()})
     print_relays(f"Portal: messages a second (up: bus to service), median of {count} rounds, and "
                  "how many times as many as", FIGURES, rounds)
     print_relays("Portal: microseconds at 1000 messages a second each way, and how many times "
                  "those of", DELAYS, rounds)
+
+
+# ---- what a message costs each thread on its way
+
+def tasks(pid):
+    """Name, milliseconds of CPU time and wake-ups of each thread."""
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        status = dict(entry.split(":\t", 1) for entry in
+                      (task / "status").read_text().splitlines() if ":\t" in entry)
+        yield (status["Name"], int((task / "schedstat").read_text().split()[0]) / 1e6,
+               int(status["voluntary_ctxt_switches"]))
+
+
+def spent(pids):
+    return {(pid, name): (cpu, wakes) for pid in pids for name, cpu, wakes in tasks(pid)}
+
+
+def costs(load, pids):
+    """Of each load: microseconds and wake-ups a message of each thread and of the two ends."""
+    result = {}
+    before = {}
+    for entry in load.stdout:
+        event, name, *values = entry.split()
+        if event == "begin":
+            before = spent(pids)
+        else:
+            messages, nanoseconds, wakes = map(int, values)
+            result[name] = {thread: ((cpu - before[pid, thread][0]) * 1e3 / messages,
+                                     (count - before[pid, thread][1]) / messages)
+                            for (pid, thread), (cpu, count) in spent(pids).items()}
+            result[name]["the two ends"] = nanoseconds / 1e3 / messages, wakes / messages
+        load.stdin.write("\n")
+        load.stdin.flush()
+    if load.wait() != 0:
+        sys.exit("bench: the load has failed")
+    return result
+
+
+def run_threads(count):
+    rounds = {name: [] for name in RELAYS}
+    with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
+        for _ in range(count):
+            for name, running in RELAYS.items():
+                with running(pathlib.Path(folder), "threads") as (load, pids):
+                    rounds[name].append(costs(load, pids))
+    print("\nPortal: microseconds of CPU time and wake-ups a message (up: bus to service), median "
+          f"of {count} rounds")
+    for way in rounds["lumd"][0]:
+        for name, measured in rounds.items():
+            for thread in measured[0][way]:
+                line(f"{way} {name}: {thread}",
+                     *(f"{median([one[way][thread][i] for one in measured]):.2f}" for i in (0, 1)))
 
 
 # ---- from one event to the next, in the office scenario in real time
@@ -197,16 +261,8 @@ def run_events(count):
 
 # ---- idle
 
-def tasks(pid):
-    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
-        status = dict(entry.split(":\t", 1) for entry in
-                      (task / "status").read_text().splitlines() if ":\t" in entry)
-        yield (int((task / "schedstat").read_text().split()[0]) / 1e6,
-               int(status["voluntary_ctxt_switches"]))
-
-
 def totals(pid):
-    return [sum(column) for column in zip(*tasks(pid))]
+    return [sum(column) for column in list(zip(*tasks(pid)))[1:]]
 
 
 def memory(pid):
@@ -263,6 +319,7 @@ def main():
 PARTS = {
     "micro": lambda quick: run_micro(),
     "system": lambda quick: run_system(1 if quick else ROUNDS),
+    "threads": lambda quick: run_threads(1 if quick else ROUNDS),
     "events": lambda quick: run_events(1 if quick else ROUNDS),
     "idle": lambda quick: run_idle(5.0 if quick else IDLE_SECONDS),
 }

@@ -4,12 +4,20 @@
 //   bench_relay mqtt PORT WSPORT an MQTT broker with a plain and a websocket listener
 //   bench_relay bare             prints the port, then waits for bench_bare_client
 //
-// Prints one line "NAME VALUE" per figure: messages per second and microseconds.
+// Prints one line "NAME VALUE" per figure: messages per second and microseconds. With a further
+// word, "threads", it tells instead what a message costs the two ends, and when others are to
+// look at what it costs them: before each load it prints "begin NAME", behind it "end NAME MESSAGES
+// NANOSECONDS WAKEUPS" of its own processor time, and each time it waits for a line on its standard
+// input.
+
+#include <sys/resource.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
+#include <iostream>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -43,8 +51,13 @@ double rate(std::size_t messages, Clock::time_point start, Clock::time_point end
     return static_cast<double>(messages) / taken.count();
 }
 
-// Messages a second in one direction, with a bounded number on their way.
-double carry(Peer& from, Peer& to, const Load& load) {
+struct Carried {
+    std::size_t messages;
+    double a_second;
+};
+
+// One direction, with a bounded number on their way.
+Carried carry(Peer& from, Peer& to, const Load& load) {
     std::counting_semaphore<most_in_flight> room{load.in_flight};
     const auto start = Clock::now();
     std::thread sender([&] {
@@ -62,20 +75,20 @@ double carry(Peer& from, Peer& to, const Load& load) {
     }
     const double result = rate(received, start);
     sender.join();
-    return result;
+    return {received, result};
 }
 
 void measure_throughput(Peer& local, Peer& service) {
     for (const Load& load : loads) {
         const std::string name = load.name;
-        report("up_" + name, carry(local, service, load));
-        report("down_" + name, carry(service, local, load));
-        double up = 0;
+        report("up_" + name, carry(local, service, load).a_second);
+        report("down_" + name, carry(service, local, load).a_second);
+        Carried up{};
         std::thread other([&] { up = carry(local, service, load); });
-        const double down = carry(service, local, load);
+        const Carried down = carry(service, local, load);
         other.join();
-        report("both_up_" + name, up);
-        report("both_down_" + name, down);
+        report("both_up_" + name, up.a_second);
+        report("both_down_" + name, down.a_second);
     }
 }
 
@@ -129,22 +142,66 @@ void warm_up(Peer& local, Peer& service) {
     static_cast<void>(service.receive());
 }
 
-void measure(Peer& local, Peer& service) {
+// Of this process so far.
+struct Spent {
+    long long nanoseconds;
+    long wakeups;
+};
+
+Spent spent() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return {time.tv_sec * 1'000'000'000LL + time.tv_nsec, usage.ru_nvcsw};
+}
+
+void let_others_look() {
+    std::fflush(stdout);
+    std::string line;
+    if (!std::getline(std::cin, line))
+        fail("nobody looks");
+}
+
+void measure_costs(const std::string& name, const std::function<std::size_t()>& carry_all) {
+    std::printf("begin %s\n", name.c_str());
+    let_others_look();
+    const Spent before = spent();
+    const std::size_t messages = carry_all();
+    const Spent after = spent();
+    std::printf("end %s %zu %lld %ld\n", name.c_str(), messages,
+                after.nanoseconds - before.nanoseconds, after.wakeups - before.wakeups);
+    let_others_look();
+}
+
+void measure_threads(Peer& local, Peer& service) {
+    for (const Load& load : loads) {
+        const std::string name = load.name;
+        measure_costs("up_" + name, [&] { return carry(local, service, load).messages; });
+        measure_costs("down_" + name, [&] { return carry(service, local, load).messages; });
+    }
+}
+
+void measure(Peer& local, Peer& service, bool threads) {
     warm_up(local, service);
+    if (threads) {
+        measure_threads(local, service);
+        return;
+    }
     measure_latency(local, service);
     measure_throughput(local, service);
 }
 
-void measure_lumd(const std::string& socket_path) {
+void measure_lumd(const std::string& socket_path, bool threads) {
     const auto local = make_bus_module(socket_path, local_module, agent_module);
     const auto service = make_service(listen_and_tell());
-    measure(*local, *service);
+    measure(*local, *service, threads);
 }
 
-void measure_mqtt(int port, int websocket_port) {
+void measure_mqtt(int port, int websocket_port, bool threads) {
     const auto local = make_mqtt_on_tcp(port);
     const auto service = make_mqtt_on_websocket(websocket_port);
-    measure(*local, *service);
+    measure(*local, *service, threads);
 }
 
 // The bare client does what it is ordered in binary messages and discards all others; a pong says
@@ -251,14 +308,16 @@ void measure_bare() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string kind = argc > 1 ? argv[1] : "";
-    if (kind == "lumd" && argc == 3)
-        measure_lumd(argv[2]);
-    else if (kind == "mqtt" && argc == 4)
-        measure_mqtt(std::atoi(argv[2]), std::atoi(argv[3]));
-    else if (kind == "bare" && argc == 2)
+    const bool threads = argc > 1 && std::string(argv[argc - 1]) == "threads";
+    const int count = threads ? argc - 1 : argc;
+    const std::string kind = count > 1 ? argv[1] : "";
+    if (kind == "lumd" && count == 3)
+        measure_lumd(argv[2], threads);
+    else if (kind == "mqtt" && count == 4)
+        measure_mqtt(std::atoi(argv[2]), std::atoi(argv[3]), threads);
+    else if (kind == "bare" && count == 2 && !threads)
         measure_bare();
     else
-        fail("usage: bench_relay lumd SOCKET | mqtt PORT WSPORT | bare");
+        fail("usage: bench_relay lumd SOCKET [threads] | mqtt PORT WSPORT [threads] | bare");
     return EXIT_SUCCESS;
 }
