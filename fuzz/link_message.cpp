@@ -21,6 +21,7 @@ class websock_worker_peer {
                         const void* in, std::size_t len) {
         return worker.worker_lws_callback(wsi, reason, nullptr, const_cast<void*>(in), len);
     }
+    static void end_pass(websock_worker& worker) { worker.hand_over(); }
     static void disconnect(websock_worker& worker) { worker.__disconnect(); }
 };
 
@@ -98,6 +99,7 @@ void Link::receive() {
         close();
         return;
     }
+    websock_worker_peer::end_pass(worker_);
     begun_ += piece;
     const bool whole = library.remaining == 0 && library.final_fragment;
     fuzz::require(take_all(to_partner_) == (whole ? begun_ : ""));

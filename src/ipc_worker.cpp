@@ -1,11 +1,14 @@
 #include "ipc_worker.h"
 
 #include <memory>
+#include <utility>
 
 namespace {
 
 constexpr int idle_delay_us = 100000;
 constexpr int reconnect_pause_us = 1000000;
+// Frames that came in one piece are handed over together, so that the partner is woken once.
+constexpr std::size_t most_at_once = 64;
 
 }  // namespace
 
@@ -46,7 +49,9 @@ bool ipc_worker::execute() {
     msgbus_flush(ctx.get());
     if (frame)
         process_ipc_message(*frame);
-    return !frame;
+    if (msgbus_has_frame(ctx.get()) == 0 || received.size() == most_at_once)
+        hand_over();
+    return !frame && msgbus_get_module_loop(ctx.get()) != 0;
 }
 
 // A message that comes after the first look and before `woken` is cleared wakes nobody: hence the
@@ -67,6 +72,7 @@ void ipc_worker::wake() {
 
 void ipc_worker::__disconnect() {
     from_daemon.unset_user_notifier();
+    hand_over();
     ctx.reset();
 }
 
@@ -80,9 +86,13 @@ void ipc_worker::process_ipc_message(const message_s& frame) {
     const std::uint32_t len = frame.header.len;
     if (len == 0 || frame.payload[0] == 0)
         return;
-    const auto buffer = std::make_shared<buffer_info_t>();
+    auto buffer = std::make_shared<buffer_info_t>();
     buffer->append(reinterpret_cast<const char*>(frame.payload), len);
-    to_daemon.enqueue(buffer);
+    received.push_back(std::move(buffer));
+}
+
+void ipc_worker::hand_over() {
+    to_daemon.enqueue_all(received);
 }
 
 // One fixed peer, whatever the message says.

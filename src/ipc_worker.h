@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <functional>
+#include <vector>
 
 #include "abstract_worker.h"
 #include "ipc_module.h"
@@ -21,7 +22,8 @@ class ipc_worker : public abstract_worker {
     ~ipc_worker() override;
 
     bool __connect() override;
-    // One frame in, or else one message out. True when there was neither.
+    // One frame in, or else one message out. True when there was neither and the bus is still
+    // there.
     bool execute() override;
     void __disconnect() override;
     bool condition(const volatile bool& running) override;
@@ -33,6 +35,7 @@ class ipc_worker : public abstract_worker {
     [[nodiscard]] bool send_next();
     void wake();
     void process_ipc_message(const message_s& frame);
+    void hand_over();
     [[nodiscard]] ipc_module_t route_message(const buffer_info_t& buffer) const;
     void send_ipc_message(const buffer_info_t& buffer);
     void from_daemon_dequeue_cb(const buffer_info_ptr& buffer);
@@ -42,7 +45,8 @@ class ipc_worker : public abstract_worker {
     safe_queue& from_daemon;
     const ipc_module_t module_id;
     const std::function<void(const buffer_info_ptr&)> from_daemon_dequeue_cb_binded;
-    std::atomic<bool> woken = false;  // since the queue was last found empty
+    std::vector<buffer_info_ptr> received;  // while more of the same piece is to come
+    std::atomic<bool> woken = false;        // since the queue was last found empty
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "safe_queue.h"
 
 #include <cstring>
+#include <utility>
 
 #include "json_writer.h"
 
@@ -8,7 +9,7 @@ void safe_queue::enqueue_json(json_writer& w) {
     const char* text = w.serialize();
     if (*text == '\0')
         return;  // told by the writer
-    const auto buffer = std::make_shared<buffer_info_t>();
+    auto buffer = std::make_shared<buffer_info_t>();
     buffer->append(text, static_cast<unsigned>(std::strlen(text)));
-    enqueue(buffer);
+    enqueue(std::move(buffer));
 }

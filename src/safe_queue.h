@@ -4,10 +4,12 @@
 
 #include <concepts>
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <queue>
 #include <utility>
+#include <vector>
 
 #include "LockdepMutex.h"
 #include "buffer_info.h"
@@ -36,22 +38,29 @@ class SafeQueue {
 
     // Appends a copy of `item`, then calls the notifier on this thread. False, and nothing is
     // appended, when the queue is full.
-    bool enqueue(const T& item) {
-        {
-            const mutex_guard lock(m);
-            if (max_size != 0 && q.size() >= max_size)
-                return false;
-            q.push(item);
-        }
-        user_notifier_type notifier;
-        {
-            const mutex_guard lock(user_notifier_mutex);
-            notifier = user_notifier;
-        }
-        if (notifier)
-            notifier();
+    bool enqueue(const T& item) { return enqueue(T(item)); }
+
+    // The same, except that the queue takes over the caller's reference.
+    bool enqueue(T&& item) {
+        if (!put(std::move(item)))
+            return false;
+        notify();
         c.notify_one();
         return true;
+    }
+
+    // Appends all of `items` in their order, then calls the notifier once; nothing without items.
+    // They are taken out of `items`, which keeps its memory. False when the queue was too full for
+    // the last of them, which are lost.
+    bool enqueue_all(std::vector<T>& items) {
+        const std::size_t count = put_all(items);
+        const bool all = count == items.size();
+        items.clear();
+        if (count > 0) {
+            notify();
+            c.notify_all();
+        }
+        return all;
     }
 
     // Takes the front item and hands it to `callback`, which takes it by constant reference or by
@@ -84,6 +93,37 @@ class SafeQueue {
     void unset_user_notifier() { set_user_notifier(default_safe_queue_notifier); }
 
   private:
+    bool put(T&& item) {
+        const mutex_guard lock(m);
+        if (is_full())
+            return false;
+        q.push(std::move(item));
+        return true;
+    }
+
+    std::size_t put_all(std::vector<T>& items) {
+        const mutex_guard lock(m);
+        std::size_t count = 0;
+        for (; count < items.size() && !is_full(); ++count)
+            q.push(std::move(items[count]));
+        return count;
+    }
+
+    [[nodiscard]] bool is_full() const LUMD_REQUIRES(m) {
+        return max_size != 0 && q.size() >= max_size;
+    }
+
+    // With no lock held: the notifier may do what it likes.
+    void notify() {
+        user_notifier_type notifier;
+        {
+            const mutex_guard lock(user_notifier_mutex);
+            notifier = user_notifier;
+        }
+        if (notifier)
+            notifier();
+    }
+
     bool take(T& item) {
         const mutex_guard lock(m);
         if (q.empty())

@@ -20,6 +20,8 @@ namespace {
 constexpr int service_period_ms = 100;
 constexpr int idle_delay_us = 100000;
 constexpr int max_service_calls = 64;
+// What one service call receives at most.
+constexpr unsigned service_buffer_bytes = 16 * 1024;
 constexpr int reconnect_pause_us = 1000000;
 constexpr int every_lws_log_level = 1023;
 constexpr std::size_t smallest_delay_base = 2;  // seconds
@@ -125,14 +127,22 @@ bool websock_worker::execute() {
         traffic = false;
         ask_writeable_when_due();
         bound_service();
-        result = lws_service(own_context(), service_period_ms);
+        result = service(service_period_ms);
         send_overdue_ping();
         tp.process_once();
-    } while (result >= 0 && traffic && ++calls < max_service_calls && can_run &&
+    } while (result >= 0 && (traffic || send_due) && ++calls < max_service_calls && can_run &&
              condition(running));
     if (result >= 0)
         put_event();
     return true;
+}
+
+// What it has brought goes to the partner all at once, which is then woken once: to wake a thread
+// costs more than to carry a short message.
+int websock_worker::service(int timeout_ms) {
+    const int result = lws_service(own_context(), timeout_ms);
+    hand_over();
+    return result;
 }
 
 void websock_worker::__disconnect() {
@@ -194,6 +204,7 @@ void websock_worker::fill_creation_info() {
     protocols[0].callback = callback_ptr;
     protocols[0].user = this;
     creation_info.port = CONTEXT_PORT_NO_LISTEN;
+    creation_info.pt_serv_buf_size = service_buffer_bytes;
     creation_info.protocols = protocols.data();
     creation_info.gid = static_cast<decltype(creation_info.gid)>(-1);
     creation_info.uid = static_cast<decltype(creation_info.uid)>(-1);
@@ -336,9 +347,15 @@ int websock_worker::lws_send(lws* wsi, const void* data, std::size_t len,
     return written;
 }
 
+// Behind what has been received so far.
 void websock_worker::notify(const char* cmd) {
+    hand_over();
     json_writer message(internal_service, cmd, "", protocol_version);
     to_ipc.enqueue_json(message);
+}
+
+void websock_worker::hand_over() {
+    to_ipc.enqueue_all(received);
 }
 
 bool websock_worker::process_internal_message(const buffer_info_t& buffer) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "LockdepMutex.h"
 #include "abstract_worker.h"
@@ -79,6 +80,7 @@ class websock_worker : public abstract_worker {
     [[nodiscard]] lws_context* own_context() const LUMD_NO_THREAD_SAFETY_ANALYSIS {
         return ws_context.get();
     }
+    int service(int timeout_ms);
     void bound_service();
     void unbound_service();
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000
@@ -87,6 +89,7 @@ class websock_worker : public abstract_worker {
     void ask_writeable_when_due();
     void ask_writeable(lws* wsi);
     void drop_received();
+    void hand_over();
     [[nodiscard]] int get_connect_delay();
     void delay_loop();
     [[nodiscard]] bool delay_with_periodic_cb();
@@ -144,7 +147,8 @@ class websock_worker : public abstract_worker {
     const std::string domain;
     const std::string path;
     const int port;
-    buffer_info_ptr buffer_info;  // the message being received, never null
+    buffer_info_ptr buffer_info;            // the message being received, never null
+    std::vector<buffer_info_ptr> received;  // whole, in this service call; for the partner
     std::array<lws_protocols, 2> protocols{};
     int ping_noanswer = 0;  // pings since the last pong
     bool lws_callback_process_active = false;

@@ -5,6 +5,7 @@
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "lum_trace.h"
 #include "lws_gate.h"
@@ -134,7 +135,7 @@ bool websock_worker::append_received(const void* in, std::size_t len) {
 void websock_worker::queue_received() {
     trace.debug("%s->Send to Queue\n", worker_name);
     buffer_info->dump();
-    to_ipc.enqueue(buffer_info);
+    received.push_back(std::move(buffer_info));
     drop_received();
 }
 

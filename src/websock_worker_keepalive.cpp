@@ -56,7 +56,7 @@ void websock_worker::send_due_ping(lws* wsi) {
 void websock_worker::send_overdue_ping() {
     for (int calls = 0; calls < overdue_ping_calls && link != nullptr && is_ping_due(); ++calls) {
         ask_writeable(link);
-        lws_service(own_context(), poll_once);
+        service(poll_once);
     }
 }
 

@@ -140,6 +140,10 @@ message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
     return frame;
 }
 
+int msgbus_has_frame(msgbus_context* ctx) {
+    return ctx->arrived.empty() ? 0 : 1;
+}
+
 void msgbus_send(msgbus_context* ctx, const void* data, uint8_t, size_t len) {
     ctx->request.assign(static_cast<const char*>(data), len);
 }

@@ -104,7 +104,8 @@ void msgbus_release(msgbus_context* ctx);
 void msgbus_set_module_loop(msgbus_context* ctx, int run);
 
 /* Non-zero while started (msgbus_peer_start) and connected. A lost connection counts as connected
- * until the frames that arrived on it are taken. */
+ * until the frames that arrived on it are taken. For one whose last poll found nothing it is as
+ * that poll found it. */
 int msgbus_get_module_loop(msgbus_context* ctx);
 
 /* Discards what arrived before, attaches again when the connection was lost (at most 1 second), and
@@ -116,6 +117,10 @@ void msgbus_peer_stop(msgbus_context* ctx);
 
 /* One whole data frame that has arrived, allocated with malloc(3), or null. Never waits. */
 struct message_s* msgbus_poll_no_wait(msgbus_context* ctx);
+
+/* Non-zero while more of what the last look at the socket has brought waits for
+ * msgbus_poll_no_wait(). */
+int msgbus_has_frame(msgbus_context* ctx);
 
 /* Sends `len` bytes, at most MSGBUS_MAX_PAYLOAD, to module `dst` under a new message number. Fire
  * and forget: on a lost connection the message is lost. Waits while the broker takes the bytes,

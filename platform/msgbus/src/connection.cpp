@@ -155,11 +155,14 @@ void Connection::fill() {
 
 void Connection::fill(std::size_t limit) {
     Received received = Received::SOMETHING;
-    while (fd_ && received == Received::SOMETHING && queued_bytes_ < limit)
+    found_nothing_ = true;
+    while (fd_ && received == Received::SOMETHING && queued_bytes_ < limit) {
         received = receive_frames(fd_.get(), parser_, [this](Message frame) {
             queued_bytes_ += frame_size(*frame);
             frames_.push_back(std::move(frame));
         });
+        found_nothing_ = found_nothing_ && received == Received::NOTHING_YET;
+    }
     if (received == Received::END)
         lose("closed by the broker");
     else if (received == Received::MALFORMED)

@@ -51,6 +51,9 @@ class Connection {
     // then the socket holds the rest and the broker learns that this client is slow.
     void fill();
 
+    // Whether the last fill() received not one byte.
+    [[nodiscard]] bool found_nothing() const { return found_nothing_; }
+
     // Waits until a frame is queued. False at the deadline and when the connection is lost.
     [[nodiscard]] bool wait(Clock::time_point deadline);
 
@@ -78,6 +81,7 @@ class Connection {
     std::vector<std::uint8_t> unsent_;  // whole frames of send_later()
     std::uint8_t module_ = 0;
     bool attached_ = false;
+    bool found_nothing_ = false;
 };
 
 }  // namespace msgbus

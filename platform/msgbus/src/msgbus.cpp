@@ -27,6 +27,7 @@ struct msgbus_context {
     Connection connection;
     int event_fd = -1;  // borrowed
     bool run = false;
+    bool polled = false;                  // the last poll has found nothing at all on the socket
     std::uint32_t seq = 0;                // of the last send
     std::bitset<MSGBUS_MONITOR> refused;  // modules that the policy keeps this one from; logged
     std::uint32_t awaited = 0;  // the same, or 0 when there is nothing that could be answered
@@ -164,12 +165,13 @@ void msgbus_set_module_loop(msgbus_context* ctx, int run) {
 }
 
 int msgbus_get_module_loop(msgbus_context* ctx) {
-    if (ctx->run && !ctx->connection.has_frames())
+    if (ctx->run && !ctx->polled && !ctx->connection.has_frames())
         ctx->connection.fill();
     return ctx->run && (ctx->connection.connected() || ctx->connection.has_frames()) ? 1 : 0;
 }
 
 void msgbus_peer_start(msgbus_context* ctx) {
+    ctx->polled = false;
     ctx->connection.discard();
     if (!ctx->connection.connected()) {
         ctx->awaited = 0;
@@ -191,7 +193,12 @@ message_s* msgbus_poll_no_wait(msgbus_context* ctx) {
         if (frame)
             report_refusal(*ctx, *frame);
     } while (frame && frame->header.type != MSGBUS_DATA);
+    ctx->polled = !frame && ctx->connection.found_nothing();
     return frame.release();
+}
+
+int msgbus_has_frame(msgbus_context* ctx) {
+    return ctx->connection.has_frames() ? 1 : 0;
 }
 
 void msgbus_send(msgbus_context* ctx, const void* data, uint8_t dst, size_t len) {

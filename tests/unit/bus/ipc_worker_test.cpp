@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 
 #include <chrono>
 #include <cstring>
@@ -18,6 +20,7 @@ class ipc_worker_peer {
   public:
     static void process(ipc_worker& worker, const message_s& frame) {
         worker.process_ipc_message(frame);
+        worker.hand_over();
     }
     static ipc_module_t route(const ipc_worker& worker, const buffer_info_t& buffer) {
         return worker.route_message(buffer);
@@ -178,6 +181,28 @@ TEST_F(IpcWorker, PutsWhatArrivesOnItsQueueUnchanged) {
     EXPECT_THAT(receive(2), ElementsAre(R"({ "any" : "text" })", "not even json"));
 }
 
+TEST_F(IpcWorker, WakesItsPartnerOnceForFramesThatCameInOnePiece) {
+    int wakeups = 0;
+    to_daemon.set_user_notifier([&] { ++wakeups; });
+    for (const char* text : {"one", "two", "three"})
+        bus.send(PORTALMOD, LUMDMOD, text);
+    // The broker keeps the order: when the portal's message to itself is back, all are there.
+    bus.send(PORTALMOD, PORTALMOD, "marker");
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    EXPECT_THAT(receive(3), ElementsAre("one", "two", "three"));
+    EXPECT_EQ(wakeups, 1);
+}
+
+TEST_F(IpcWorker, HandsOverWhatItHasTakenWhenItLeaves) {
+    for (const char* text : {"taken", "not taken"})
+        bus.send(PORTALMOD, LUMDMOD, text);
+    bus.send(PORTALMOD, PORTALMOD, "marker");
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    EXPECT_FALSE(worker.execute());
+    worker.__disconnect();
+    EXPECT_THAT(drain(to_daemon), ElementsAre("taken"));
+}
+
 TEST_F(IpcWorker, SendsWhatItIsGivenToThePortalUnchanged) {
     from_daemon.enqueue(message(R"({ "dst" : "hubd" })"));
     EXPECT_FALSE(worker.execute());
@@ -278,10 +303,27 @@ TEST_F(IpcWorkerAlone, EndsItsConditionWhenTheBusIsLost) {
     worker.__disconnect();
 }
 
+TEST_F(IpcWorkerAlone, DoesNotWaitOnceTheBusIsLost) {
+    auto bus = std::make_unique<TestBus>();
+    ASSERT_TRUE(worker.__connect());
+    EXPECT_TRUE(worker.execute());
+    bus.reset();
+    EXPECT_FALSE(worker.execute());
+    EXPECT_FALSE(worker.condition(run));
+    worker.__disconnect();
+}
+
 // A worker whose waits the test takes over.
 class waiting_worker : public ipc_worker {
   public:
     using ipc_worker::ipc_worker;
+
+    // How often the event was raised since the last look.
+    [[nodiscard]] eventfd_t raised() const {
+        pollfd entry{event_descriptor(), POLLIN, 0};
+        eventfd_t count = 0;
+        return poll(&entry, 1, 0) == 1 && eventfd_read(event_descriptor(), &count) == 0 ? count : 0;
+    }
 
     [[nodiscard]] bool woken() const {
         const std::chrono::milliseconds limit = test_bus::patience;
@@ -323,6 +365,22 @@ TEST(IpcWorkerIdle, IsWokenByAMessageOfItsPartner) {
         from_daemon.enqueue(message(text));
         ASSERT_TRUE(worker.woken());
     }
+    worker.__disconnect();
+}
+
+TEST(IpcWorkerIdle, IsWokenOnceForSeveralMessagesOfItsPartner) {
+    const TestBus bus;
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    waiting_worker worker(to_daemon, from_daemon, LUMDMOD, run);
+    ASSERT_TRUE(worker.__connect());
+    EXPECT_TRUE(worker.execute());
+    ASSERT_TRUE(worker.woken()) << "by the broker's answer";
+    std::vector<buffer_info_ptr> several{message("one"), message("two"), message("three")};
+    from_daemon.enqueue_all(several);
+    from_daemon.enqueue(message("four"));
+    EXPECT_EQ(worker.raised(), 1U);
     worker.__disconnect();
 }
 

@@ -323,6 +323,26 @@ TEST_F(WebsockLink, DropsAMessageThatTheLinkCutsOff) {
     EXPECT_THAT(peer.wait_received(3), ElementsAre(disconnected_text, connected_text, "whole"));
 }
 
+TEST_F(WebsockLink, WakesThePartnerOnceForAllThatOnePassBrings) {
+    establish();
+    int wakeups = 0;
+    peer.to_ipc.set_user_notifier([&] { ++wakeups; });
+    for (const char* text : {"one", "two", "three"})
+        service.send(RawService::TEXT, text);
+    EXPECT_THAT(peer.wait_received(3), ElementsAre("one", "two", "three"));
+    EXPECT_EQ(wakeups, 1);
+}
+
+TEST_F(WebsockLink, HandsOverWhatItHasReceivedBeforeItTellsOfTheLink) {
+    establish();
+    service.send(RawService::TEXT, "first");
+    ASSERT_THAT(peer.wait_received(1), ElementsAre("first"));
+    EXPECT_EQ(peer.receive("last", 4), 0);
+    EXPECT_THAT(peer.received(), IsEmpty()) << "the pass is not over";
+    peer.disconnect();
+    EXPECT_THAT(peer.received(), ElementsAre("last", disconnected_text));
+}
+
 TEST_F(WebsockLink, RefusesANullFinalPiece) {
     establish();
     service.send(RawService::TEXT, "first");
@@ -433,6 +453,24 @@ TEST_F(WebsockLink, IsWokenByAMessageOfThePartner) {
         })) << "one pass sends it, the next one waits again";
         asleep = calls.withheld_timers;
     }
+    service.drop();
+    worker.join();
+}
+
+// Without timers a second service call of the same pass waits until the link ends.
+TEST_F(WebsockLink, SendsAMessageThatWakesItInTheSamePass) {
+    establish();
+    step(2);
+    peer.set_can_run();
+    LwsCalls calls;
+    calls.withhold_timers = true;
+    std::thread worker([this] { peer.execute(); });
+    EXPECT_TRUE(wait_until([&] { return calls.withheld_timers == 1; }));
+    peer.enqueue("wake up");
+    EXPECT_TRUE(wait_until([&] {
+        service.pump();
+        return service.texts.size() == 1;
+    }));
     service.drop();
     worker.join();
 }

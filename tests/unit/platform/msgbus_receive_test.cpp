@@ -69,6 +69,26 @@ TEST_F(MsgbusReceive, HandsOutWhatArrivedBeforeTheConnectionWasLost) {
     EXPECT_THAT(take_syslog(), logged("module 28 lost its connection"));
 }
 
+TEST_F(MsgbusReceive, TellsWhetherMoreOfTheSamePieceWaits) {
+    const msgbus_ptr ctx = start_fake();
+    EXPECT_EQ(msgbus_has_frame(ctx.get()), 0);
+    ASSERT_TRUE(peer->write(data(1, "one") + data(2, "two")));
+    EXPECT_EQ(msgbus_has_frame(ctx.get()), 0) << "it does not look itself";
+    EXPECT_EQ(text_of(poll_once(ctx)), "one");
+    EXPECT_NE(msgbus_has_frame(ctx.get()), 0);
+    EXPECT_EQ(text_of(poll_once(ctx)), "two");
+    EXPECT_EQ(msgbus_has_frame(ctx.get()), 0);
+}
+
+TEST_F(MsgbusReceive, OneWhoPollsLearnsOfTheLossByPolling) {
+    const msgbus_ptr ctx = start_fake();
+    EXPECT_EQ(poll_once(ctx), nullptr);
+    peer->hang_up();
+    EXPECT_NE(msgbus_get_module_loop(ctx.get()), 0);
+    EXPECT_EQ(poll_once(ctx), nullptr);
+    EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
+}
+
 TEST_F(MsgbusReceive, AFrameCutOffByTheLossIsNotHandedOut) {
     const msgbus_ptr ctx = start_fake();
     const std::string frame = data(1, "whole");

@@ -125,6 +125,36 @@ TEST_F(SafeQueue, NotifierIsCalledOncePerEnqueueOnTheProducersThread) {
     EXPECT_THAT(callers, ElementsAre(producer_id, std::this_thread::get_id()));
 }
 
+TEST_F(SafeQueue, TakesOverAReferenceThatItIsGiven) {
+    buffer_info_ptr sent = message("one");
+    EXPECT_TRUE(queue.enqueue(std::move(sent)));
+    queue.dequeue([&](const buffer_info_ptr& item) { EXPECT_EQ(item.use_count(), 1); });
+}
+
+TEST_F(SafeQueue, EnqueuesSeveralMessagesInTheirOrder) {
+    put("one");
+    std::vector<buffer_info_ptr> several{message("two"), message("three")};
+    EXPECT_TRUE(queue.enqueue_all(several));
+    EXPECT_THAT(several, IsEmpty());
+    EXPECT_THAT(drain(queue), ElementsAre("one", "two", "three"));
+}
+
+TEST_F(SafeQueue, NotifierIsCalledOnceForSeveralMessagesAndFindsAllOfThem) {
+    std::vector<std::vector<std::string>> seen;
+    queue.set_user_notifier([&] { seen.push_back(drain(queue)); });
+    std::vector<buffer_info_ptr> several{message("one"), message("two")};
+    queue.enqueue_all(several);
+    EXPECT_THAT(seen, ElementsAre(ElementsAre("one", "two")));
+}
+
+TEST_F(SafeQueue, NotifierIsNotCalledForNoMessages) {
+    int calls = 0;
+    queue.set_user_notifier([&] { ++calls; });
+    std::vector<buffer_info_ptr> none;
+    EXPECT_TRUE(queue.enqueue_all(none));
+    EXPECT_EQ(calls, 0);
+}
+
 TEST_F(SafeQueue, NotifierFindsTheMessageAlreadyInTheQueue) {
     std::vector<std::string> seen;
     queue.set_user_notifier([&] { seen = drain(queue); });
@@ -208,6 +238,21 @@ TEST(BoundedSafeQueue, RefusesAndDropsWhatDoesNotFit) {
     EXPECT_EQ(notified, 2);
 
     std::vector<int> items;
+    while (queue.dequeue([&](const int& item) { items.push_back(item); })) {
+    }
+    EXPECT_THAT(items, ElementsAre(1, 2));
+}
+
+TEST(BoundedSafeQueue, TakesAsManyOfSeveralAsFit) {
+    libhubd::SafeQueue<int, LockdepMutex> queue(2);
+    int notified = 0;
+    queue.set_user_notifier([&] { ++notified; });
+    std::vector<int> items{1, 2, 3};
+    EXPECT_FALSE(queue.enqueue_all(items));
+    EXPECT_THAT(items, IsEmpty());
+    items = {4};
+    EXPECT_FALSE(queue.enqueue_all(items));
+    EXPECT_EQ(notified, 1);
     while (queue.dequeue([&](const int& item) { items.push_back(item); })) {
     }
     EXPECT_THAT(items, ElementsAre(1, 2));
