@@ -19,18 +19,32 @@ buffer_info_t::~buffer_info_t() {
 #endif
 }
 
-const std::string& buffer_info_t::append(const char* data, unsigned len) {
-    if (data != nullptr && len != 0)
+std::string_view buffer_info_t::append(const char* data, unsigned len) {
+    if (data != nullptr && len != 0) {
+        make_head_room(len);
         message.append(data, len);
-    return message;
+    }
+    return text();
+}
+
+char* buffer_info_t::frame() {
+    make_head_room(0);
+    return message.data() + head_room;
+}
+
+void buffer_info_t::make_head_room(std::size_t text_size) {
+    if (!message.empty())
+        return;
+    message.reserve(head_room + text_size);
+    message.resize(head_room);
 }
 
 void buffer_info_t::dump() const {
     if (!trace.is_debug_enabled())
         return;
-    const cfgtree_ptr tree{cfgtree_parse_buffer(message.data(), message.size())};
+    const cfgtree_ptr tree{cfgtree_parse_buffer(c_str(), text().size())};
     if (tree)
         trace.debug("Buffer info dump:\n%s", cfgtree_serialize(tree.get()));
     else
-        trace.debug("Buffer info dump: %s\n", message.c_str());
+        trace.debug("Buffer info dump: %s\n", c_str());
 }

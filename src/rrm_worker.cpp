@@ -132,7 +132,7 @@ void rrm_worker::internal_pending_dequeue_cb(const buffer_info_ptr& buffer) {
 bool rrm_worker::process_ipc_message(const buffer_info_t& buffer) {
     if (buffer.text().empty())
         return false;
-    const json_reader message{buffer.text().c_str()};
+    const json_reader message{buffer.c_str()};
     if (message.fail())
         return false;
     const char* service = message.get_string("service");

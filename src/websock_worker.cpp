@@ -12,7 +12,6 @@
 #include "lum_trace.h"
 #include "lws_gate.h"
 #include "mutex_guard.h"
-#include "owned.h"
 #include "text.h"
 
 namespace {
@@ -328,16 +327,11 @@ void websock_worker::ipc_notifier() {
     lws_cancel_service(ws_context.get());
 }
 
-int websock_worker::lws_send(lws* wsi, const void* data, std::size_t len,
+// The library puts the frame's head into LWS_PRE bytes in front of `data`, and masks what it sends
+// where it lies. Null data, for want of memory, counts as not sent.
+int websock_worker::lws_send(lws* wsi, unsigned char* data, std::size_t len,
                              lws_write_protocol protocol) {
-    const std::unique_ptr<unsigned char, free_deleter> frame(
-        static_cast<unsigned char*>(std::calloc(1, LWS_PRE + len)));
-    int written = -1;
-    if (frame) {
-        if (data != nullptr)
-            std::memcpy(frame.get() + LWS_PRE, data, len);
-        written = lws_write(wsi, frame.get() + LWS_PRE, len, protocol);
-    }
+    const int written = data != nullptr ? lws_write(wsi, data, len, protocol) : -1;
     if (written < 0)
         trace.error("%s->%s:Can't send msg type [%d] to websocket\n", worker_name, __func__,
                     static_cast<int>(protocol));
@@ -359,9 +353,9 @@ void websock_worker::hand_over() {
 }
 
 bool websock_worker::process_internal_message(const buffer_info_t& buffer) {
-    if (!may_be_internal(buffer.text().c_str()))
+    if (!may_be_internal(buffer.c_str()))
         return false;
-    const json_reader message(buffer.text().c_str());
+    const json_reader message(buffer.c_str());
     if (message.fail())
         return false;
     const char* const command = message.get_string("command");

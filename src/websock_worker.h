@@ -95,7 +95,7 @@ class websock_worker : public abstract_worker {
     [[nodiscard]] bool delay_with_periodic_cb();
     void delay_loop_dequeue_cb(const buffer_info_ptr& buffer);
     void ipc_notifier();
-    int lws_send(lws* wsi, const void* data, std::size_t len, lws_write_protocol protocol);
+    int lws_send(lws* wsi, unsigned char* data, std::size_t len, lws_write_protocol protocol);
     void notify(const char* cmd);
     void notify_connected() {
         notify("connected");

@@ -30,6 +30,25 @@ class corked_socket {
     const int fd;
 };
 
+static_assert(LWS_PRE <= buffer_info_t::head_room);
+
+buffer_info_ptr copy_of(const buffer_info_t& buffer) {
+    auto copy = std::make_shared<buffer_info_t>();
+    copy->append(buffer.text().data(), static_cast<unsigned>(buffer.text().size()));
+    return copy;
+}
+
+// What is sent is masked where it lies: of a message that others still hold a copy is sent, which
+// `own` keeps alive. Null without memory.
+unsigned char* frame_of(const buffer_info_ptr& buffer, buffer_info_ptr& own) {
+    try {
+        own = buffer.use_count() == 1 ? buffer : copy_of(*buffer);
+        return reinterpret_cast<unsigned char*>(own->frame());
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 int websock_worker::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* /*user*/,
@@ -164,8 +183,11 @@ void websock_worker::process_client_writeable_dequeue_cb(lws* wsi, const buffer_
     traffic = true;
     trace.debug("%s->From queue\n", worker_name);
     buffer->dump();
-    if (!process_internal_message(*buffer))
-        lws_send(wsi, buffer->text().data(), buffer->text().size(), LWS_WRITE_TEXT);
+    if (process_internal_message(*buffer))
+        return;
+    buffer_info_ptr own;
+    unsigned char* const frame = frame_of(buffer, own);
+    lws_send(wsi, frame, buffer->text().size(), LWS_WRITE_TEXT);
 }
 
 int websock_worker::process_protocol_destroy() {

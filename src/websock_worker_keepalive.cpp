@@ -1,4 +1,5 @@
 // Whether the other end is still there: a ping every 30 seconds, and when to give the link up.
+#include <array>
 #include <ctime>
 
 #include "lum_trace.h"
@@ -45,7 +46,8 @@ void websock_worker::send_due_ping(lws* wsi) {
     if (!is_ping_due() || lws_partial_buffered(wsi) != 0)
         return;
     time_monotonic(thread_monotime);
-    if (lws_send(wsi, nullptr, 0, LWS_WRITE_PING) > 0)
+    std::array<unsigned char, LWS_PRE> head{};
+    if (lws_send(wsi, head.data() + head.size(), 0, LWS_WRITE_PING) > 0)
         ++ping_noanswer;
     ask_writeable(wsi);
     rearm_ping_timer();

@@ -43,8 +43,8 @@ bool wids_worker::condition(const volatile bool& flag) {
 }
 
 void wids_worker::from_service_cb(const buffer_info_ptr& buffer) {
-    const json_reader message{buffer->text().c_str()};
-    trace.info("Got message: %s\n", buffer->text().c_str());
+    const json_reader message{buffer->c_str()};
+    trace.info("Got message: %s\n", buffer->c_str());
     const char* service = message.get_string("service");
     if (equals_ignoring_case(service, internal_service))
         process_internal_message();

@@ -23,7 +23,7 @@ inline bool is_report(const char* text) {
 
 inline void check_reports(safe_queue& to_service) {
     while (to_service.dequeue(
-        [](const buffer_info_ptr& report) { require(is_report(report->text().c_str())); })) {
+        [](const buffer_info_ptr& report) { require(is_report(report->c_str())); })) {
     }
 }
 

@@ -40,7 +40,7 @@ buffer_info_ptr message(const std::string& text) {
 
 std::vector<std::string> drain(safe_queue& queue) {
     std::vector<std::string> texts;
-    while (queue.dequeue([&](const buffer_info_ptr& item) { texts.push_back(item->text()); })) {
+    while (queue.dequeue([&](const buffer_info_ptr& item) { texts.emplace_back(item->text()); })) {
     }
     return texts;
 }

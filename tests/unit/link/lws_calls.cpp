@@ -44,8 +44,11 @@ void __wrap_lws_sul_schedule(lws_context* context, int thread, lws_sorted_usec_l
 }
 
 int __wrap_lws_write(lws* wsi, unsigned char* data, std::size_t len, lws_write_protocol protocol) {
-    if (current != nullptr && current->refuse_writes)
-        return -1;
+    if (current != nullptr) {
+        current->written = data;
+        if (current->refuse_writes)
+            return -1;
+    }
     return __real_lws_write(wsi, data, len, protocol);
 }
 

@@ -28,6 +28,7 @@ class LwsCalls {
 
     // lws_write()
     bool refuse_writes = false;
+    const unsigned char* written = nullptr;  // what the last call was given
 
     // lws_create_context() and lws_client_connect_via_info()
     bool refuse_contexts = false;

@@ -374,6 +374,33 @@ TEST_F(WebsockLink, SendsAnEmptyMessage) {
     EXPECT_THAT(service.texts, ElementsAre("", "next"));
 }
 
+buffer_info_ptr message(const std::string& text) {
+    auto buffer = std::make_shared<buffer_info_t>();
+    buffer->append(text.data(), static_cast<unsigned>(text.size()));
+    return buffer;
+}
+
+TEST_F(WebsockLink, SendsATextFromWhereItLies) {
+    establish();
+    const LwsCalls calls;
+    buffer_info_ptr hello = message("hello");
+    const char* const text = hello->text().data();
+    peer.from_ipc.enqueue(std::move(hello));
+    ASSERT_TRUE(peer.until([&] { return !service.texts.empty(); }));
+    EXPECT_EQ(reinterpret_cast<const char*>(calls.written), text);
+    EXPECT_THAT(service.texts, ElementsAre("hello"));
+}
+
+TEST_F(WebsockLink, LeavesATextAloneThatOthersHold) {
+    establish();
+    const buffer_info_ptr held = message("hello");
+    for (int i = 0; i < 2; ++i)
+        peer.from_ipc.enqueue(held);
+    ASSERT_TRUE(peer.until([&] { return service.texts.size() == 2; }));
+    EXPECT_THAT(service.texts, ElementsAre("hello", "hello"));
+    EXPECT_EQ(held->text(), "hello");
+}
+
 TEST_F(WebsockLink, TakesAMessageThatTheSocketRefusesForLost) {
     establish();
     const LogCapture log;

@@ -72,7 +72,7 @@ class websock_worker_peer {
     std::vector<std::string> received() {
         std::vector<std::string> texts;
         while (to_ipc.dequeue(
-            [&](const buffer_info_ptr& message) { texts.push_back(message->text()); })) {
+            [&](const buffer_info_ptr& message) { texts.emplace_back(message->text()); })) {
         }
         return texts;
     }

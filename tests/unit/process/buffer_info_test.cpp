@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "log_capture.h"
@@ -51,6 +52,31 @@ TEST(BufferInfo, ZeroLengthLeavesTheTextUnchanged) {
     append(buffer, "kept");
     EXPECT_EQ(buffer.append("more", 0), "kept");
     EXPECT_EQ(buffer.text(), "kept");
+}
+
+TEST(BufferInfo, EndsItsTextWithANul) {
+    buffer_info_t buffer;
+    EXPECT_STREQ(buffer.c_str(), "");
+    append(buffer, "text");
+    EXPECT_STREQ(buffer.c_str(), "text");
+}
+
+TEST(BufferInfo, HasRoomForAFrameHeadInFrontOfItsText) {
+    for (const char* text : {"", "text"}) {
+        buffer_info_t buffer;
+        append(buffer, text);
+        char* const frame = buffer.frame();
+        std::memset(frame - buffer_info_t::head_room, 'h', buffer_info_t::head_room);
+        EXPECT_EQ(frame, buffer.text().data());
+        EXPECT_EQ(buffer.text(), text);
+    }
+}
+
+TEST(BufferInfo, GrowsAlsoAfterItWasLookedAtAsAFrame) {
+    buffer_info_t buffer;
+    static_cast<void>(buffer.frame());
+    append(buffer, "text");
+    EXPECT_EQ(buffer.text(), "text");
 }
 
 TEST(BufferInfo, DumpsAJsonTextAsATree) {

@@ -26,7 +26,7 @@ buffer_info_ptr message(const std::string& text) {
 
 std::vector<std::string> drain(safe_queue& queue) {
     std::vector<std::string> texts;
-    while (queue.dequeue([&](const buffer_info_ptr& item) { texts.push_back(item->text()); })) {
+    while (queue.dequeue([&](const buffer_info_ptr& item) { texts.emplace_back(item->text()); })) {
     }
     return texts;
 }
@@ -89,9 +89,9 @@ TEST_F(SafeQueue, PassesTheBufferItselfNotACopyOfItsText) {
 TEST_F(SafeQueue, DequeueTakesACallbackOfEitherForm) {
     std::vector<std::string> texts;
     const std::function<void(const buffer_info_ptr&)> by_reference =
-        [&](const buffer_info_ptr& item) { texts.push_back(item->text()); };
+        [&](const buffer_info_ptr& item) { texts.emplace_back(item->text()); };
     const std::function<void(buffer_info_ptr)> by_value = [&](buffer_info_ptr item) {
-        texts.push_back(item->text());
+        texts.emplace_back(item->text());
     };
     put("one");
     put("two");
@@ -274,8 +274,9 @@ TEST_F(SafeQueue, KeepsEachProducersOrderAndLosesNothing) {
     int total = 0;
     const auto check = [&](const buffer_info_ptr& item) {
         std::size_t blank = 0;
-        const int producer = std::stoi(item->text(), &blank);
-        EXPECT_EQ(std::stoi(item->text().substr(blank)), next[producer]++);
+        const std::string text(item->text());
+        const int producer = std::stoi(text, &blank);
+        EXPECT_EQ(std::stoi(text.substr(blank)), next[producer]++);
         ++total;
     };
     while (total < producers * messages_each) {
@@ -294,7 +295,7 @@ TEST_F(SafeQueue, SeveralConsumersShareTheMessagesWithoutLossOrRepeat) {
     const auto consume = [&] {
         while (taken < total) {
             queue.dequeue([&](buffer_info_ptr item) {
-                sum += std::stol(item->text());
+                sum += std::stol(std::string(item->text()));
                 ++taken;
             });
         }

@@ -188,8 +188,8 @@ class RrmWorkerTest : public testing::Test {
 
     // All messages for the websocket worker since the last forget_reports(), as texts.
     const std::vector<std::string>& reports() {
-        while (
-            to_websocket.dequeue([this](const buffer_info_ptr& b) { sent.push_back(b->text()); }))
+        while (to_websocket.dequeue(
+            [this](const buffer_info_ptr& b) { sent.emplace_back(b->text()); }))
             ;
         return sent;
     }

@@ -36,7 +36,8 @@ class WidsWorkerTest : public testing::Test {
         service_sends(R"({"version":"2.4","service":"wids-mac-service",)" + fields + "}");
     }
     const std::vector<std::string>& replies() {
-        while (to_service.dequeue([this](const buffer_info_ptr& b) { sent.push_back(b->text()); }))
+        while (
+            to_service.dequeue([this](const buffer_info_ptr& b) { sent.emplace_back(b->text()); }))
             ;
         return sent;
     }
