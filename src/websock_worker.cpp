@@ -19,6 +19,8 @@ namespace {
 constexpr int service_period_ms = 100;
 constexpr int idle_delay_us = 100000;
 constexpr int max_service_calls = 64;
+// Of a long message to one send(2). What is beyond it the library copies, and sends later.
+constexpr std::size_t most_sent_at_once = std::size_t{256} * 1024;
 // What one service call receives at most.
 constexpr unsigned service_buffer_bytes = 16 * 1024;
 constexpr int reconnect_pause_us = 1000000;
@@ -202,6 +204,7 @@ void websock_worker::fill_creation_info() {
     protocols[0].name = worker_name;
     protocols[0].callback = callback_ptr;
     protocols[0].user = this;
+    protocols[0].tx_packet_size = most_sent_at_once;
     creation_info.port = CONTEXT_PORT_NO_LISTEN;
     creation_info.pt_serv_buf_size = service_buffer_bytes;
     creation_info.protocols = protocols.data();

@@ -327,9 +327,10 @@ TEST_F(WebsockLink, WakesThePartnerOnceForAllThatOnePassBrings) {
     establish();
     int wakeups = 0;
     peer.to_ipc.set_user_notifier([&] { ++wakeups; });
-    for (const char* text : {"one", "two", "three"})
-        service.send(RawService::TEXT, text);
-    EXPECT_THAT(peer.wait_received(3), ElementsAre("one", "two", "three"));
+    std::vector<std::string> texts;
+    for (const char fill : {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm', 'n'})
+        service.send(RawService::TEXT, texts.emplace_back(1024, fill));
+    EXPECT_EQ(peer.wait_received(texts.size()), texts);
     EXPECT_EQ(wakeups, 1);
 }
 
@@ -389,6 +390,14 @@ TEST_F(WebsockLink, SendsATextFromWhereItLies) {
     ASSERT_TRUE(peer.until([&] { return !service.texts.empty(); }));
     EXPECT_EQ(reinterpret_cast<const char*>(calls.written), text);
     EXPECT_THAT(service.texts, ElementsAre("hello"));
+}
+
+TEST_F(WebsockLink, GivesALongTextToTheSocketAtOnce) {
+    establish();
+    const std::string text(std::size_t{48} * 1024, 'x');
+    peer.enqueue(text);
+    step(2);
+    EXPECT_THAT(service.texts, ElementsAre(text));
 }
 
 TEST_F(WebsockLink, LeavesATextAloneThatOthersHold) {
