@@ -173,6 +173,8 @@ int kernel_ioctl(int fd, unsigned long request, iwreq* wrq) {
     lab::Kernel* const kernel = state().kernel.load();
     if (kernel == nullptr)
         return fail(ENODEV);
+    if (wrq->u.data.flags != 0)  // no request of these knows any
+        return fail(EINVAL);
     const char* const name = wrq->ifr_ifrn.ifrn_name;
     const std::string ifname{name, strnlen(name, sizeof wrq->ifr_ifrn.ifrn_name)};
     std::uint16_t length = wrq->u.data.length;

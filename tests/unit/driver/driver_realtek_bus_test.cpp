@@ -1,4 +1,5 @@
 #include "driver_fixture.h"
+#include "owned.h"
 
 namespace {
 
@@ -18,6 +19,12 @@ cfgtree_node* __wrap_msgbus_wait_answer(msgbus_context* ctx, const char* command
 }
 
 namespace {
+
+TEST_F(DriverTest, IsTheModuleThatAsksForRadioSettings) {
+    driver();
+    EXPECT_EQ(msgbus_ptr{msgbus_init(ORVANTAMOD, nullptr, 0)}, nullptr) << "it holds that number";
+    EXPECT_NE(msgbus_ptr{msgbus_init(GUARDDMOD, nullptr, 0)}, nullptr);
+}
 
 TEST_F(DriverTest, WaitsTwentySecondsForAnAnswerOverTheBus) {
     driver().get_dca();

@@ -9,6 +9,13 @@ using DriverChannelTest = DriverTest;
 
 // ---- taking a chanspec apart
 
+TEST_F(DriverChannelTest, TwentyMhzHasTheChannelItNames) {
+    const unsigned spec = LWLIO_CHANSPEC_BW_20 | 11;
+    EXPECT_EQ(driver().chanspec_channel(spec), 11);
+    EXPECT_EQ(driver().chanspec_bw(spec), 20);
+    EXPECT_EQ(errors() + log.count("warning: "), 0);
+}
+
 TEST_F(DriverChannelTest, FortyMhzUpper) {
     const unsigned spec = 0x1800 | 0x100 | 38;
     EXPECT_EQ(driver().chanspec_channel(spec), 40);
@@ -185,6 +192,15 @@ TEST_F(AvailableChannelsTest, AreInAscendingOrderEachWithABlank) {
     EXPECT_EQ(filled("wlan0"), "1 2 3 4 5 6 7 8 9 10 11 12 13 ");
     EXPECT_TRUE(log.contains("debug: <fill_chanspecs:"));
     EXPECT_TRUE(log.contains("> chanspecs == 1 2 3 4 5 6 7 8 9 10 11 12 13 "));
+}
+
+TEST_F(AvailableChannelsTest, TheResultTellsWhetherTheTextWasFilled) {
+    std::string out;
+    EXPECT_EQ(ready.fill_chanspecs("wlan0", out), 0);
+    EXPECT_EQ(ready.fill_chanspecs(nullptr, out), -1);
+    EXPECT_EQ(ready.fill_chanspecs("wlan5", out), -1);
+    kernel.fail_command(FakeKernel::GET_AVAILABLE_CHANNELS, EIO);
+    EXPECT_EQ(ready.fill_chanspecs("wlan0", out), -1);
 }
 
 TEST_F(AvailableChannelsTest, AnEmptySetIsTheEmptyText) {

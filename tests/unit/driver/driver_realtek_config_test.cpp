@@ -54,14 +54,14 @@ TEST_F(DriverConfigTest, VapQuestionsWithoutAValueAreAnsweredOff) {
 }
 
 TEST_F(DriverConfigTest, VapQuestionsAreNotReadWithoutANameOrUnlessLive) {
-    ready.get_ssid("");
-    ready.get_vap_enabled_state("");
-    ready.get_enterprise_vap("");
+    EXPECT_EQ(ready.get_ssid(""), "");
+    EXPECT_FALSE(ready.get_vap_enabled_state(""));
+    EXPECT_FALSE(ready.get_enterprise_vap(""));
     ready.set_hostapd_initialized(false);
-    ready.get_ssid("wlan0-va2");
-    ready.get_802dot11k_vap("wlan0-va2");
-    ready.get_captive_portal_state("wlan0-va2");
-    ready.get_enterprise_vap("wlan0-va2");
+    EXPECT_EQ(ready.get_ssid("wlan0-va2"), "");
+    EXPECT_FALSE(ready.get_802dot11k_vap("wlan0-va2"));
+    EXPECT_FALSE(ready.get_captive_portal_state("wlan0-va2"));
+    EXPECT_FALSE(ready.get_enterprise_vap("wlan0-va2"));
     EXPECT_THAT(bus.requests(VAULTDMOD), IsEmpty());
 }
 

@@ -88,6 +88,23 @@ TEST_F(DriverContextTest, AFreshContextHasItsDefaults) {
     EXPECT_FALSE(driver().is_in_progress());
 }
 
+TEST_F(DriverContextTest, ARadioThatNobodyHasReadIsDownAndHasNothing) {
+    const interface_context fresh;
+    EXPECT_FALSE(fresh.status || fresh.wds_status || fresh.wids_status || fresh.coex_status ||
+                 fresh.auto_channel);
+    EXPECT_EQ(fresh.mac_offset, 0);
+    EXPECT_EQ(fresh.radio_mac_count, 0);
+    EXPECT_EQ(fresh.config_spec, 0U);
+    EXPECT_EQ(fresh.antenna_config.ant_gain, 0);
+    EXPECT_EQ(fresh.antenna_config.cable_loss, 0);
+}
+
+TEST_F(DriverContextTest, AVapThatNobodyHasReadIsDownAndHasNothing) {
+    const vap_context fresh;
+    EXPECT_FALSE(fresh.cp_vap || fresh.status || fresh.enterprise_vap || fresh.rrm_vap);
+    EXPECT_EQ(fresh.ifname + fresh.mac + fresh.ssid, "");
+}
+
 // ---- numbers and names
 
 TEST_F(DriverContextTest, NumbersOutOfRangeGiveNothingAndAnErrorLine) {
@@ -106,7 +123,8 @@ TEST_F(DriverContextTest, NumbersOutOfRangeGiveNothingAndAnErrorLine) {
 TEST_F(DriverContextTest, RadioNumbersAreReadWithoutARangeCheck) {
     EXPECT_EQ(driver().get_radio_id("wlan7"), 7);
     EXPECT_EQ(driver().get_radio_id("wlan1-va3"), 1);
-    for (const char* name : {"", "wlan", "eth0", "wlanx", "wlan99999999999999999999"})
+    EXPECT_EQ(driver().get_radio_id("wlan1a"), 1);
+    for (const char* name : {"", "wlan", "eth0", "wlanx", "wlan99999999999999999999", "0", "xlan0"})
         EXPECT_EQ(driver().get_radio_id(name), -1) << name;
 }
 
@@ -593,6 +611,37 @@ TEST_F(DriverContextTest, TheSsidListNamesTheVapsThatAreUp) {
     ready.set_hostapd_initialized(false);
     EXPECT_EQ(ready.get_ssidlist("wlan0", note), 0);
     EXPECT_THAT(seen, IsEmpty());
+}
+
+TEST_F(DriverContextTest, TheSsidListBeginsWithTheFirstVapAndAsksForNoneBeyondTheLast) {
+    add_vap("wlan0-va0", "home");
+    driver_realtek& ready = ready_driver();
+    std::vector<int> seen;
+    ready.get_ssidlist("wlan0",
+                       [&](int vap, const char*, const char*, bool) { seen.push_back(vap); });
+    EXPECT_THAT(seen, ElementsAre(0));
+    EXPECT_EQ(log.count("are absence"), 0);
+}
+
+TEST_F(DriverContextTest, TheMacOfAVapBeyondTheLastIsNoErrorLine) {
+    driver_realtek& ready = ready_driver();
+    const LogCapture fresh;
+    EXPECT_EQ(ready.VapIdToMac(7, 0), nullptr);
+    EXPECT_EQ(ready.VapIdToMac(0xFFFFFFFF, 0), nullptr);
+    EXPECT_THAT(fresh.lines(), IsEmpty());
+}
+
+TEST_F(DriverContextTest, ReadingTheContextLeavesNoDescriptorOpen) {
+    add_vap("wlan0-va0", "home");
+    driver_realtek& ready = ready_driver();
+    const auto open_files = [] {
+        const std::filesystem::directory_iterator all{"/proc/self/fd"};
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = open_files();
+    for (int i = 0; i < 5; ++i)
+        ready.set_vapcontext();
+    EXPECT_EQ(open_files(), before);
 }
 
 TEST_F(DriverContextTest, TheBandOfAnInterfaceFollowsItsChanspec) {

@@ -52,6 +52,20 @@ TEST_F(DriverFbtTest, ParametersBeforeTheStartAreIgnored) {
     EXPECT_TRUE(log.contains("> fbt params is NULL!"));
 }
 
+TEST_F(DriverFbtTest, ParametersBeforeTheStartAreNotEvenLookedAt) {
+    driver().set_orvanta_fbt_params("wlan0-va0", "{");
+    EXPECT_EQ(errors(), 0);
+}
+
+TEST_F(DriverFbtTest, ParametersThatAreNoJsonAreLeftOutWithALine) {
+    driver().start_orvanta_fbt_params();
+    driver().set_orvanta_fbt_params("wlan0-va0", "{");
+    driver().set_orvanta_fbt_params("wlan0-va1", "{}");
+    EXPECT_EQ(logged(R"(error: <set_orvanta_fbt_params:\d+> can't parse json string '\{')"), 1);
+    driver().finish_orvanta_fbt_params();
+    EXPECT_THAT(hubd.requests(), ElementsAre(R"({"command":"update-orvanta-fbt","wlan0-va1":{}})"));
+}
+
 TEST_F(DriverFbtTest, ASecondStartDiscardsTheFirstStaging) {
     driver().start_orvanta_fbt_params();
     driver().set_orvanta_fbt_params("wlan0-va0", "{}");

@@ -84,6 +84,19 @@ TEST_F(DriverNeighbourTest, AMalformedBssidAddsAndLogsNothing) {
     EXPECT_THAT(tools.lines(), IsEmpty());
 }
 
+TEST_F(DriverNeighbourTest, ANeighbourWithoutBssidOrSsidAddsAndLogsNothing) {
+    const LogCapture fresh;
+    EXPECT_EQ(driver().set_rrm_nbr_ap_list(nullptr, "home", 36, 0, 0), 0);
+    EXPECT_EQ(driver().set_rrm_nbr_ap_list("00:1a:2b:3c:4d:5e", nullptr, 36, 0, 0), 0);
+    EXPECT_THAT(fresh.lines(), IsEmpty());
+}
+
+TEST_F(DriverNeighbourTest, OffersANeighbourToTheRadiosThereAreWithoutAnErrorLine) {
+    const LogCapture fresh;
+    driver().set_rrm_nbr_ap_list("00:1a:2b:3c:4d:5e", "home", 6, 0, 0);
+    EXPECT_EQ(fresh.count("error: "), 0);
+}
+
 TEST_F(DriverNeighbourTest, ALostNeighbourOfOneRadioDoesNotStopTheOther) {
     tools.set_mib("wlan1", "chanspec", 0x1000 | 11);  // both radios at 2.4 GHz
     refresh();

@@ -159,6 +159,22 @@ TEST_F(DriverScanTest, A6GHzRadioIsLockedButNotScannedAndUnlockedByStop) {
                                              "unlock-scan wlan0", "unlock-scan wlan1"));
 }
 
+TEST_F(DriverScanTest, A6GHzRadioKeepsNoneBehindItFromTheScan) {
+    platform.radios(R"({"ifname":"wlan1","driver":"g6","bands":["6GHz"]},)"
+                    R"({"ifname":"wlan0","driver":"rtl8192cd","bands":["2.4GHz"]})");
+    start(true, {1}, {36});
+    EXPECT_THAT(kernel.history(), ElementsAre("wlan0 stop", "wlan0 scan"));
+}
+
+TEST_F(DriverScanTest, TheFirstRadioIsScannedWithoutAnErrorLine) {
+    const LogCapture fresh;
+    start(true, {1}, {36});
+    driver().stop(true);
+    start(false, {1}, {36});
+    driver().stop(false);
+    EXPECT_EQ(fresh.count("error: "), 0);
+}
+
 TEST_F(DriverScanTest, A6GHzRadioIsLeftOutOfAnRrmScanToo) {
     platform.radios(R"({"ifname":"wlan1","driver":"g6","bands":["6GHz"]})");
     start(false, {1}, {36});
@@ -375,6 +391,16 @@ TEST_F(DriverScanTest, AMissingSocketIsAFailingRadio) {
     const call_faults::NoSocket fault;
     ap_table table;
     EXPECT_EQ(driver().fill_ap_table(table), -1);
+}
+
+TEST_F(DriverScanTest, WithoutAnyRadioTheTablesAreEmptyWithoutAnError) {
+    platform.radios("");
+    ap_table table(1);
+    EXPECT_EQ(driver().fill_ap_table(table), 0);
+    EXPECT_THAT(table, IsEmpty());
+    table.resize(1);
+    EXPECT_EQ(driver().fill_ap_table_vexor_rrm(table), 0);
+    EXPECT_THAT(table, IsEmpty());
 }
 
 TEST_F(DriverScanTest, ADisabledRadioIsLeftOutWithoutAnError) {

@@ -36,6 +36,13 @@ TEST_F(DriverStationTest, ClientsBearTheSsidAndNameOfTheirVap) {
                             "00:01:02:03:04:07 guest wlan0-va3"));
 }
 
+TEST_F(DriverStationTest, NoVapBeyondTheLastIsAsked) {
+    const LogCapture fresh;
+    clients("wlan0");
+    driver().set_vexor_roam_attempt_timeout("wlan0", 5);
+    EXPECT_EQ(fresh.count("error: "), 0);
+}
+
 TEST_F(DriverStationTest, ClientsOfAnEnterpriseVapAreMarked) {
     vaultd.set("/interface/wlan1-va0/vap/ap-security/mode", "WPA2_1X");
     refresh();
@@ -174,6 +181,7 @@ TEST_F(DriverStationTest, AnInterfaceIsUpByTheLowestBitOfItsFlags) {
                                                                {"up\n", false},
                                                                {"\n", false},
                                                                {"0x1003\n0x1002\n", true},
+                                                               {"0x1000000001\n", false},
                                                                {"0xfffffffffffffffff1", false}};
     for (const auto& [flags, up] : entries) {
         kernel.put_file("/sys/class/net/wlan0/flags", flags);
@@ -181,6 +189,24 @@ TEST_F(DriverStationTest, AnInterfaceIsUpByTheLowestBitOfItsFlags) {
         EXPECT_EQ(driver().get_status("wlan0"), up) << flags;
     }
     EXPECT_EQ(logged(R"(debug: <interface_is_up:\d+> /sys/class/net/wlan0/flags == 0x1002)"), 2);
+}
+
+TEST_F(DriverStationTest, FlagsThatAreNoNumberOf32BitsAreLoggedAsAllOnes) {
+    for (const char* flags : {"up\n", "0x100000000\n"}) {
+        const LogCapture fresh;
+        kernel.put_file("/sys/class/net/wlan0/flags", flags);
+        driver().interface_is_up("wlan0");
+        EXPECT_TRUE(fresh.contains("/sys/class/net/wlan0/flags == 0xffffffff")) << flags;
+    }
+}
+
+TEST_F(DriverStationTest, AFlagsEntryThatCannotBeReadIsOneLine) {
+    const LogCapture fresh;
+    driver().interface_is_up("wlan5");
+    EXPECT_EQ(fresh.lines().size(), 1U);
+    kernel.put_file("/sys/class/net/wlan0/flags", "");
+    driver().interface_is_up("wlan0");
+    EXPECT_EQ(fresh.lines().size(), 2U);
 }
 
 TEST_F(DriverStationTest, AMissingFlagsEntryMeansDown) {

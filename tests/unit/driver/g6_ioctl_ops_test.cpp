@@ -1,4 +1,5 @@
 #include "driver_fixture.h"
+#include "platform-specific/driver_io.h"
 #include "platform-specific/realtek_ioctl_ops_g6.h"
 #include "unsafe_texts.h"
 
@@ -58,6 +59,7 @@ TEST_F(G6Test, NoUnsafeTextReachesAShellWhenAMibIsSet) {
         EXPECT_EQ(ops.set_mib(text, "1", "wlan1"), 0);
         EXPECT_EQ(ops.set_mib("n", text, "wlan1"), 0);
         EXPECT_EQ(fresh.count("error: <set_mib:"), 2) << text;
+        EXPECT_EQ(fresh.count("> refused MIB parametr '"), 2) << text;
     }
     for (const std::string& ifname : unsafe_texts::interface_names()) {
         const LogCapture fresh;
@@ -218,6 +220,36 @@ TEST_F(G6Test, ReportsACoexistenceEntryThatCannotBeRead) {
     kernel.put_file("/proc/net/rtk_wifi6/wlan1/coex_2g_40m", "");
     EXPECT_FALSE(ops.get_obss_coex("wlan1"));
     EXPECT_EQ(logged(R"(error: <get_obss_coex:\d+> .*\(ret == -1\), obss_value -1)"), 1);
+    EXPECT_EQ(log.count("debug: "), 0);
+}
+
+TEST_F(G6Test, ACoexistenceEntryWithoutANumberIsNoErrorOfTheKernel) {
+    kernel.put_file("/proc/net/rtk_wifi6/wlan1/coex_2g_40m", "on");
+    errno = EIO;
+    EXPECT_FALSE(ops.get_obss_coex("wlan1"));
+    EXPECT_EQ(logged(R"(error: <get_obss_coex:\d+> cannot get OBSS parametr \(errno = )"
+                     R"(\(0\)Success\)\(ret == 0\), obss_value -1)"),
+              1);
+}
+
+TEST_F(G6Test, ANeighbourThatIsAddedLeavesNoLine) {
+    tools.set_mib("wlan1", "use40M", 1);
+    tools.set_mib("wlan1", "2ndchoffset", 2);
+    const LogCapture fresh;
+    EXPECT_EQ(add_neighbour(6, 0), 0);
+    EXPECT_THAT(fresh.lines(), IsEmpty());
+}
+
+TEST_F(G6Test, EveryLetterAndDigitMayStandInAnInterfaceName) {
+    for (const char c :
+         std::string{"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"})
+        EXPECT_TRUE(driver_io::is_interface_name(std::string{c})) << c;
+}
+
+TEST_F(G6Test, TheCoexistenceEntryOfAnotherFolderIsNotRead) {
+    kernel.put_file("/proc/net/coex_2g_40m", "1");
+    EXPECT_FALSE(ops.get_obss_coex(".."));
+    EXPECT_EQ(logged("error: .*"), 1);
 }
 
 // --- neighbours ---

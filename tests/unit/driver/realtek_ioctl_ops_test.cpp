@@ -1,8 +1,10 @@
 // What both chip families do alike: everything that goes through the vendor command channel.
 #include "platform-specific/realtek_ioctl_ops.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "driver_fixture.h"
 #include "platform-specific/ioctl_ops_factory.h"
@@ -100,6 +102,41 @@ TYPED_TEST(BothFamilies, IsReadyWithASocket) {
     EXPECT_FALSE(this->ops.is_ready());
     EXPECT_EQ(this->ops.assign(this->driver(), "wlan0"), 0);
     EXPECT_TRUE(this->ops.is_ready());
+}
+
+// For its duration the standard input is closed, so that the next descriptor is 0.
+class WithoutStandardInput {
+  public:
+    WithoutStandardInput() : kept_(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) { close(STDIN_FILENO); }
+    ~WithoutStandardInput() {
+        dup2(kept_, STDIN_FILENO);
+        close(kept_);
+    }
+    WithoutStandardInput(const WithoutStandardInput&) = delete;
+    WithoutStandardInput& operator=(const WithoutStandardInput&) = delete;
+    [[nodiscard]] static bool is_free() { return fcntl(STDIN_FILENO, F_GETFD) == -1; }
+
+  private:
+    int kept_;
+};
+
+TYPED_TEST(BothFamilies, ASocketMayHaveTheDescriptor0) {
+    const WithoutStandardInput closed;
+    TypeParam other{this->driver(), "wlan0"};
+    EXPECT_FALSE(closed.is_free());
+    EXPECT_TRUE(other.is_ready());
+    EXPECT_EQ(other.stop_scan(), 0);
+    EXPECT_EQ(other.assign(this->driver(), "wlan0"), 0);
+    EXPECT_EQ(this->errors(), 0);
+    other.reset();
+    EXPECT_TRUE(closed.is_free());
+}
+
+TYPED_TEST(BothFamilies, TheSocketOfAMoveMayHaveTheDescriptor0) {
+    const WithoutStandardInput closed;
+    EXPECT_EQ(this->ops.send_bsstrans_request("wlan0", "001a2b3c4d5e", 0), 0);
+    EXPECT_EQ(this->kernel.calls().size(), 1U);
+    EXPECT_TRUE(closed.is_free());
 }
 
 TYPED_TEST(BothFamilies, ReportsASocketThatCannotBeOpened) {
@@ -381,6 +418,9 @@ TYPED_TEST(BothFamilies, ClampsACountOfNeighboursThatTheBufferCannotHold) {
         this->ops.get_rrm_scan_result(table);
         EXPECT_EQ(table.size(), 2 * fitting_neighbours);
         EXPECT_EQ(fresh.count("error: <parse_rrm_scan_result:"), 1);
+        EXPECT_EQ(fresh.count("> " + std::to_string(count) +
+                              " entries are reported, the command buffer holds 4680"),
+                  2);
     }
 }
 
@@ -523,6 +563,20 @@ TYPED_TEST(BothFamilies, SurvivesSignalsBeyondAnyRange) {
 }
 
 // --- BSS transition ---
+
+TEST(StationEntryTest, OneWithoutAnEntryHasNoSignal) {
+    EXPECT_EQ(rrm_sta_s{}.max_rssi, 0);
+}
+
+TEST(NeighbourEntryTest, OneThatNothingToldIsAllZero) {
+    const ap_info fresh;
+    EXPECT_EQ(fresh.bssid, (std::array<std::uint8_t, 6>{}));
+    EXPECT_EQ(fresh.signal, 0);
+    EXPECT_EQ(fresh.channel, 0);
+    EXPECT_EQ(fresh.bw, 0);
+    EXPECT_EQ(fresh.tx_power, 0);
+    EXPECT_EQ(fresh.primary_channel, 0);
+}
 
 TYPED_TEST(BothFamilies, AsksAStationToMove) {
     EXPECT_EQ(this->ops.send_bsstrans_request("wlan0", "00:1A:2b:3c:4d:5e", 30), 0);

@@ -129,6 +129,13 @@ TEST_F(Rtl8192cdTest, StartsAndStopsAnRrmScanThroughItsMib) {
                                               "wlan0 set rrm_scan_chan=0"));
 }
 
+TEST_F(Rtl8192cdTest, AnRrmScanThatStartsAndStopsLeavesNoLine) {
+    const LogCapture fresh;
+    EXPECT_EQ(ops.start_rrm_scan(6, "wlan0"), 0);
+    EXPECT_EQ(ops.stop_rrm_scan("wlan0"), 0);
+    EXPECT_THAT(fresh.lines(), IsEmpty());
+}
+
 TEST_F(Rtl8192cdTest, AnRrmScanWhoseChannelIsRefusedIsNoFailure) {
     kernel.fail(FakeKernel::RTL8192CD_SET_MIB, EINVAL);
     EXPECT_EQ(ops.start_rrm_scan(6, "wlan0"), 0);
@@ -248,7 +255,7 @@ TEST_F(Rtl8192cdTest, RefusesAnSsidThatWouldBeginAnotherCommand) {
     EXPECT_EQ(add_neighbour(6, 0, "net\ndelall"), -1);
     EXPECT_EQ(add_neighbour(6, 0, "net\rdelall"), -1);
     EXPECT_THAT(kernel.writes(), IsEmpty());
-    EXPECT_EQ(errors(), 2);
+    EXPECT_EQ(logged(R"(error: <set_rrm_nbr_ap:\d+> refused SSID with a line end on wlan0)"), 2);
 }
 
 TEST_F(Rtl8192cdTest, AnEntryThatDoesNotTakeANeighbourIsADebugLineAndNoFailure) {

@@ -9,8 +9,10 @@
 namespace {
 
 using testing::_;
+using testing::AnyNumber;
 using testing::Each;
 using testing::ElementsAre;
+using testing::Ge;
 using testing::InSequence;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -52,6 +54,13 @@ class RrmWorkerConfigTest : public RrmWorkerTest {
 };
 
 // --- rrm-info as a whole ---
+
+TEST_F(RrmWorkerConfigTest, NeighboursAreClearedOfTheRadiosAndVapsThereAreAlone) {
+    EXPECT_CALL(driver, VapIdToVap).Times(AnyNumber());
+    EXPECT_CALL(driver, VapIdToVap(_, Ge(driver.get_max_radios()))).Times(0);
+    EXPECT_CALL(driver, VapIdToVap(Ge(static_cast<unsigned>(driver.get_max_vap())), _)).Times(0);
+    info(R"("use-80211v":1,"802dot11k":[])");
+}
 
 TEST_F(RrmWorkerConfigTest, AppliesEverythingInOrderAndSparesALockedRadio) {
     driver.radios[1].wds = true;

@@ -10,6 +10,7 @@
 namespace {
 
 using testing::_;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -424,6 +425,15 @@ TEST_F(RrmWorkerScanTest, AStoppedHostapdEndsTheSurvey) {
     advance(100);
     EXPECT_THAT(responses(), IsEmpty());
     EXPECT_THAT(driver.scans, SizeIs(1));
+}
+
+TEST_F(RrmWorkerScanTest, WhatTheSurveyHasHeardIsForgottenWithHostapd) {
+    generic_update("");
+    for (ap_table& table : peer().environment())
+        table.resize(1);
+    remove(hostapd_pid);
+    ASSERT_TRUE(pass());
+    EXPECT_THAT(peer().environment(), Each(IsEmpty()));
 }
 
 TEST_F(RrmWorkerScanTest, ALostLinkEndsTheSurvey) {

@@ -1,10 +1,15 @@
 // How an RRM worker begins and ends.
+#include <chrono>
+#include <future>
+#include <thread>
+
 #include "pause_log.h"
 #include "rrm_worker_fixture.h"
 #include "thread_name.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::InSequence;
@@ -82,6 +87,27 @@ TEST_F(RrmWorkerTest, DestructionClearsNeighboursThenResetsTheDriver) {
     worker.reset();
     EXPECT_FALSE(exists(connected_flag));
     EXPECT_TRUE(log.contains("rrm_worker: stop"));
+}
+
+TEST_F(RrmWorkerTest, DestructionLetsTheRunningPassEndBeforeTheDriverIsReset) {
+    std::promise<void> begun;
+    std::promise<void> reset;
+    bool reset_during_the_pass = true;
+    EXPECT_CALL(driver, process_driver_events).WillOnce([&](const auto&) {
+        run_flag = false;
+        begun.set_value();
+        reset_during_the_pass = reset.get_future().wait_for(200ms) == std::future_status::ready;
+        return 0;
+    });
+    EXPECT_CALL(driver, close_vapcontext)
+        .WillRepeatedly([&, destroyer = std::this_thread::get_id()] {
+            if (std::this_thread::get_id() == destroyer)
+                reset.set_value();
+        });
+    worker->start_on_dedicated_thread();
+    begun.get_future().wait();
+    worker.reset();
+    EXPECT_FALSE(reset_during_the_pass);
 }
 
 TEST_F(RrmWorkerTest, RunsUnderItsName) {
