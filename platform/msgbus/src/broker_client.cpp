@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kAttachLimit{5};
 constexpr std::size_t kMaxReturned = 4096;
 // Of one client in one round of the broker: the others wait no longer than it takes to forward
 // these.
-constexpr std::size_t kFramesPerRound = 64;
+constexpr std::size_t kFramesPerRound = 32;
 
 bool is_returned(const BrokerClient::Waiting& entry) {
     return entry.frame->header.type == MSGBUS_UNDELIVERABLE;

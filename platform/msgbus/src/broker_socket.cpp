@@ -15,6 +15,10 @@ namespace msgbus {
 
 namespace {
 
+// What lies in a client's socket is beyond the broker's ordering. The kernel takes it twice
+// (socket(7)).
+constexpr int kSocketBytes = 32 * 1024;
+
 sockaddr_un address_of(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -92,6 +96,9 @@ UniqueFd BrokerSocket::accept() {
     while (!fd && (errno == EINTR || errno == ECONNABORTED));
     if (fd) {
         failed_ = false;
+        // Best effort: with more a client merely reads more of a flood before what comes next.
+        static_cast<void>(
+            setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBytes, sizeof kSocketBytes));
     } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
         if (!std::exchange(failed_, true))
             logsink_message(SINK_ERROR, "msgbus broker: cannot accept a client: %s",
