@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -171,6 +173,12 @@ class RawPeer {
 
     int fd_;
 };
+
+// How many this process has open.
+inline long open_descriptors() {
+    const std::filesystem::directory_iterator all{"/proc/self/fd"};
+    return std::distance(begin(all), end(all));
+}
 
 // Sets an environment variable as long as it lives.
 class ScopedEnvironment {

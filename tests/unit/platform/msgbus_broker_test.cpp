@@ -1,6 +1,7 @@
 #include "msgbus_broker.h"
 
 #include <gmock/gmock.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -211,6 +212,36 @@ TEST_F(BrokerAttach, MustComeWithinABoundedTime) {
     EXPECT_TRUE(silent.ended());
     ASSERT_TRUE(joined.send(1, 1, "still here"));
     EXPECT_EQ(joined.read()->payload, "still here");
+}
+
+// The kernel closes what goes beyond the room for one, recvmsg(2) with MSG_CTRUNC.
+TEST_F(BrokerAttach, WithMoreDescriptorsThanOneKeepsNoneAfterTheEnd) {
+    const int event = eventfd(0, EFD_CLOEXEC);
+    const long before = open_descriptors();
+    for (const std::size_t count : {std::size_t{1}, std::size_t{2}, std::size_t{100}}) {
+        {
+            RawPeer peer = connect();
+            ASSERT_TRUE(peer.attach_with(5, std::vector<int>(count, event)));
+            ASSERT_TRUE(peer.send(5, 1, "echo"));
+            EXPECT_EQ(peer.read()->payload, "echo");
+        }
+        const RawPeer next = module(5);  // whose two ends are open now
+        EXPECT_EQ(open_descriptors(), before + 2) << count;
+    }
+    close(event);
+}
+
+TEST_F(BrokerData, WithADescriptorArrivesWithoutIt) {
+    RawPeer sender = module(1);
+    RawPeer receiver = module(2);
+    const long before = open_descriptors();
+    const int event = eventfd(0, EFD_CLOEXEC);
+    ASSERT_TRUE(sender.pass(bytes_of(make_frame(MSGBUS_DATA, 1, 2, 7, "x")), {event, event}));
+    close(event);
+    EXPECT_EQ(receiver.read()->header.seq, 7u);
+    EXPECT_EQ(open_descriptors(), before);
+    ASSERT_TRUE(sender.send(2, 8, "on"));
+    EXPECT_EQ(receiver.read()->header.seq, 8u);
 }
 
 TEST_F(BrokerAttach, ServesManyModulesAtOnce) {

@@ -128,6 +128,16 @@ TEST_F(MsgbusReceive, HandsOutWhatCameBeforeAMalformedFrame) {
     EXPECT_EQ(msgbus_get_module_loop(ctx.get()), 0);
 }
 
+TEST_F(MsgbusReceive, ADescriptorFromTheBrokerIsNotKept) {
+    const msgbus_ptr ctx = start_fake();
+    const long before = open_descriptors();
+    const int event = eventfd(0, EFD_CLOEXEC);
+    ASSERT_TRUE(peer->pass(data(1, "good"), {event, event}));
+    close(event);
+    EXPECT_EQ(text_of(poll_frame(ctx)), "good");
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 // ---- the event descriptor
 
 // Module 28 with an event descriptor that the broker may add to.

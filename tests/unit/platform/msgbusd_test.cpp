@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bus_test_support.h"
+#include "msgbus_fixture.h"
 #include "program.h"
 
 namespace {
@@ -130,6 +131,39 @@ TEST_F(Msgbusd, HoldsItsClientsToTheLimitsInItsFile) {
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->header.type, MSGBUS_UNDELIVERABLE);
     EXPECT_EQ(notice->header.seq, 2u);
+}
+
+TEST_F(Msgbusd, KilledWhileItsClientsSendHasDeliveredNothingTwice) {
+    const ScopedEnvironment environment{"MSGBUS_SOCKET", path};
+    constexpr unsigned kMessages = 2000;
+    msgbus_ptr sender;
+    msgbus_ptr receiver;
+    unsigned sent = 0;
+    unsigned last = 0;
+    for (const bool kills : {true, true, false}) {
+        Program daemon{{MSGBUSD, "-s", path}};
+        static_cast<void>(join(9));
+        if (!sender) {
+            sender = ::join(1);
+            receiver = ::join(2);
+        }
+        ASSERT_TRUE(sender && receiver);
+        msgbus_peer_start(sender.get());
+        msgbus_peer_start(receiver.get());
+        for (unsigned i = 0; i < kMessages; i++)
+            send(sender, 2, std::to_string(++sent));
+        if (kills)
+            daemon.kill(SIGKILL);
+        while (last != sent) {
+            const Message frame = poll_frame(receiver);
+            if (!frame)
+                break;
+            const auto number = static_cast<unsigned>(std::stoul(text_of(frame)));
+            ASSERT_GT(number, last);
+            last = number;
+        }
+    }
+    EXPECT_EQ(last, sent);
 }
 
 // It would end by SIGPIPE, pipe(7).
