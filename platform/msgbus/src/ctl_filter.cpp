@@ -1,20 +1,11 @@
 #include "ctl_filter.h"
 
 #include <algorithm>
-#include <memory>
 
-#include "cfgtree.h"
 #include "ctl_event.h"
+#include "tree.h"
 
 namespace msgbusctl {
-
-namespace {
-
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-
-}  // namespace
 
 bool Filter::lets_pass(const message_s& frame) const {
     const auto concerns = [&](std::uint8_t module) {
@@ -26,9 +17,9 @@ bool Filter::lets_pass(const message_s& frame) const {
 
 bool Filter::has_command(const message_s& frame) const {
     const std::string_view payload = payload_of(frame);
-    const std::unique_ptr<cfgtree_node, ReleaseTree> tree{
-        frame.header.type == MSGBUS_DATA ? cfgtree_parse_buffer(payload.data(), payload.size())
-                                         : nullptr};
+    const msgbus::Tree tree{frame.header.type == MSGBUS_DATA
+                                ? cfgtree_parse_buffer(payload.data(), payload.size())
+                                : nullptr};
     const char* const command = cfgtree_get_param(tree.get(), "command");
     return command != nullptr &&
            std::find(commands_.begin(), commands_.end(), command) != commands_.end();

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "cfgtree.h"
+#include "tree.h"
 
 namespace msgbusctl {
 
@@ -117,9 +117,8 @@ std::string json_line(std::string_view text) {
     if (first == std::string_view::npos)
         return "";
     text = text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
-    cfgtree_node* const tree = cfgtree_parse_buffer(text.data(), text.size());
-    cfgtree_release(tree);
-    if (tree == nullptr && text != "null")
+    const msgbus::Tree tree{cfgtree_parse_buffer(text.data(), text.size())};
+    if (!tree && text != "null")
         return "";
     return without_line_feeds(text);
 }

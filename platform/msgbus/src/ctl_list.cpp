@@ -3,27 +3,22 @@
 #include <array>
 #include <chrono>
 #include <cstring>
-#include <memory>
 
-#include "cfgtree.h"
 #include "connection.h"
 #include "ctl_modules.h"
 #include "ctl_table.h"
+#include "tree.h"
 
 namespace msgbusctl {
 
 using msgbus::Connection;
 using msgbus::Message;
+using msgbus::Tree;
 
 namespace {
 
 constexpr int kListSeconds = 5;
 constexpr std::uint32_t kListSeq = 1;
-
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-using Tree = std::unique_ptr<cfgtree_node, ReleaseTree>;
 
 struct Column {
     const char* head;

@@ -17,9 +17,11 @@
 
 #include "connection.h"
 #include "logsink.h"
+#include "tree.h"
 
 using msgbus::Connection;
 using msgbus::Message;
+using msgbus::Tree;
 
 struct msgbus_context {
     std::uint8_t module = 0;
@@ -34,11 +36,6 @@ struct msgbus_context {
 };
 
 namespace {
-
-struct ReleaseTree {
-    void operator()(cfgtree_node* node) const { cfgtree_release(node); }
-};
-using Tree = std::unique_ptr<cfgtree_node, ReleaseTree>;
 
 // A module that is refused tries again and again: each reason is logged once until it changes.
 void report_attach(int module, int error) {
