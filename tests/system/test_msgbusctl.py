@@ -241,7 +241,8 @@ def test_monitor_writes_a_file_that_can_be_read_back(broker, monitor, folder):
     process = monitor("--write", str(capture), "--module", "200")
     with broker.client(HUBD) as hubd:
         hubd.send(200, '{"command":"x"}')
-        assert "#1" in process.stdout.readline()
+        shown_lines = [process.stdout.readline() for _ in range(2)]
+    assert "undeliverable" in shown_lines[1]
     status, _, _ = end(process)
     events = [json.loads(line) for line in capture.read_text().splitlines()]
     assert [event["type"] for event in events] == ["data", "undeliverable"]
@@ -360,6 +361,23 @@ def test_an_answer_that_cannot_be_written_is_a_failure(tool, hubd):
     assert process.returncode == 1
 
 
+def test_without_standard_output_the_bus_sees_nothing_of_the_answer(tool, folder):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(folder / "closed"))
+        listener.listen()
+        command = ["sh", "-c", 'exec "$@" >&-', "sh", tool.program, "-s", str(folder / "closed"),
+                   "call", "-m", "200", "hubd", "x"]
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
+        connection, _ = listener.accept()
+        with connection:
+            connection.recv(HEADER.size, socket.MSG_WAITALL)
+            connection.sendall(frame(200, kind=ATTACH))
+            connection.recv(HEADER.size + 1, socket.MSG_WAITALL)
+            connection.sendall(frame(200, b"answer"))
+            assert connection.recv(1) == b""
+        assert process.wait(PATIENCE) == 0
+
+
 # ---- how it is used
 
 @pytest.mark.parametrize("option", ["-h", "--help"])
@@ -394,6 +412,7 @@ WRONG = {
     "there is no option '-y'": ["-wy", "send", "1", "x"],
     "there is no option '--jason'": ["list", "--jason"],
     "option '--json' takes no value": ["list", "--json=yes"],
+    "--write wants the name of a file": ["monitor", "--write", "-"],
     "option '-s' needs a value": ["list", "-s"],
     "option '--module' needs a value": ["monitor", "--module"],
     "time 'soon' is not a number": ["-t", "soon", "call", "1", "x"],

@@ -141,6 +141,8 @@ void take_option(Options& options, int letter, const std::string& word) {
             break;
         case 'W':
             options.file = optarg;
+            if (options.file.empty() || options.file == "-")
+                misuse("--write wants the name of a file");
             break;
         case ':':
             misuse("option '" + word + "' needs a value");

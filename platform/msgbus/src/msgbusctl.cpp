@@ -1,6 +1,9 @@
 // msgbusctl: sends one message on the local message bus, or shows who is there and what goes over
 // it.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <string>
@@ -48,9 +51,19 @@ void check(const Verb& verb, const Options& options) {
         misuse("'" + options.words[verb.words] + "' is too much for " + verb.name);
 }
 
+// A closed one would become that of the bus, and what is printed there a frame.
+void open_standard_streams() {
+    int fd = 0;
+    while ((fd = open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO)
+        continue;
+    if (fd >= 0)
+        close(fd);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    open_standard_streams();
     logsink_set_name("msgbusctl");
     const Options options = parse_options(argc, argv);
     const Verb& verb = verb_of(options);
