@@ -13,7 +13,7 @@ namespace {
 constexpr long kNanosecondsInMillisecond = 1'000'000;
 
 std::string milliseconds_of(const timespec& when) {
-    std::array<char, 8> text{};
+    std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), ".%03ld", when.tv_nsec / kNanosecondsInMillisecond);
     return text.data();
 }
