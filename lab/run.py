@@ -73,8 +73,8 @@ async def session(options, show, prompt):
         await console.opening()
         if options.once:
             await console.conversation()
-            if lab.service.complaints:
-                raise LabError(f"the service complains: {lab.service.complaints[0]}")
+            if lab.checker.found:
+                raise LabError(f"not as the schemas want it: {lab.checker.found[0]}")
         else:
             await prompt.interact(lab, console)
     except ServiceError as error:

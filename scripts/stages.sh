@@ -38,6 +38,8 @@ stage_pyflakes() {
     { git ls-files '*.py' && git grep -lE '^#!.*python'; } | sort -u | xargs pyflakes3
 }
 
+stage_schemas() { scripts/check-schemas; }
+
 stage_dev_build() { build_preset dev; }
 stage_dev_unit() { stage_dev_build && run_unit dev; }
 stage_dev_system() { stage_dev_build && run_system dev tests/system; }
@@ -84,6 +86,7 @@ packages_of() {
     case $1 in
         format) echo format ;;
         shellcheck | pyflakes) echo scripts ;;
+        schemas) echo schemas ;;
         clang) echo build test clang ;;
         tidy) echo build test clang tidy ;;
         fuzz) echo build fuzz ;;
@@ -99,6 +102,7 @@ declare -A purposes=(
     [format]="C and C++ stand as clang-format puts them"
     [shellcheck]="the shell scripts"
     [pyflakes]="the Python"
+    [schemas]="schemas, examples, docs/protocol.md and fuzz/lumd.dict agree"
     [dev-build]="all with AddressSanitizer and UndefinedBehaviorSanitizer"
     [dev-unit]="the unit tests"
     [dev-system]="the system tests"

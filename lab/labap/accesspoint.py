@@ -1,6 +1,7 @@
 """The whole access point around one lumd, and the commands that change it while it runs."""
 import pathlib
 
+from labtalk.contract import Checker
 from labtalk.control import ControlServer
 from labtalk.journal import Journal
 
@@ -22,10 +23,11 @@ class AccessPoint:
     """
 
     def __init__(self, scenario, root, bus_path, platform_dir=None, clock=None,
-                 order=msgbus.HOST_ORDER, journal=None):
+                 order=msgbus.HOST_ORDER, journal=None, checker=None):
         self.scenario, self.root = scenario, pathlib.Path(root)
         self.bus_path, self.order = str(bus_path), order
         self.clock, self.journal = clock or LabClock(), journal or Journal()
+        self.checker = checker or Checker(self.journal)
         self.root.mkdir(parents=True, exist_ok=True)
         scenarios.write_platform_files(scenario, platform_dir or self.root / "platform")
         self.tree = scenarios.config_tree(scenario)
@@ -62,7 +64,7 @@ class AccessPoint:
         await self._kernel_server.start(str(self.root / "kernel.sock"))
         await self._control_server.start(str(self.root / "control.sock"))
         for daemon in self.daemons.values():
-            daemon.join(self.bus_path, self.order)
+            daemon.join(self.bus_path, self.order, self.checker)
             await daemon.start()
         self.files.refresh()
         if self.scenario["hostapd"]:

@@ -7,11 +7,14 @@ import asyncio
 import copy
 import dataclasses
 
+from labtalk.contract import Checker
 from labtalk.journal import summary
 
 from . import msgbus, scenario as scenarios
 
 ANSWERS = ("normal", "silent", "refuse", "garbage")
+LUMD = msgbus.NAMES[msgbus.LUMD]
+LINK = "internal-ipc"  # "service" of what a link and its partner tell each other
 
 
 @dataclasses.dataclass
@@ -33,15 +36,17 @@ class Daemon:
 
     name = ""
     module = 0
+    heard_border, said_border = "bus-from-lumd", "bus-to-lumd"  # see labtalk.contract
 
     def __init__(self, journal, clock):
-        self.journal, self.clock = journal, clock
+        self.journal, self.clock, self.checker = journal, clock, Checker(journal)
         self.behaviour = Behaviour()
         self.received = []
         self._bus = None
         self._tasks = set()
 
-    def join(self, bus_path, order):
+    def join(self, bus_path, order, checker):
+        self.checker = checker
         self._bus = msgbus.BusClient(bus_path, self.module, self._on_frame, self._on_lost, order)
 
     @property
@@ -79,6 +84,8 @@ class Daemon:
         sender = msgbus.NAMES.get(frame.src, str(frame.src))
         what = (message or {}).get("command", "message")
         self.journal.add(sender, self.name, what, self.received[-1])
+        if sender == LUMD:
+            self._look(self.heard_border, message)
         if message is None:
             return
         task = asyncio.create_task(self._respond(frame, message))
@@ -100,8 +107,13 @@ class Daemon:
         if answer is None or not self.running:
             return
         self._bus.answer(frame, answer)
+        if behaviour.answer != "garbage" and msgbus.NAMES.get(frame.src) == LUMD:
+            self._look(self.said_border, answer)
         what = answer.get("command", "message") if isinstance(answer, dict) else "garbage"
         self.journal.add(self.name, msgbus.NAMES.get(frame.src, str(frame.src)), what, answer)
+
+    def _look(self, border, message):
+        self.checker.look(border, message)
 
     def _shaped(self, behaviour, message):
         if behaviour.answer == "silent":
@@ -244,6 +256,7 @@ class Portal(Daemon):
     """The portal module at the other end of lumd's relay; `echo` sends back what arrives."""
 
     name, module = "portal", msgbus.PORTAL
+    heard_border, said_border = "portal-from-lumd", "portal-to-lumd"
 
     def __init__(self, journal, clock):
         super().__init__(journal, clock)
@@ -251,6 +264,11 @@ class Portal(Daemon):
 
     def handle(self, message):
         return message if self.echo else None
+
+    def _look(self, border, message):
+        """Most of what passes is the service's and nobody's concern."""
+        if isinstance(message, dict) and message.get("service") == LINK:
+            super()._look(border, message)
 
 
 class Traps(Daemon):
@@ -261,10 +279,13 @@ class Traps(Daemon):
     def handle(self, message):
         return None
 
-    def trap(self, **event):
+    def trap(self, broken=False, **event):
         event = {key.rstrip("_").replace("_", "-"): value for key, value in event.items()
                  if value is not None}
         if not self.running:
             return
-        self.send(msgbus.ORVANTA_EVENTS, {"command": "wifi-client-trap", "event": event})
+        message = {"command": "wifi-client-trap", "event": event}
+        if not broken:
+            self._look(self.said_border, message)
+        self.send(msgbus.ORVANTA_EVENTS, message)
         self.journal.add("hostapd", "lumd", "wifi-client-trap", event)

@@ -3,15 +3,17 @@ import json
 import logging
 
 from labtalk import websocket
+from labtalk.contract import Checker
 from labtalk.control import ControlServer
 from labtalk.journal import Journal
 
-from . import checker
 from .model import ApModel
 
 SUBPROTOCOLS = ("websock-rrm", "websock-roaming", "websock-wids")
 SUCCESS = {"status": "success", "code": 200}
 WIDS_SERVICE = "wids-mac-service"
+# The relay of the portal mode carries whatever it is given.
+BORDERS = {"websock-rrm": "rrm", "websock-wids": "wids"}
 
 
 class ServiceError(Exception):
@@ -25,15 +27,15 @@ class Service:
     domain, config); None answers nothing; the last one is used again and again.
     """
 
-    def __init__(self, host="127.0.0.1", port=0, journal=None):
+    def __init__(self, host="127.0.0.1", port=0, journal=None, checker=None):
         self.host, self.port = host, port
         self.journal = journal or Journal()
+        self.checker = checker or Checker(self.journal)
         self.subscribe_answers = [dict(SUCCESS)]
         self.answer_pings = True
         self.accepting = True
         self.aps = {}         # by MAC
         self.links = []       # open connections, oldest first
-        self.complaints = []  # each the "cmd" of a message and the "complaint" about it
         self.readers = []     # called with each text as it came, before anything is made of it
         self.connections = 0
         self._server = self._control = None
@@ -96,11 +98,13 @@ class Service:
             message = None
         what = message.get("cmd", "message") if isinstance(message, dict) else "message"
         self.journal.add("lumd", "service", what, message if message is not None else str(text))
-        for complaint in checker.check(message, link.subprotocol):
-            self.complaints.append({"cmd": what, "complaint": complaint})
-            self.journal.add("service", "service", "COMPLAINT", f"{what}: {complaint}")
+        self._look(link, "from", message)
         if link.subprotocol == "websock-rrm" and isinstance(message, dict):
             await self._rrm(link, message)
+
+    def _look(self, link, direction, message):
+        if link.subprotocol in BORDERS:
+            self.checker.look(f"{BORDERS[link.subprotocol]}-{direction}-lumd", message)
 
     async def _rrm(self, link, message):
         mac = message.get("ap-mac", "")
@@ -121,15 +125,18 @@ class Service:
             raise ServiceError(f"{len(self.aps)} access points are known")
         return next(iter(self.aps.values()))
 
-    async def send(self, message, link=None, pieces=1):
-        """Sends a text as it is, or an object with the header filled in where it has none.
-        ServiceError when nobody is there, or no longer."""
+    async def send(self, message, link=None, pieces=1, broken=False):
+        """Sends a text as it is, or an object with the header filled in where it has none, which
+        must then be as the schemas want it unless it is meant to be `broken`. ServiceError when
+        nobody is there, or no longer."""
         link = link or (self.links[-1] if self.links else None)
         if link is None:
             raise ServiceError("no access point is connected")
         if isinstance(message, dict):
             service = WIDS_SERVICE if link.subprotocol == "websock-wids" else "rrm"
             message = {"version": "2.4", "service": service, **message}
+            if not broken:
+                self._look(link, "to", message)
         text = message if isinstance(message, str) else json.dumps(message, ensure_ascii=False)
         what = message.get("cmd", "message") if isinstance(message, dict) else "message"
         self.journal.add("service", "lumd", what, message)
@@ -155,14 +162,14 @@ class Service:
         return {
             "status": self.status, "send": self._command_send, "drop": self.drop,
             "events": self._events, "wait-event": self._wait_event,
-            "complaints": lambda: self.complaints, "settings": self.settings,
+            "complaints": lambda: self.checker.found, "settings": self.settings,
             "silence": self.silence, "listen": self.listen,
         }
 
     def status(self):
         return {"port": self.port, "connections": self.connections, "links": len(self.links),
                 "aps": [ap.as_json() for ap in self.aps.values()],
-                "complaints": len(self.complaints)}
+                "complaints": len(self.checker.found)}
 
     def settings(self, subscribe_answers=None, answer_pings=None, accepting=None):
         for name, value in (("subscribe_answers", subscribe_answers),
@@ -172,8 +179,8 @@ class Service:
         for link in self.links:
             link.answer_pings = self.answer_pings
 
-    async def _command_send(self, message, pieces=1):
-        await self.send(message, pieces=pieces)
+    async def _command_send(self, message, pieces=1, broken=False):
+        await self.send(message, pieces=pieces, broken=broken)
 
     def _events(self, since=0, **match):
         return self.journal.since(since, **match)

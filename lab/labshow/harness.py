@@ -14,6 +14,7 @@ from labap.accesspoint import AccessPoint
 from labap.clock import LabClock
 from labservice.server import Service
 from labtalk import journal as journals
+from labtalk.contract import Checker
 from labtalk.journal import Journal
 from labtalk.waiting import until
 
@@ -42,6 +43,7 @@ class Lab:
         self.build, self.speed = build or find_build(), speed
         self.extra_config, self.extra_environment = list(config), dict(environment or {})
         self.journal = Journal()
+        self.checker = Checker(self.journal)  # of all that is said around this lumd
         self.folder = self.clock = self.ap = self.service = self.broker = self.lumd = None
 
     async def start(self, start_lumd=True):
@@ -64,9 +66,10 @@ class Lab:
         order = byte_order(self.build.bin / "lumd")
         self.clock = LabClock(self.speed, self.folder / "clock", order)
         self.ap = AccessPoint(self.scenario, self.folder / "root", self.bus_path,
-                              self.folder / "platform", self.clock, order, self.journal)
+                              self.folder / "platform", self.clock, order, self.journal,
+                              self.checker)
         await self.ap.start()
-        self.service = Service(journal=self.journal)
+        self.service = Service(journal=self.journal, checker=self.checker)
         self.service.subscribe_answers = [{"status": "success", "code": 200,
                                            **self.scenario["service"]}]
         await self.service.start(self.folder / "service.sock")

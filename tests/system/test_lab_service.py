@@ -5,10 +5,10 @@ import json
 import pytest
 import websockets
 
-from labservice import checker
 from labservice.model import ApModel
 from labservice.server import Service, ServiceError
 from labshow import tables
+from labtalk import contract
 from labtalk.waiting import until
 
 
@@ -22,31 +22,42 @@ RADIO = {
               "802dot11r": 0}],
     "assoclist": [{"mac": "02:00:00:00:01:01", "ssid": "lab", "rssi": -50}],
 }
+IDLE = {key: value for key, value in {**RADIO, "id": 1, "status": 0}.items()
+        if key not in ("available-channels", "vaps", "assoclist")}
 SUBSCRIBE = {
     "version": "2.4", "service": "rrm", "cmd": "subscribe-request", "ap-mac": "00:11:22:33:44:50",
     "domain": "lab", "ap-mac-count": 16, "use-wildcard-80211r": 1,
     "factory": {"board": "b", "hw": "h", "serial": "s", "mac": "00:11:22:33:44:50"},
-    "radios": [RADIO],
+    "radios": [RADIO, IDLE],
 }
 
 
+def complaints(message):
+    return contract.complaints("rrm-from-lumd", message)
+
+
 def test_a_message_as_it_should_be_draws_no_complaint():
-    assert checker.check(SUBSCRIBE, "websock-rrm") == []
+    assert complaints(SUBSCRIBE) == []
 
 
 @pytest.mark.parametrize("change, complaint", [
-    ({"version": "2.3"}, "version"), ({"cmd": "what"}, "unknown command"),
-    ({"domain": 5}, "domain is no str"), ({"extra": 1}, "unknown key extra"),
-    ({"radios": [{**RADIO, "status": 0}]}, "status 0"),
-    ({"radios": [{**RADIO, "vaps": [{"id": 0}]}]}, "ssid is missing"),
+    ({"version": "2.3"}, "version: "), ({"cmd": "what"}, "unknown command 'what'"),
+    ({"domain": 5}, "domain: 5 is not of type"), ({"extra": 1}, "'extra' was unexpected"),
+    ({"radios": [{**RADIO, "status": 0}, IDLE]}, "radios[0].vaps: "),
+    ({"radios": [RADIO, {**IDLE, "status": 1}]}, "radios[1]: 'vaps' is a required property"),
+    ({"radios": [RADIO, {**IDLE, "id": 0}]}, "radios[1].id: 1 was expected"),
+    ({"radios": [RADIO, {**IDLE, "bandwidth": 30}]}, "radios[1].bandwidth: 30 is not one of"),
+    ({"radios": [{**RADIO, "vaps": [{"id": 0}]}, IDLE]}, "radios[0].vaps[0]: 'ssid' is a"),
 ])
 def test_the_service_complains_about(change, complaint):
-    assert any(complaint in text for text in checker.check({**SUBSCRIBE, **change}, "websock-rrm"))
+    assert any(complaint in text for text in complaints({**SUBSCRIBE, **change}))
 
 
 def test_the_service_complains_about_keys_out_of_order():
     turned = dict(reversed(SUBSCRIBE.items()))
-    assert any("out of order" in text for text in checker.check(turned, "websock-rrm"))
+    assert any("out of order" in text for text in complaints(turned))
+    turned = {**SUBSCRIBE, "radios": [RADIO, dict(reversed(IDLE.items()))]}
+    assert any("radios[1]: members are out of order" in text for text in complaints(turned))
 
 
 def test_the_service_knows_each_client_until_it_leaves():
@@ -92,7 +103,7 @@ def test_the_service_answers_a_subscription_and_counts_complaints():
     assert (first["status"], first["code"]) == ("error", 503)
     assert list(second)[:5] == ["version", "service", "cmd", "ap-mac", "status"]
     assert service.ap().mac == "00:11:22:33:44:50"
-    assert len(service.complaints) == 1
+    assert [found["cmd"] for found in service.checker.found] == ["subscribe-request"]
     assert texts[0] == json.dumps(SUBSCRIBE)
 
 

@@ -1,0 +1,1 @@
+"""What scripts/check-schemas does with the schemas of the tree."""
