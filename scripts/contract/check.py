@@ -7,10 +7,12 @@ from jsonschema.exceptions import SchemaError
 
 from labtalk import contract
 
-from . import tables
+from . import asyncapi, tables
+from .pretty import pretty
 
 TREE = contract.FOLDER.parent
 PROTOCOL = TREE / "docs" / "protocol.md"
+BUNDLE = contract.FOLDER / "asyncapi.json"
 DICTIONARY = TREE / "fuzz" / "lumd.dict"
 # Members that the agent's sources read and write by their name.
 READ = re.compile(r'\bget_(?:string|int|opt_int|subobject)\(\s*"([^"]+)"')
@@ -22,8 +24,8 @@ MEMBER_NOTES = {"from": ("description",), "to": ("description", "x-missing", "x-
 
 def problems(write):
     """Complaints, each a line; with `write` what is made from the schemas is made first."""
-    found = [problem for path in sorted(contract.FOLDER.glob("*.json"))
-             for problem in check_document(path.stem)]
+    found = [problem for name in ["common", *contract.borders()]
+             for problem in check_document(name)]
     if found:
         return found
     for border in contract.borders():
@@ -31,14 +33,50 @@ def problems(write):
         found += check_examples(border)
     found += check_sources() + check_dictionary()
     if not found:
-        found += tables.renew(PROTOCOL, write)
+        found += tables.renew(PROTOCOL, write) + renew_bundle(write)
     return found
+
+
+def renew_bundle(write):
+    made = pretty(asyncapi.build(examples))
+    if write:
+        BUNDLE.write_text(made, encoding="utf-8")
+    elif not BUNDLE.exists() or BUNDLE.read_text(encoding="utf-8") != made:
+        return [f"{BUNDLE.name}: not what the schemas say (scripts/check-schemas --write)"]
+    return check_bundle(json.loads(made))
+
+
+def check_bundle(bundle):
+    """Each example is valid by the document alone, so all its references lead somewhere."""
+    found = []
+    for name, message in bundle["components"]["messages"].items():
+        validator = Draft202012Validator({**message["payload"]["schema"], **bundle})
+        found += [f"{BUNDLE.name}: {name}: {error.message}" for example in message["examples"]
+                  for error in validator.iter_errors(example["payload"])]
+    return found + [f"{BUNDLE.name}: {reference} leads nowhere"
+                    for reference in sorted(set(references(bundle))) if not leads(bundle, reference)]
+
+
+def references(value):
+    if isinstance(value, dict):
+        yield from [value["$ref"]] if isinstance(value.get("$ref"), str) else []
+        value = list(value.values())
+    for entry in value if isinstance(value, list) else ():
+        yield from references(entry)
+
+
+def leads(document, reference):
+    for step in reference.removeprefix("#/").split("/"):
+        if not isinstance(document, dict) or step not in document:
+            return False
+        document = document[step]
+    return True
 
 
 def check_document(name):
     try:
         Draft202012Validator.check_schema(contract.document(name))
-        if name.endswith("-lumd"):
+        if name in contract.borders():
             contract.messages(name)
     except SchemaError as error:
         return [f"{name}.json: {error.message}"]
