@@ -21,7 +21,7 @@ from labshow.prompt import Prompt
 from labshow.rrm_console import RrmConsole
 from labshow.show import Show
 from labshow.wids_console import WidsConsole
-from labtalk import journal
+from labtalk import contract, journal
 from labtalk.quiet import NOISE
 
 PRESET = "release"
@@ -67,6 +67,9 @@ async def session(options, show, prompt):
     lab.journal.listen(journal.printer(options.json, hide=hidden))
     show.heading(f"{lab.mode} mode, scenario {lab.scenario['name']}: "
                  f"{lab.scenario['description']}")
+    if not contract.IS_COMPLETE:
+        show.heading("python3-jsonschema is not installed: of messages only their names and the "
+                     "order of their members are looked at")
     try:
         await lab.start()
         console = CONSOLES[lab.mode](lab, show)

@@ -4,7 +4,7 @@ import asyncio
 
 import pytest
 
-from labtalk import control, journal
+from labtalk import contract, control, journal
 from labtalk.waiting import until
 from lumdtest.programs import ROOT
 
@@ -115,3 +115,34 @@ def test_waiting_for_an_event_ends_with_none_in_bounded_time():
     found, missed = asyncio.run(wait())
     assert found["n"] == 1
     assert missed is None
+
+
+NOTICE = {"command": "lock-scan", "interface": "wlan0"}
+
+
+def test_what_is_as_the_schemas_want_it_draws_no_complaint():
+    checker = contract.Checker(journal.Journal())
+    assert checker.look("bus-from-lumd", NOTICE) == [] == checker.found
+    assert checker.look("rrm-to-lumd", {"version": "2.4", "service": "RRM", "cmd": "Rrm-Info",
+                                        "whatever": 1}) == []
+
+
+@pytest.mark.parametrize("border, message, complaint", [
+    ("bus-from-lumd", {**NOTICE, "more": 1}, "'more' was unexpected"),
+    ("bus-from-lumd", {"interface": "wlan0", "command": "lock-scan"}, "out of order"),
+    ("bus-from-lumd", {**NOTICE, "command": "lock"}, "unknown command 'lock'"),
+    ("bus-from-lumd", None, "not a JSON object"),
+    ("rrm-to-lumd", {"version": "2.3", "service": "rrm", "cmd": "rrm-info"}, "version: '2.3'"),
+    ("rrm-to-lumd", {"version": "2.4", "service": "rrm", "cmd": "rrm-update",
+                     "rrm-scan-channels": "1,6,36"}, "rrm-scan-channels: '1,6,36'"),
+    ("wids-to-lumd", {"Name": "list"}, "'service' is a required property"),
+])
+def test_what_is_not_is_kept_and_told_in_the_journal(border, message, complaint):
+    talk = journal.Journal()
+    checker = contract.Checker(talk)
+    found, = checker.look(border, message)
+    assert complaint in found
+    assert checker.found == [{"border": border, "complaint": found,
+                              "cmd": (message or {}).get("cmd") or (message or {}).get("command") or
+                              ("mac-list" if border == "wids-to-lumd" else "message")}]
+    assert len(talk.since(0, what="COMPLAINT")) == 1

@@ -1,4 +1,5 @@
 """A client of the message bus that shares no code with the agent, and the broker's process."""
+import json
 import os
 import pathlib
 import signal
@@ -9,6 +10,7 @@ import threading
 import time
 
 from labshow.policy import write_policy
+from labtalk import contract
 
 from .waiting import PATIENCE, wait_until
 
@@ -17,6 +19,15 @@ MAGIC, VERSION = 0xB5, 1
 DATA, ATTACH, UNDELIVERABLE = 0, 1, 2
 LUMD, PORTAL, ORVANTA, ORVANTA_EVENTS = 2, 3, 28, 31
 MAX_PAYLOAD = 16 * 1024 * 1024
+
+
+def expect_as_the_schemas_want(border, payload):
+    """Of what the portal module and the link tell each other; all else is the service's."""
+    if b"internal-ipc" not in payload[:100]:
+        return
+    message = json.loads(payload)
+    if message.get("service") == "internal-ipc":
+        assert contract.complaints(border, message) == []
 
 
 class BusClosed(Exception):
@@ -52,14 +63,18 @@ class BusClient:
         self._seq += 1
         if isinstance(payload, str):
             payload = payload.encode()
+        if dst == LUMD:
+            expect_as_the_schemas_want("portal-to-lumd", payload)
         self.send_raw(frame(dst, payload, seq=self._seq))
 
     def recv(self, timeout=PATIENCE):
         """The payload of the next data frame."""
         self.socket.settimeout(timeout)
         while True:
-            kind, _, _, payload = self._next()
+            kind, _, sender, payload = self._next()
             if kind == DATA:
+                if (sender, self.module) == (LUMD, PORTAL):
+                    expect_as_the_schemas_want("portal-from-lumd", payload)
                 return payload
             self.undeliverable += 1
 

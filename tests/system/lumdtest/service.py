@@ -1,10 +1,12 @@
 """Websocket services for the agent to connect to."""
 import asyncio
+import json
 import queue
 import socket
 import threading
 
-from labtalk import websocket
+from labservice.server import BORDERS
+from labtalk import contract, websocket
 
 from .waiting import PATIENCE, wait_until
 
@@ -21,12 +23,16 @@ class Link:
         self.path = link.path
         self.subprotocol = link.subprotocol
         self.closed = threading.Event()
+        self.complaints = []  # about what the agent has sent
 
     def _run(self, coroutine, timeout=PATIENCE):
         return asyncio.run_coroutine_threadsafe(coroutine, self._loop).result(timeout)
 
     async def read(self):
         async for message in self._link:
+            if self.subprotocol in BORDERS:
+                self.complaints += contract.complaints(f"{BORDERS[self.subprotocol]}-from-lumd",
+                                                       json.loads(message))
             self._received.put(message)
         self.closed.set()
 
@@ -77,6 +83,7 @@ class Service:
     def __init__(self, port=0):
         self.port = port
         self._links = queue.Queue()
+        self._accepted = []
         self._answer_pings = True
         self._loop = asyncio.new_event_loop()
         self._thread = threading.Thread(target=self._serve, daemon=True)
@@ -108,6 +115,7 @@ class Service:
     async def _handle(self, link):
         link.answer_pings = self._answer_pings
         accepted = Link(link, self._loop)
+        self._accepted.append(accepted)
         self._links.put(accepted)
         await accepted.read()
 
@@ -130,6 +138,7 @@ class Service:
             self._loop.call_soon_threadsafe(self._stop.set)
             self._thread.join(PATIENCE)
             assert not self._thread.is_alive(), "the service does not stop"
+        assert [complaint for link in self._accepted for complaint in link.complaints] == []
 
 
 class MuteServer:
