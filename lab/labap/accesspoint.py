@@ -34,11 +34,12 @@ class AccessPoint:
         self.air = Air(scenario, self.clock)
         self.faults = Faults(scenario["faults"])
         self.files = Files(self.root, self.air, self.journal)
-        self.hostapd = NeighbourTables(self.journal, self.faults, self.clock)
+        self.hostapd = NeighbourTables(self.journal, self.faults, self.clock, self.checker)
         self.hostapd.running = lambda: self.files.hostapd
         self._make_daemons()
         self.kernel = Kernel(self.air, self.journal, self.faults, self.clock,
-                             lambda vap, station: self.clients.asked_to_move(vap, station))
+                             lambda vap, station: self.clients.asked_to_move(vap, station),
+                             self.checker)
         self.clients = Clients(self.air, self.kernel, self.daemons["traps"], self.journal,
                                self.clock, scenario["roam-delay"])
         self._kernel_server = KernelServer(self.kernel)

@@ -1,9 +1,11 @@
 """hostapd's neighbour tables, as wpa_cli reaches them through the global control socket."""
+from labtalk.contract import Checker
 
 
 class NeighbourTables:
-    def __init__(self, journal, faults, clock):
+    def __init__(self, journal, faults, clock, checker=None):
         self.journal, self.faults, self.clock = journal, faults, clock
+        self.checker = checker or Checker(journal)
         self.tables = {}  # interface: {BSSID: {"ssid": text, "nr": hex}}
         self.running = lambda: True
 
@@ -17,6 +19,7 @@ class NeighbourTables:
         ifname = arguments.pop(0)[len("IFNAME="):] if arguments and \
             arguments[0].startswith("IFNAME=") else ""
         verb = arguments[0] if arguments else ""
+        self.checker.look_text("hostapd-command", " ".join(arguments))
         rule = self.faults.take("wpa-cli", ifname, verb)
         if rule["delay"]:
             await self.clock.sleep(rule["delay"])

@@ -2,6 +2,7 @@
 import errno
 import struct
 
+from labtalk.contract import Checker
 from labtalk.unixserver import UnixServer
 
 from . import records
@@ -19,8 +20,9 @@ class Kernel:
     `on_transition(vap, station)` is called for each BSS-transition request that a station hears.
     """
 
-    def __init__(self, air, journal, faults, clock, on_transition):
+    def __init__(self, air, journal, faults, clock, on_transition, checker=None):
         self.air, self.journal, self.faults, self.clock = air, journal, faults, clock
+        self.checker = checker or Checker(journal)
         self.on_transition = on_transition
         self.neighbour_lists = {}  # (interface, "standard" or "custom"): lines added
 
@@ -130,6 +132,7 @@ class Kernel:
     # MIBs, for the ioctls of one family and the iwpriv tool of the other
 
     async def read_mib(self, call, radio, ifname, name):
+        self.checker.look_text("mib-get", name)
         rule = await self._fault(call, ifname, name)
         value = rule["value"] if rule["value"] is not None else radio.mib(ifname, name)
         result = errno_of(rule) or (-errno.EINVAL if value is None else 0)
@@ -137,6 +140,7 @@ class Kernel:
         return result, value
 
     async def write_mib(self, call, radio, ifname, name, value):
+        self.checker.look_text("mib-set", f"{name}={value}")
         rule = await self._fault(call, ifname, name)
         result = errno_of(rule)
         self._note(ifname, "mib-set", {"name": name, "value": value, "errno": rule["errno"]})
@@ -171,6 +175,7 @@ class Kernel:
         if kind is None:
             self._note(ifname, "proc-write", {"path": path, "content": content})
             return
+        self.checker.look_text("neighbour-line", content.rstrip("\n"))
         lines = self.neighbour_lists.setdefault((ifname, kind), [])
         if content.startswith("delall"):
             lines.clear()

@@ -20,6 +20,7 @@ FOLDER = pathlib.Path(__file__).resolve().parents[2] / "schemas"
 IS_COMPLETE = Draft202012Validator is not None
 LONGEST_COMPLAINT = 300
 ANNOTATIONS = frozenset({"title", "description", "default", "examples"})
+TEXTS = "driver-texts"  # of this file each definition is one text, and no message
 # Where one schema is for all messages.
 ONLY_MESSAGE = {"wids-to-lumd": "mac-list"}
 
@@ -87,12 +88,20 @@ def complaints(border, message):
     schema = messages(border).get(name)
     if schema is None:
         return [f"unknown command {name!r}"]
-    found = [] if taken else out_of_order(message, schema, "")
-    if IS_COMPLETE:
-        errors = sorted(_validator(border, name).iter_errors(message), key=lambda e: list(map(
-            str, e.absolute_path)))
-        found += [_in_words(error) for error in errors]
-    return found
+    return ([] if taken else out_of_order(message, schema, "")) + _errors(border, name, message)
+
+
+def text_complaints(name, text):
+    """Everything that is wrong with a text for a driver or hostapd."""
+    return _errors(TEXTS, name, text)
+
+
+def _errors(border, name, value):
+    if not IS_COMPLETE:
+        return []
+    errors = sorted(_validator(border, name).iter_errors(value),
+                    key=lambda error: list(map(str, error.absolute_path)))
+    return [_in_words(error) for error in errors]
 
 
 @functools.lru_cache(maxsize=None)
@@ -142,8 +151,14 @@ class Checker:
     def look(self, border, message):
         """Returns the complaints about this message."""
         name = name_of(border, message) if isinstance(message, dict) else None
-        new = complaints(border, message)
+        return self._keep(border, name or "message", complaints(border, message))
+
+    def look_text(self, name, text):
+        """The same of a text for a driver or hostapd."""
+        return self._keep(TEXTS, name, text_complaints(name, text))
+
+    def _keep(self, border, name, new):
         for complaint in new:
-            self.found.append({"border": border, "cmd": name or "message", "complaint": complaint})
+            self.found.append({"border": border, "cmd": name, "complaint": complaint})
             self.journal.add("checker", "checker", "COMPLAINT", f"{border} {name}: {complaint}")
         return new

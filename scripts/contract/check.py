@@ -24,14 +24,14 @@ MEMBER_NOTES = {"from": ("description",), "to": ("description", "x-missing", "x-
 
 def problems(write):
     """Complaints, each a line; with `write` what is made from the schemas is made first."""
-    found = [problem for name in ["common", *contract.borders()]
+    found = [problem for name in ["common", contract.TEXTS, *contract.borders()]
              for problem in check_document(name)]
     if found:
         return found
     for border in contract.borders():
         found += check_border(border)
         found += check_examples(border)
-    found += check_sources() + check_dictionary()
+    found += check_texts() + check_sources() + check_dictionary()
     if not found:
         found += tables.renew(PROTOCOL, write) + renew_bundle(write)
     return found
@@ -133,6 +133,13 @@ def check_examples(border):
             found += [f"{border} {name}: the example: {complaint}"
                       for complaint in contract.complaints(border, example)]
     return found
+
+
+def check_texts():
+    shown = examples(contract.TEXTS)
+    return [f"{contract.TEXTS} {name}: {complaint}" for name in contract.messages(contract.TEXTS)
+            for complaint in (contract.text_complaints(name, shown[name][0]) if shown.get(name)
+                              else ["no example (scripts/check-schemas --record)"])]
 
 
 def check_sources():

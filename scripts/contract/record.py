@@ -11,6 +11,8 @@ SPEED = 10
 CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 1}
 NEIGHBOUR = {"neighbour-mac": "00:11:22:33:50:50", "channel": 11, "priority": 3,
              "vaps": [{"ssid": "lab", "mac": "00:11:22:33:50:51"}]}
+ON_5_GHZ = {"neighbour-mac": "00:11:22:33:50:50", "channel": 44, "priority": 1,
+            "vaps": [{"ssid": "lab", "mac": "00:11:22:33:50:59"}]}
 REMOTE = {"remote-r1-kh-id": "001122335051", "remote-r0-kh-id": "ap2.lab",
           "remote-r1-kh-key": "0f0e0d0c0b0a09080706050403020100"}
 FAST_TRANSITION = {
@@ -26,21 +28,33 @@ class Recorder:
     """{border: {message: [example]}} of what passes the checkers of labs."""
 
     def __init__(self):
-        self.examples = {border: {} for border in contract.borders()}
+        self.examples = {border: {} for border in (*contract.borders(), contract.TEXTS)}
 
     def attach(self, lab):
-        look = lab.lab.checker.look
+        checker = lab.lab.checker
+        look, look_text = checker.look, checker.look_text
 
         def note(border, message):
             self.note(border, message)
             return look(border, message)
 
-        lab.lab.checker.look = note
+        def note_text(name, text):
+            if not contract.text_complaints(name, text):
+                self._keep(contract.TEXTS, name, text)
+            return look_text(name, text)
+
+        checker.look, checker.look_text = note, note_text
 
     def note(self, border, message):
         name = contract.name_of(border, message)
         if name in contract.messages(border) and not contract.complaints(border, message):
-            self.examples[border].setdefault(name, [message])
+            self._keep(border, name, message)
+
+    def _keep(self, border, name, message):
+        """The longest tells most of a text; of a message the first."""
+        known = self.examples[border].get(name)
+        if known is None or border == contract.TEXTS and len(message) > len(known[0]):
+            self.examples[border][name] = [message]
 
     def missing(self):
         return [f"{border} {name}" for border in self.examples for name in contract.messages(border)
@@ -67,7 +81,7 @@ def rrm(recorder):
 
 def configure(lab):
     since = lab.mark()
-    lab.send({"cmd": "rrm-info", **CONFIG, "802dot11k": [NEIGHBOUR], "radios": [
+    lab.send({"cmd": "rrm-info", **CONFIG, "802dot11k": [NEIGHBOUR, ON_5_GHZ], "radios": [
         {"id": 0, "power": 12, "no-balance-enterprise": 1, "vexor-roam-attempt-timeout": 30},
         {"id": 1, "channel": 44, "bandwidth": 40, "primary-channel": "lower"}]})
     lab.wait("rrm-config-changed", since)
@@ -105,6 +119,7 @@ def wids(recorder):
         lab.send({"Name": lab.lab.scenario["mac-list-id"], "white": ["02:00:00:00:00:01"],
                   "black": ["02:00:00:00:00:66"]})
         lab.wait("update-wids-mac-lists-response")
+        lab.wait("mac-list-received")
 
 
 def portal(recorder):
