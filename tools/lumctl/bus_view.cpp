@@ -7,25 +7,29 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 #include "connection.h"
-#include "ipc_module.h"
+#include "msgbus_modules.h"
 
 namespace {
 
 using msgbus::Connection;
 using msgbus::Message;
 
-// The broker tells a new monitor at once of the modules that are there; silence ends the list.
-constexpr std::chrono::milliseconds list_silence{200};
 constexpr std::chrono::seconds list_limit{1};
 constexpr int tool_modules = 50;  // at the end of the range: for short-lived tools
 
+// The broker tells a new monitor of the modules that are there before it answers anything else: the
+// answer to a question ends their list, and so does the end of a broker that does not know it.
 std::vector<int> read_modules(Connection& bus) {
+    bus.send(msgbus::make_header(MSGBUS_LIST, 0, 0), {});
     std::vector<int> modules;
     const auto limit = Connection::Clock::now() + list_limit;
-    while (bus.wait(std::min(limit, Connection::Clock::now() + list_silence))) {
+    while (bus.wait(limit)) {
         const Message frame = bus.take();
+        if (frame->header.type == MSGBUS_LIST)
+            break;
         if (frame->header.type == MSGBUS_ATTACH)
             modules.push_back(frame->header.src);
         else if (frame->header.type == MSGBUS_DETACH)
@@ -72,24 +76,13 @@ bus_view look_at_bus(const std::string& socket_path) {
 }
 
 std::string module_name(int module) {
-    switch (module) {
-        case VAULTDMOD:
-            return "vaultd";
-        case LUMDMOD:
-            return "lumd (portal)";
-        case PORTALMOD:
-            return "portal";
-        case HUBDMOD:
-            return "hubd";
-        case ORVANTAMOD:
-            return "lumd (requests)";
-        case GUARDDMOD:
-            return "guardd";
-        case ORVANTAEVENTSMOD:
-            return "lumd (events)";
-        case SCANDMOD:
-            return "scand";
-        default:
-            return "module " + std::to_string(module);
-    }
+    static constexpr std::pair<int, const char*> names[] = {
+#define LUMCTL_MODULE_NAME(number, name, description) {number, name},
+        MSGBUS_MODULES(LUMCTL_MODULE_NAME)
+#undef LUMCTL_MODULE_NAME
+    };
+    for (const auto& [number, name] : names)
+        if (number == module)
+            return name;
+    return "module " + std::to_string(module);
 }
