@@ -8,14 +8,17 @@
 #include <csignal>
 #include <latch>
 
+#include "json_memory.h"
 #include "log_capture.h"
 #include "test_bus.h"
 
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 // Longer than a test may take: a request that should fail at once does, or the test never ends.
 constexpr int forever = 100'000;
@@ -30,6 +33,12 @@ class helper_under_test : public ipc_helper {
 
 class IpcHelperTest : public testing::Test {
   protected:
+    [[nodiscard]] std::vector<std::string> errors() const {
+        std::vector<std::string> lines = log.lines();
+        std::erase_if(lines, [](const std::string& line) { return !line.starts_with("error: "); });
+        return lines;
+    }
+
     TestBus bus;
     LogCapture log;
 };
@@ -125,6 +134,27 @@ TEST_F(ConfigurationTest, FailsForAnAnswerWithoutValue) {
     EXPECT_EQ(helper.getconf("/missing", value), -1);
     EXPECT_EQ(value, "untouched");
     EXPECT_TRUE(log.contains("error: Child 'value' not found in vaultd response: "));
+}
+
+TEST_F(ConfigurationTest, FailsWithMinusOneWhateverTheReason) {
+    vaultd.set_json("/null", "null");
+    std::string value;
+    for (const char* path : {"", "/missing", "/null"})
+        EXPECT_EQ(helper.getconf(path, value), -1) << path;
+    vaultd.stop();
+    EXPECT_EQ(helper.getconf("/a", value), -1);
+}
+
+TEST_F(ConfigurationTest, TellsOfAnAnswerWithoutValueOnce) {
+    EXPECT_EQ(getconf("/missing"), std::nullopt);
+    EXPECT_THAT(errors(), ElementsAre(StartsWith("error: Child 'value' not found")));
+}
+
+TEST_F(ConfigurationTest, TellsOnlyWhatItAskedForWhenTheStoreIsAbsent) {
+    vaultd.stop();
+    EXPECT_EQ(getconf("/a"), std::nullopt);
+    EXPECT_THAT(errors(), ElementsAre("error: Error: can't get config",
+                                      "error: Error: path (/a) reason (not found)"));
 }
 
 TEST_F(ConfigurationTest, SendsNothingForAnEmptyPath) {
@@ -259,10 +289,10 @@ TEST_F(ConfigurationTest, OnlyTheTextTrueMeansOn) {
 }
 
 TEST_F(ConfigurationTest, LimitChannelsAreTheNumbersFromOneUp) {
-    vaultd.set("/interface/wlan1/wlan/radio/limit-channels", "36 40 0 -5 44");
-    std::set<int> channels{1};
+    vaultd.set("/interface/wlan1/wlan/radio/limit-channels", "36 40 1 0 -5 44");
+    std::set<int> channels{100};
     helper.fill_limit_channels("wlan1", channels);
-    EXPECT_THAT(channels, ElementsAre(36, 40, 44));
+    EXPECT_THAT(channels, ElementsAre(1, 36, 40, 44));
 }
 
 TEST_F(ConfigurationTest, UnknownLimitChannelsLeaveTheSetEmpty) {
@@ -362,6 +392,12 @@ TEST_F(ConfigurationTest, VapReadersLogInTheirOwnNames) {
     EXPECT_TRUE(log.contains("error: <get_802dot11k_vap:"));
     EXPECT_TRUE(
         log.contains("> can't get value from '/interface/wlan0-va1/vap/w80211kv-config/enabled'"));
+}
+
+TEST_F(ConfigurationTest, VapReadersLogNoValueThatTheyCouldNotRead) {
+    helper.get_ssid("wlan0-va1");
+    EXPECT_TRUE(log.contains("> can't get value from '/interface/wlan0-va1/vap/ssid'"));
+    EXPECT_FALSE(log.contains("/interface/wlan0-va1/vap/ssid = "));
 }
 
 TEST_F(ConfigurationTest, WidsIsConfiguredWhenEnabledInSentryMode) {
@@ -515,6 +551,56 @@ TEST_F(IpcHelperTest, ScanNoticesToAnAbsentDaemonDoNotDisturbTheNextRequest) {
     const helper_under_test helper;
     EXPECT_EQ(helper.lock_scan_scand("wlan0"), 0);
     EXPECT_TRUE(helper.get_dca());
+}
+
+// ---- no memory for a request
+
+class ShortOfMemoryTest : public IpcHelperTest {
+  protected:
+    FakeVaultd vaultd{bus};
+    FakeHubd hubd{bus};
+    helper_under_test helper{briefly};
+};
+
+TEST_F(ShortOfMemoryTest, AReadFailsAndAsksNothing) {
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    std::string value;
+    EXPECT_EQ(helper.getconf("/a", value), -1);
+    EXPECT_THAT(errors(), ElementsAre(EndsWith("> can't create json object")));
+    EXPECT_THAT(vaultd.paths(), IsEmpty());
+}
+
+TEST_F(ShortOfMemoryTest, AnUpdateFailsAndSendsNothing) {
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    EXPECT_EQ(helper.update_orvanta("wlan0", {{"tx-power", "14"}}), -1);
+    EXPECT_THAT(errors(), ElementsAre(EndsWith("> can't create json object")));
+    EXPECT_THAT(hubd.requests(), IsEmpty());
+}
+
+TEST_F(ShortOfMemoryTest, AnUpdateWithoutItsParametersIsNotSent) {
+    const JsonShortage shortage{JsonShortage::OBJECT, 1};
+    EXPECT_EQ(helper.update_orvanta("wlan0", {{"tx-power", "14"}}), -1);
+    EXPECT_THAT(errors(), ElementsAre(EndsWith("> not enough memory")));
+    EXPECT_THAT(hubd.requests(), IsEmpty());
+}
+
+TEST_F(ShortOfMemoryTest, AResetFailsAndSendsNothing) {
+    const JsonShortage shortage{JsonShortage::OBJECT};
+    EXPECT_EQ(helper.send_reset_orvanta("wlan0"), -1);
+    EXPECT_THAT(errors(), ElementsAre(EndsWith("> can't create json object")));
+    EXPECT_THAT(hubd.requests(), IsEmpty());
+}
+
+TEST_F(ShortOfMemoryTest, AScanNoticeIsLeftOut) {
+    bus.serve(SCANDMOD, [](const std::string&) { return std::nullopt; });
+    {
+        const JsonShortage shortage{JsonShortage::OBJECT};
+        EXPECT_EQ(helper.lock_scan_scand("wlan0"), 0);
+        EXPECT_TRUE(shortage.has_struck());
+    }
+    EXPECT_EQ(helper.unlock_scan_scand("wlan0"), 0);
+    EXPECT_THAT(bus.wait_requests(SCANDMOD, 1),
+                ElementsAre(R"({"command":"unlock-scan","interface":"wlan0"})"));
 }
 
 // ---- a process that is told to stop

@@ -9,12 +9,15 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "join_watch.h"
 #include "pause_log.h"
 #include "test_bus.h"
+#include "thread_name.h"
 
 class ipc_worker_peer {
   public:
@@ -313,6 +316,15 @@ TEST_F(IpcWorkerAlone, DoesNotWaitOnceTheBusIsLost) {
     worker.__disconnect();
 }
 
+TEST_F(IpcWorkerAlone, NamesItsThreadAfterTheBus) {
+    const ThreadName kept;
+    setenv("MSGBUS_SOCKET", "/nonexistent/bus", 1);
+    const PauseLog log([this] { stop(); });
+    worker.func();
+    EXPECT_EQ(ThreadName::now(), "lumd:ipc");
+    unsetenv("MSGBUS_SOCKET");
+}
+
 // A worker whose waits the test takes over.
 class waiting_worker : public ipc_worker {
   public:
@@ -382,6 +394,67 @@ TEST(IpcWorkerIdle, IsWokenOnceForSeveralMessagesOfItsPartner) {
     from_daemon.enqueue(message("four"));
     EXPECT_EQ(worker.raised(), 1U);
     worker.__disconnect();
+}
+
+TEST(IpcWorkerIdle, IsWokenOnceForAllMessagesThatComeBeforeItFindsNoneLeft) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    waiting_worker worker(to_daemon, from_daemon, LUMDMOD, run);
+    ASSERT_TRUE(worker.__connect());
+    ASSERT_TRUE(worker.woken()) << "by the broker's answer";
+    for (int round = 0; round < 2; ++round) {
+        for (const char* text : {"one", "two", "three"})
+            from_daemon.enqueue(message(text));
+        EXPECT_EQ(worker.raised(), 1U);
+        while (!worker.execute()) {
+        }
+    }
+    worker.__disconnect();
+}
+
+TEST(IpcWorkerIdle, IsNotWokenByItsPartnerWhileDisconnected) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    waiting_worker worker(to_daemon, from_daemon, LUMDMOD, run);
+    ASSERT_TRUE(worker.__connect());
+    ASSERT_TRUE(worker.execute());
+    ASSERT_TRUE(worker.woken()) << "by the broker's answer";
+    worker.__disconnect();
+    from_daemon.enqueue(message("later"));
+    EXPECT_EQ(worker.raised(), 0U);
+}
+
+// Its thread still uses what the worker consists of; nothing of it may be gone by then.
+TEST(IpcWorkerEnd, AwaitsThePassThatRunsBeforeItTakesAnythingAway) {
+    TestBus bus;
+    bus.serve(PORTALMOD, [](const std::string& text) { return "re: " + text; });
+    safe_queue to_daemon;
+    safe_queue from_daemon;
+    volatile bool run = true;
+    auto worker = std::make_unique<ipc_worker>(to_daemon, from_daemon, LUMDMOD, run);
+    std::binary_semaphore within_a_pass{0};
+    std::binary_semaphore awaited{0};
+    to_daemon.set_user_notifier([&] {
+        within_a_pass.release();
+        awaited.acquire();
+        from_daemon.enqueue(message("last"));
+        run = false;
+    });
+    worker->start_on_dedicated_thread();
+    from_daemon.enqueue(message("first"));
+    within_a_pass.acquire();
+    {
+        const JoinWatch watch([&] { awaited.release(); });
+        worker.reset();
+    }
+    EXPECT_THAT(drain(to_daemon), ElementsAre("re: first"));
+    EXPECT_THAT(drain(from_daemon), ElementsAre("last"));
 }
 
 // The wake-up shows in the time only, so the message is what the test waits for.

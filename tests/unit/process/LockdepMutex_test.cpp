@@ -28,12 +28,15 @@ using testing::KilledBySignal;
 
 static bool symbols_available = true;
 static int frames_captured = 0;
+static std::string innermost_frame;
 
 extern "C" char** backtrace_symbols(void* const* frames, int count) noexcept {
     using function = char** (*)(void* const*, int);
     static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "backtrace_symbols"));
     frames_captured = count;
-    return symbols_available ? real(frames, count) : nullptr;
+    char** const symbols = symbols_available ? real(frames, count) : nullptr;
+    innermost_frame = symbols != nullptr && count > 0 ? symbols[0] : "";
+    return symbols;
 }
 
 class LockdepStorage_peer {
@@ -211,6 +214,12 @@ TEST_F(LockdepStorageDeathTest, AbortsWhenThereAreNoSymbols) {
 TEST_F(LockdepStorageTest, ABacktraceHasUpTo64Frames) {
     EXPECT_EQ(take_lock_below(storage, lock, 100), 100);
     EXPECT_EQ(frames_captured, 64);
+}
+
+TEST_F(LockdepStorageTest, ABacktraceBeginsWithTheInnermostFrame) {
+    storage.add_lock(&lock);
+    ASSERT_FALSE(peer.item(lock).backtrace.empty());
+    EXPECT_EQ(peer.item(lock).backtrace.front(), lockdep_backtrace_entry(innermost_frame));
 }
 
 TEST(LockdepBacktraceEntry, PutsTheDemangledNameFirst) {

@@ -258,6 +258,12 @@ TEST(BoundedSafeQueue, TakesAsManyOfSeveralAsFit) {
     EXPECT_THAT(items, ElementsAre(1, 2));
 }
 
+TEST(UnboundedSafeQueue, IsWhatAQueueIsUnlessToldOtherwise) {
+    libhubd::SafeQueue<int, LockdepMutex> queue;
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(queue.enqueue(i));
+}
+
 TEST_F(SafeQueue, KeepsEachProducersOrderAndLosesNothing) {
     constexpr int producers = 4;
     constexpr int messages_each = 500;

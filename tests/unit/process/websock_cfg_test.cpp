@@ -64,6 +64,7 @@ TEST_F(WebsockCfg, WithoutOptionsNothingIsConfigured) {
         EXPECT_EQ(service.max_connection_delay, 0u);
     }
     EXPECT_EQ(cfg.reconnect_retries, 3);
+    EXPECT_EQ(cfg.log_level, 0);
     EXPECT_EQ(cfg.error, 0);
     EXPECT_EQ(cfg.wids_mac_list_id, "");
 }
@@ -81,6 +82,15 @@ TEST_F(WebsockCfg, OptionsPrefillAllServicesAndEnableNone) {
         EXPECT_STREQ(service.path, "path");
         EXPECT_EQ(service.port, 81);
         EXPECT_FALSE(service.run);
+    }
+}
+
+TEST_F(WebsockCfg, EachOptionSetsItsOwnValueAlone) {
+    const websock_cfg_t cfg = from_options({"-P", "81", "-p", "path", "-d", "host"});
+    for (const config_instance_t& service : cfg.instance) {
+        EXPECT_STREQ(service.domain, "host");
+        EXPECT_STREQ(service.path, "path");
+        EXPECT_EQ(service.port, 81);
     }
 }
 

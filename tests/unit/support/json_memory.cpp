@@ -7,10 +7,11 @@
 namespace {
 
 thread_local JsonShortage::Kind next_to_fail = JsonShortage::NONE;
+thread_local int still_given = 0;
 thread_local int releases = 0;
 
 bool strikes(JsonShortage::Kind kind) {
-    if (next_to_fail != kind)
+    if (next_to_fail != kind || still_given-- > 0)
         return false;
     next_to_fail = JsonShortage::NONE;
     return true;
@@ -54,8 +55,9 @@ extern "C" int json_object_put(json_object* value) {
     return hidden<int (*)(json_object*)>("json_object_put")(value);
 }
 
-JsonShortage::JsonShortage(Kind kind) {
+JsonShortage::JsonShortage(Kind kind, int given) {
     next_to_fail = kind;
+    still_given = given;
 }
 
 JsonShortage::~JsonShortage() {

@@ -5,12 +5,13 @@
 #ifndef TESTS_JSON_MEMORY_H
 #define TESTS_JSON_MEMORY_H
 
-// While it lives there is no memory for the next value of its kind.
+// While it lives there is no memory for one value of its kind: the next, or the one after `given`
+// that are still given.
 class JsonShortage {
   public:
     enum Kind { NONE, OBJECT, ARRAY, STRING, INT, TEXT };  // TEXT: of a serialisation
 
-    explicit JsonShortage(Kind kind);
+    explicit JsonShortage(Kind kind, int given = 0);
     ~JsonShortage();
     JsonShortage(const JsonShortage&) = delete;
     JsonShortage& operator=(const JsonShortage&) = delete;
