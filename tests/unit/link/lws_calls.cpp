@@ -28,13 +28,19 @@ int __wrap_lws_callback_on_writable(lws* wsi) {
     if (current != nullptr) {
         ++current->asks;
         if (current->refuse_ask && current->refuse_ask(current->asks))
-            return -1;
+            return current->refusal;
     }
     return __real_lws_callback_on_writable(wsi);
 }
 
 void __wrap_lws_sul_schedule(lws_context* context, int thread, lws_sorted_usec_list_t* sul,
                              sul_cb_t callback, lws_usec_t delay) {
+    if (current != nullptr) {
+        ++current->timers;
+        current->timer = sul;
+        current->timer_reached = callback;
+        current->timer_us = delay;
+    }
     if (current == nullptr || !current->withhold_timers) {
         __real_lws_sul_schedule(context, thread, sul, callback, delay);
         return;
@@ -71,8 +77,11 @@ lws* __wrap_lws_client_connect_via_info(const lws_client_connect_info* info) {
 }
 
 void __wrap_lws_set_log_level(int level, void (*emit)(int level, const char* line)) {
-    if (current != nullptr)
+    if (current != nullptr) {
         current->log_level = level;
+        if (current->on_log_level)
+            current->on_log_level();
+    }
     __real_lws_set_log_level(level, emit);
 }
 

@@ -21,10 +21,15 @@ class LwsCalls {
     // lws_callback_on_writable()
     int asks = 0;
     std::function<bool(int ask)> refuse_ask;  // whether that one, counted from 1, fails
+    int refusal = -1;                         // what it then returns
 
     // lws_sul_schedule(): withheld, nothing but an event ends the wait of a service call.
     std::atomic<bool> withhold_timers = false;
     std::atomic<int> withheld_timers = 0;
+    int timers = 0;
+    lws_sorted_usec_list_t* timer = nullptr;  // of the last call, like the next two
+    sul_cb_t timer_reached = nullptr;
+    lws_usec_t timer_us = 0;
 
     // lws_write()
     bool refuse_writes = false;
@@ -37,7 +42,8 @@ class LwsCalls {
     lws_client_connect_info connect_info{};    // of the last call
 
     // lws_set_log_level()
-    int log_level = -1;  // of the last call
+    int log_level = -1;                  // of the last call
+    std::function<void()> on_log_level;  // called in each
 };
 
 #endif

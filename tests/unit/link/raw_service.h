@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -68,6 +69,7 @@ class RawService {
             close(connection_);
         connection_ = -1;
         upgraded_ = false;
+        ended = false;
         incoming_.clear();
         outgoing_.clear();
     }
@@ -88,6 +90,7 @@ class RawService {
     bool answer_pings = true;  // with a pong
     int pings = 0;             // that have arrived
     int connections = 0;       // accepted so far
+    bool ended = false;        // the peer has ended the connection
     std::string request;       // the last upgrade request
     std::vector<std::string> texts;
 
@@ -111,8 +114,10 @@ class RawService {
         std::array<char, 65536> piece{};
         for (int i = 0; connection_ != -1 && i < 4; ++i) {
             const ssize_t n = recv(connection_, piece.data(), piece.size(), 0);
-            if (n <= 0)
+            if (n <= 0) {
+                ended = n == 0 || errno != EAGAIN;
                 return;
+            }
             incoming_.append(piece.data(), static_cast<std::size_t>(n));
         }
     }

@@ -180,6 +180,15 @@ TEST_F(WebsockPing, ThatCannotBeSentIsNoMissButLogged) {
     EXPECT_EQ(log.count("Can't send"), 1) << "the next is due in thirty seconds";
 }
 
+TEST_F(WebsockPing, IsNotAskedForOnALinkThatHasEnded) {
+    step(2);
+    EXPECT_EQ(peer.callback(LWS_CALLBACK_CLIENT_CLOSED), 0);
+    clock.advance(30);
+    const LwsCalls calls;
+    peer.execute();
+    EXPECT_EQ(calls.asks, 0);
+}
+
 TEST_F(WebsockPing, DoesNotProlongThePassOnACloggedSocket) {
     clog();
     clock.advance(30);

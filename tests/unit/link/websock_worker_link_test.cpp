@@ -2,8 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
+#include <memory>
+#include <semaphore>
 #include <thread>
 
+#include "join_watch.h"
 #include "log_capture.h"
 #include "lws_calls.h"
 #include "lws_gate.h"
@@ -16,6 +20,10 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 // --- the connection ---
+
+TEST_F(WebsockLink, IsNotUsableBeforeTheFirstAttempt) {
+    EXPECT_FALSE(peer.usable());
+}
 
 TEST_F(WebsockLink, AsksForTheServicesPathAndSubprotocol) {
     establish();
@@ -175,6 +183,21 @@ TEST_F(WebsockLink, DisconnectTellsThePartnerAndForgetsTheContext) {
     EXPECT_TRUE(log.contains("No function to process lws callback("));
 }
 
+TEST_F(WebsockLink, DisconnectEndsTheConnection) {
+    establish();
+    peer.disconnect();
+    EXPECT_TRUE(wait_until([&] {
+        service.pump();
+        return service.ended;
+    }));
+}
+
+TEST_F(WebsockLink, LogsThatItIsEstablished) {
+    const LogCapture log;
+    establish();
+    EXPECT_EQ(log.count("debug: websock-rrm->process_client_established:"), 1);
+}
+
 TEST_F(WebsockLink, IgnoresReasonsThatItDoesNotHandle) {
     establish();
     EXPECT_EQ(peer.callback(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE), 0);
@@ -219,7 +242,89 @@ TEST_F(WebsockLink, FollowsTheLogLevelWhileTheLinkLives) {
     EXPECT_EQ(calls.log_level, 0);
 }
 
+TEST_F(WebsockLink, TellsTheLibraryTheLogLevelBeforeItMakesTheContext) {
+    const LogCapture log(8);
+    const LwsCalls calls;
+    ASSERT_TRUE(peer.connect());
+    EXPECT_EQ(calls.log_level, 1023);
+}
+
+// --- one pass ---
+
+TEST_F(WebsockLink, APassLetsTheNextOneFollowAtOnce) {
+    establish();
+    while (peer.take_event()) {
+    }
+    EXPECT_TRUE(peer.execute());
+    EXPECT_TRUE(peer.take_event());
+}
+
+// The service call is given whole milliseconds, rounded down.
+TEST_F(WebsockLink, APassIsBoundedAtATenthOfASecond) {
+    const LwsCalls calls;
+    ASSERT_TRUE(peer.connect());
+    step(1);
+    EXPECT_EQ(calls.timer_us, 101 * LWS_US_PER_MS);
+}
+
+TEST_F(WebsockLink, ABoundThatIsReachedBeforeTheWaitIsSetAgain) {
+    const LwsCalls calls;
+    ASSERT_TRUE(peer.connect());
+    step(1);
+    const int before = calls.timers;
+    calls.timer_reached(calls.timer);
+    EXPECT_EQ(calls.timers, before + 1);
+}
+
 // --- how it ends ---
+
+// Its thread still uses what the worker consists of; nothing of it may be gone by then.
+TEST(WebsockWorkerEnd, AwaitsThePassThatRunsBeforeItTakesAnythingAway) {
+    const RawService service;
+    safe_queue from_ipc;
+    safe_queue to_ipc;
+    volatile bool run = true;
+    auto worker = std::make_unique<websock_worker>(from_ipc, to_ipc, "127.0.0.1", "/agent",
+                                                   service.port(), run, 1, 1, WS_INSTANCE_RRM);
+    std::binary_semaphore within_a_pass{0};
+    std::binary_semaphore awaited{0};
+    LwsCalls calls;
+    calls.on_log_level = [&, connected = false]() mutable {
+        if (!std::exchange(connected, true) || !run)
+            return;
+        within_a_pass.release();
+        awaited.acquire();
+        run = false;
+    };
+    worker->start_on_dedicated_thread();
+    within_a_pass.acquire();
+    {
+        const JoinWatch watch([&] { awaited.release(); });
+        worker.reset();
+    }
+    std::vector<std::string> told;
+    while (to_ipc.dequeue([&](const buffer_info_ptr& item) { told.push_back(item->text()); })) {
+    }
+    EXPECT_THAT(told, ElementsAre(disconnected_text, disconnected_text));
+}
+
+using WebsockLinkDeathTest = WebsockLink;
+
+TEST_F(WebsockLinkDeathTest, TheLockCheckerKnowsItsLockByName) {
+    const LogCapture log;
+    EXPECT_EXIT(
+        {
+            LwsCalls calls;
+            calls.on_log_level = [] {
+                timespec now{};
+                LockdepStorage::instance().check_expired(time_monotonic(now) + 1000);
+            };
+            LockdepStorage::lockdep_debug = true;
+            static_cast<void>(peer.connect());
+        },
+        testing::KilledBySignal(SIGABRT), "");
+    EXPECT_TRUE(log.contains("('ctx_mutex' by "));
+}
 
 class LinkEnd : public WebsockLink, public testing::WithParamInterface<lws_callback_reasons> {};
 
@@ -271,6 +376,14 @@ TEST_F(WebsockLink, QueuesAWholeMessage) {
     EXPECT_TRUE(log.contains(
         "websock-rrm->process_client_receive: Recieve final msg len 5 from websocket"));
     EXPECT_TRUE(log.contains("websock-rrm->Send to Queue"));
+}
+
+TEST_F(WebsockLink, LogsWhatTheServiceSaid) {
+    establish();
+    const LogCapture log;
+    service.send(RawService::TEXT, "hello");
+    ASSERT_THAT(peer.wait_received(1), ElementsAre("hello"));
+    EXPECT_EQ(log.count("debug: Buffer info dump: hello"), 1);
 }
 
 TEST_F(WebsockLink, QueuesAFragmentedMessageOnceAfterItsLastFragment) {
@@ -369,10 +482,12 @@ TEST_F(WebsockLink, SendsEachMessageAsOneText) {
 
 TEST_F(WebsockLink, SendsAnEmptyMessage) {
     establish();
+    const LogCapture log;
     peer.enqueue("");
     peer.enqueue("next");
     ASSERT_TRUE(peer.until([&] { return service.texts.size() >= 2; }));
     EXPECT_THAT(service.texts, ElementsAre("", "next"));
+    EXPECT_FALSE(log.contains("Can't send"));
 }
 
 buffer_info_ptr message(const std::string& text) {
@@ -429,12 +544,16 @@ TEST_F(WebsockLink, TakesAMessageThatTheSocketRefusesForLost) {
 TEST_F(WebsockLink, AsksAgainInTheNextPassWhenTheLibraryRefusesToReportAWritableSocket) {
     establish();
     step(2);
-    LwsCalls calls;
-    calls.refuse_ask = [](int ask) { return ask <= 2; };
-    peer.enqueue("hello");
-    step(4);
-    EXPECT_THAT(service.texts, ElementsAre("hello"));
-    EXPECT_EQ(calls.asks, 3);
+    for (const int refusal : {-1, 0}) {
+        service.texts.clear();
+        LwsCalls calls;
+        calls.refuse_ask = [](int ask) { return ask <= 2; };
+        calls.refusal = refusal;
+        peer.enqueue("hello");
+        step(4);
+        EXPECT_THAT(service.texts, ElementsAre("hello"));
+        EXPECT_EQ(calls.asks, 3);
+    }
 }
 
 TEST_F(WebsockLink, AsksAgainForTheRestOfAFloodWhenTheLibraryRefuses) {

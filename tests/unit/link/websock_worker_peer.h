@@ -50,7 +50,7 @@ class websock_worker_peer {
         }
         return true;
     }
-    void execute() { worker_.execute(); }
+    bool execute() { return worker_.execute(); }
     void step() {
         service.pump();
         worker_.execute();

@@ -7,6 +7,8 @@
 #include <set>
 
 #include "log_capture.h"
+#include "pause_log.h"
+#include "test_clock.h"
 #include "websock_worker_peer.h"
 
 namespace {
@@ -75,7 +77,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(delays{4, 60, {{2, 6}, {4, 12}, {8, 24}, {16, 48}, {30, 90}, {30, 90}}},
                     delays{0, 0, {{1, 3}, {1, 3}, {1, 3}}}, delays{0, 60, {{1, 3}, {1, 3}, {2, 6}}},
                     delays{4, 0, {{2, 6}, {1, 3}}}, delays{1, 1, {{0, 1}, {0, 1}}},
-                    delays{10, 4, {{5, 15}, {2, 6}}}, delays{3, 5, {{1, 4}, {2, 7}, {2, 7}}}));
+                    delays{10, 4, {{5, 15}, {2, 6}}}, delays{3, 5, {{1, 4}, {2, 7}, {2, 7}}},
+                    delays{2, 5, {{1, 3}, {2, 6}, {2, 7}}}));
 
 TEST(BackOffTest, AbsurdDelaysStayWithinAnInt) {
     websock_worker_peer peer(WS_INSTANCE_RRM, SIZE_MAX, SIZE_MAX);
@@ -89,6 +92,28 @@ TEST(BackOffTest, NamesTheRangeAndTheWait) {
     peer.delay_loop();
     EXPECT_THAT(log.lines(), ElementsAre("debug: Generate delay into [0;1) range",
                                          "debug: Delay before connection: 0 sec"));
+}
+
+TEST(BackOffTest, NamesTheRangeThatItDrawsFrom) {
+    const LogCapture log;
+    websock_worker_peer peer(WS_INSTANCE_RRM, 6, 60);
+    peer.connect_delay();
+    EXPECT_THAT(log.lines(), ElementsAre("debug: Generate delay into [3;9) range"));
+}
+
+TEST(BackOffTest, TakesOneMessageOfThePartnerInEachTenthOfASecondAndLogsIt) {
+    TestClock clock;
+    websock_worker_peer peer(WS_INSTANCE_RRM, 6, 6);  // waits three seconds at least
+    for (const char* text : {"one", "two", "three"})
+        peer.enqueue(text);
+    const LogCapture log;
+    const PauseLog pauses([&] { clock.advance(1); });
+    peer.delay_loop();
+    EXPECT_GE(pauses.pauses().size(), 3U);
+    EXPECT_TRUE(peer.from_ipc.empty());
+    EXPECT_EQ(log.count("debug: websock-rrm->From queue"), 3);
+    for (const char* text : {"one", "two", "three"})
+        EXPECT_EQ(log.count(std::string("debug: Buffer info dump: ") + text), 1);
 }
 
 TEST(BackOffTest, StartsAfreshOnceTheHandshakeSucceeded) {
@@ -204,6 +229,13 @@ TEST(InternalMessageTest, UnlinkDropsTheLinkAndRefusesEveryFurtherConnect) {
     peer.service.drop();
     peer.service.pump();
     EXPECT_EQ(peer.service.connections, 1);
+}
+
+TEST(InternalMessageTest, UnlinkIsLogged) {
+    websock_worker_peer peer;
+    const LogCapture log;
+    EXPECT_TRUE(peer.process_internal(internal("unlink")));
+    EXPECT_EQ(log.count("debug: websock-rrm->process_internal_unlink:"), 1);
 }
 
 TEST(InternalMessageTest, UnlinkIsComparedExactly) {
