@@ -303,7 +303,7 @@ TEST(WebsockWorkerEnd, AwaitsThePassThatRunsBeforeItTakesAnythingAway) {
         worker.reset();
     }
     std::vector<std::string> told;
-    while (to_ipc.dequeue([&](const buffer_info_ptr& item) { told.push_back(item->text()); })) {
+    while (to_ipc.dequeue([&](const buffer_info_ptr& item) { told.emplace_back(item->text()); })) {
     }
     EXPECT_THAT(told, ElementsAre(disconnected_text, disconnected_text));
 }
