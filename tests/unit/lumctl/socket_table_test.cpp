@@ -32,7 +32,7 @@ std::string kernel_text(int family, const char* address, std::size_t words) {
     return text;
 }
 
-std::string line(const std::string& address, const std::string& state) {
+std::string table_line(const std::string& address, const std::string& state) {
     return "   0: " + address + ":A2C4 " + address + ":1F90 " + state +
            " 00000000:00000000 00:00000000 00000000  1000        0 4711 1 0000000000000000 20 4 30"
            " 10 -1\n";
@@ -45,7 +45,7 @@ TEST(SocketTable, AnEmptyTableHasNoSockets) {
 
 TEST(SocketTable, ASocketIsReadWithItsPeerStateAndInode) {
     const auto sockets =
-        parse_socket_table(head + line(kernel_text(AF_INET, "192.0.2.7", 1), "01"));
+        parse_socket_table(head + table_line(kernel_text(AF_INET, "192.0.2.7", 1), "01"));
     ASSERT_THAT(sockets, SizeIs(1));
     EXPECT_EQ(sockets[0].remote_address, "192.0.2.7");
     EXPECT_EQ(sockets[0].remote_port, 8080);
@@ -55,21 +55,21 @@ TEST(SocketTable, ASocketIsReadWithItsPeerStateAndInode) {
 
 TEST(SocketTable, ASocketOfIpVersion6IsRead) {
     const auto sockets =
-        parse_socket_table(head + line(kernel_text(AF_INET6, "2001:db8::7", 4), "02"));
+        parse_socket_table(head + table_line(kernel_text(AF_INET6, "2001:db8::7", 4), "02"));
     ASSERT_THAT(sockets, SizeIs(1));
     EXPECT_EQ(sockets[0].remote_address, "2001:db8::7");
     EXPECT_EQ(sockets[0].state, TCP_SYN_SENT);
 }
 
 TEST(SocketTable, LinesThatAreNoSocketsAreLeftOut) {
-    const std::string good = line(kernel_text(AF_INET, "192.0.2.7", 1), "01");
-    EXPECT_THAT(
-        parse_socket_table(good + "garbage\n\n   1: 0100:1F90\n" + line("010000", "01") + good),
-        SizeIs(2));
+    const std::string good = table_line(kernel_text(AF_INET, "192.0.2.7", 1), "01");
+    EXPECT_THAT(parse_socket_table(good + "garbage\n\n   1: 0100:1F90\n" +
+                                   table_line("010000", "01") + good),
+                SizeIs(2));
 }
 
 TEST(SocketTable, ATableThatEndsWithinALineGivesWhatIsWhole) {
-    const std::string good = line(kernel_text(AF_INET, "192.0.2.7", 1), "01");
+    const std::string good = table_line(kernel_text(AF_INET, "192.0.2.7", 1), "01");
     EXPECT_THAT(parse_socket_table(good + good.substr(0, 40)), SizeIs(1));
 }
 

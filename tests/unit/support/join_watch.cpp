@@ -8,20 +8,20 @@
 
 namespace {
 
-thread_local const JoinWatch* active = nullptr;
+thread_local const JoinWatch* watching = nullptr;
 
 }  // namespace
 
 extern "C" int pthread_join(pthread_t thread, void** result) {
-    if (active != nullptr)
-        active->note();
+    if (watching != nullptr)
+        watching->note();
     return hidden<int (*)(pthread_t, void**)>("pthread_join")(thread, result);
 }
 
 JoinWatch::JoinWatch(std::function<void()> before_join) : before_join_(std::move(before_join)) {
-    active = this;
+    watching = this;
 }
 
 JoinWatch::~JoinWatch() {
-    active = nullptr;
+    watching = nullptr;
 }
