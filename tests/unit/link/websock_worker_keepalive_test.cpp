@@ -48,8 +48,10 @@ TEST_F(WebsockPing, ThirtySecondsBeginWithEachPing) {
 }
 
 TEST_F(WebsockPing, IsForgottenWithItsPong) {
+    const LogCapture log;
     ASSERT_TRUE(ping_after(30));
     EXPECT_TRUE(peer.until([&] { return peer.unanswered_pings() == 0; }));
+    EXPECT_TRUE(log.contains("debug: websock-rrm->process_client_receive_pong:"));
     for (int i = 0; i < 5; ++i)
         ASSERT_TRUE(ping_after(30));
     EXPECT_TRUE(peer.usable());
