@@ -188,6 +188,12 @@ TEST_F(Rtl8192cdTest, ReadsCoexistenceFromTheFirstLineThatTellsIt) {
     EXPECT_EQ(logged(R"(debug: <get_obss_coex:\d+> coexist == 1)"), 2);
 }
 
+TEST_F(Rtl8192cdTest, TheCoexistenceEntryOfAnotherFolderIsNotRead) {
+    kernel.put_file("/proc/other/mib_11n", "    coexist: 1\n");
+    EXPECT_FALSE(ops.get_obss_coex("wlan0/../other"));
+    EXPECT_EQ(logged("(error|debug): <get_obss_coex:.*"), 1);
+}
+
 TEST_F(Rtl8192cdTest, ReportsAMissingCoexistenceEntry) {
     EXPECT_FALSE(ops.get_obss_coex("wlan0"));
     EXPECT_EQ(logged(R"(error: <get_obss_coex:\d+> cannot open procfs entry)"
