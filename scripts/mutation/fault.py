@@ -18,8 +18,14 @@ class Fault:
     code: str = ""
     uses: list = dataclasses.field(default_factory=list)
     log: bool = False
+    early: bool = False  # in what the compiler would otherwise compute beforehand
     room: str = ""
     number: int = 0
+
+    @property
+    def switch(self):
+        """What tells, in the switched copy, whether the fault is on."""
+        return f"lumd_mutant{'_asked' if self.early else ''}({self.number})"
 
     @property
     def ranges(self):

@@ -4,7 +4,7 @@ import re
 
 from clang import cindex
 from clang.cindex import CursorKind as Kind
-from clang.cindex import TypeKind
+from clang.cindex import StorageClass, TypeKind
 
 from . import source
 from .fault import Fault
@@ -59,6 +59,7 @@ class Finder:
         self.constants = {}
         self.function = ""
         self.logging = False
+        self.early = False
         self.negated = set()
 
     def find(self):
@@ -99,7 +100,7 @@ class Finder:
             before=source.one_line(before.encode()).decode(),
             after=source.one_line(after.encode()).decode(),
             form=form, code=source.one_line((code or after).encode()).decode(),
-            log=self.logging))
+            log=self.logging, early=self.early))
 
     # Declarations
 
@@ -147,9 +148,16 @@ class Finder:
         at = name + len(cursor.spelling)
         while self.text[at:at + 1] == b"[":
             at = source.closing(self.text, at) + 1
+        outer, self.early = self.early, self.is_static(cursor)
         for child in cursor.get_children():
             if child.extent.start.offset >= at and child.kind.is_expression():
                 self.initial_value(child)
+        self.early = outer
+
+    def is_static(self, cursor):
+        return cursor.kind == Kind.VAR_DECL and (
+            cursor.storage_class == StorageClass.STATIC or
+            cursor.semantic_parent.kind not in FUNCTIONS)
 
     def is_table(self, cursor):
         kind = cursor.type.get_canonical().kind

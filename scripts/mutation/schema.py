@@ -116,10 +116,10 @@ class Schema:
         if "always" in forms:
             return self.put(first.code, first)
         if "declared" in forms:
-            return self.put(f"; lumd_mutant({first.number}) ? !{first.code} : "
+            return self.put(f"; {first.switch} ? !{first.code} : "
                             f"static_cast<bool>({first.code})", first)
         if "statement" in forms:
-            self.put(f"{{ if (!lumd_mutant({first.number})) ", first)
+            self.put(f"{{ if (!{first.switch}) ", first)
             self.write(group.begin, group.end, group.inner)
             self.text += b" }"
             return None
@@ -129,7 +129,7 @@ class Schema:
             code = fault.code
             if fault.form == "constant" and code.startswith("lumd_next("):
                 code = f"lumd_next({self.source[group.begin:group.end].decode()})"
-            self.put(f"lumd_mutant({fault.number}) ? {cast}({code}) : ", fault)
+            self.put(f"{fault.switch} ? {cast}({code}) : ", fault)
         if "truth" in forms and not cast:
             cast = "static_cast<bool>"
         self.text += f"{cast}(".encode()
