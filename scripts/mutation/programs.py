@@ -21,6 +21,13 @@ from .tree import BUILD, HOME, ROOT
 SYSTEM_TESTS = [
     "test_messages.py::test_the_subscribe_request",
     "test_process.py::test_log_lines_bear_the_daemons_name",
+    "test_process.py::test_version_alone_tells_the_version",
+    "test_process.py::test_without_any_option_it_ends_silently_with_status_0",
+    "test_process.py::test_the_process_is_set_up_in_order",
+    "test_process.py::test_portal_mode_goes_before_all_others_and_makes_no_driver",
+    "test_process.py::test_rrm_mode_goes_before_the_wids_mode",
+    "test_process.py::test_wids_mode_has_no_bus_worker",
+    "test_process.py::test_the_lock_checker_runs_when_its_variable_exists[1]",
     "test_process.py::test_sigterm_and_sigint_end_a_linked_agent_with_status_0[15]",
     "test_portal.py::test_a_status_request_is_answered_while_the_link_is_down",
     "test_link.py::test_a_link_closed_by_the_service_comes_back",
