@@ -148,15 +148,16 @@ class Finder:
         at = name + len(cursor.spelling)
         while self.text[at:at + 1] == b"[":
             at = source.closing(self.text, at) + 1
-        outer, self.early = self.early, self.is_static(cursor)
+        outer, self.early = self.early, self.is_computed_early(cursor)
         for child in cursor.get_children():
             if child.extent.start.offset >= at and child.kind.is_expression():
                 self.initial_value(child)
         self.early = outer
 
-    def is_static(self, cursor):
+    def is_computed_early(self, cursor):
+        """Whether the compiler computes the value itself when it can."""
         return cursor.kind == Kind.VAR_DECL and (
-            cursor.storage_class == StorageClass.STATIC or
+            cursor.storage_class == StorageClass.STATIC or cursor.type.is_const_qualified() or
             cursor.semantic_parent.kind not in FUNCTIONS)
 
     def is_table(self, cursor):
