@@ -77,7 +77,7 @@ class Runner:
     def __init__(self):
         self.prefix = own_namespaces()
 
-    def run(self, command, limit, fault=None, reached=None, environment=None):
+    def run(self, command, limit, fault=None, reached=None, environment=None, folder=ROOT):
         environment = {**os.environ, **(environment or {})}
         if fault is not None:
             environment["LUMD_MUTANT"] = str(fault)
@@ -92,7 +92,7 @@ class Runner:
             resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
         with tempfile.TemporaryFile() as output:
-            process = subprocess.Popen([*self.prefix, *map(str, command)], cwd=ROOT,
+            process = subprocess.Popen([*self.prefix, *map(str, command)], cwd=folder,
                                        env=environment, stdin=subprocess.DEVNULL, stdout=output,
                                        stderr=output, start_new_session=True, preexec_fn=limits)
             timed_out = False
@@ -223,8 +223,9 @@ class UnitTests(Tests):
         return [name for name in names if not name.startswith("Running main")]
 
     def run_tests(self, names, limit, fault=None, reached=None):
+        # A shell that is told something else than it should be may leave files.
         return self.runner.run([self.program, "--gtest_fail_fast", "--gtest_filter=" + ":".join(names)],
-                               limit, fault, reached)
+                               limit, fault, reached, folder=HOME)
 
     def failed(self, outcome):
         """The test that was running last: what comes after the first failure is skipped."""
