@@ -478,6 +478,7 @@ TEST_F(WebsockLink, SendsEachMessageAsOneText) {
     EXPECT_TRUE(log.contains("debug: websock-rrm->From queue"));
     EXPECT_TRUE(
         log.contains("info: websock-rrm->lws_send:Send msg type [0] len [5/5]  to websocket"));
+    EXPECT_EQ(log.count("debug: Buffer info dump: hello"), 1);
 }
 
 TEST_F(WebsockLink, SendsAnEmptyMessage) {
