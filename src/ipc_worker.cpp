@@ -44,8 +44,11 @@ bool ipc_worker::execute() {
     if (!ctx)
         return false;
     const std::unique_ptr<message_s, free_deleter> frame(msgbus_poll_no_wait(ctx.get()));
-    if (!frame && send_next())
-        return false;
+    if (!frame) {
+        hand_over();  // what is left of the piece was no message
+        if (send_next())
+            return false;
+    }
     msgbus_flush(ctx.get());
     if (frame)
         process_ipc_message(*frame);

@@ -196,6 +196,27 @@ TEST_F(IpcWorker, WakesItsPartnerOnceForFramesThatCameInOnePiece) {
     EXPECT_EQ(wakeups, 1);
 }
 
+// What a module has not taken when it leaves comes back as undeliverable, which is no message.
+TEST_F(IpcWorker, AFrameThatIsNoMessageAtTheEndOfAPieceKeepsNothingBack) {
+    bus.drop(PORTALMOD);
+    auto deaf = std::make_unique<test_bus::Connection>(bus.socket_path(), PORTALMOD);
+    ASSERT_TRUE(deaf->attached());
+    from_daemon.enqueue(message(std::string(1024 * 1024, 'x')));
+    while (!worker.execute()) {
+    }
+    test_bus::Connection other(bus.socket_path(), HUBDMOD);
+    ASSERT_TRUE(other.attached() && other.send(LUMDMOD, "hello", 1));
+    ASSERT_TRUE(other.send(HUBDMOD, "marker", 2) && other.read());
+    deaf.reset();
+    bus.serve(PORTALMOD, [](const std::string&) { return std::nullopt; });
+    bus.send(PORTALMOD, PORTALMOD, "marker");
+    ASSERT_THAT(bus.wait_requests(PORTALMOD, 1), ElementsAre("marker"));
+    from_daemon.enqueue(message("next"));
+    EXPECT_FALSE(worker.execute());
+    EXPECT_FALSE(worker.execute());
+    EXPECT_THAT(drain(to_daemon), ElementsAre("hello"));
+}
+
 TEST_F(IpcWorker, HandsOverWhatItHasTakenWhenItLeaves) {
     for (const char* text : {"taken", "not taken"})
         bus.send(PORTALMOD, LUMDMOD, text);
