@@ -11,21 +11,14 @@
 #include <ctime>
 #include <memory>
 
+#include "owned_fd.h"
+
 namespace {
 
-class descriptor {
-  public:
-    explicit descriptor(const std::string& path)
-        : fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-    ~descriptor() {
-        if (fd >= 0)
-            close(fd);
-    }
-    descriptor(const descriptor&) = delete;
-    descriptor& operator=(const descriptor&) = delete;
-
-    const int fd;
-};
+// Does not wait for a named pipe, nor takes a terminal.
+int open_for_a_look(const std::string& path) {
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
 
 struct folder_closer {
     void operator()(DIR* folder) const { closedir(folder); }
@@ -50,12 +43,12 @@ std::optional<std::string> read_all(int fd, std::size_t limit) {
 }  // namespace
 
 std::optional<std::string> read_file(const std::string& path, std::size_t limit) {
-    const descriptor file(path);
+    const owned_fd file(open_for_a_look(path));
     return file.fd < 0 ? std::nullopt : read_all(file.fd, limit);
 }
 
 std::optional<std::string> read_end_of_file(const std::string& path, std::size_t limit) {
-    const descriptor file(path);
+    const owned_fd file(open_for_a_look(path));
     if (file.fd < 0)
         return std::nullopt;
     const off_t size = lseek(file.fd, 0, SEEK_END);

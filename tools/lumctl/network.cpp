@@ -13,6 +13,8 @@
 #include <memory>
 #include <utility>
 
+#include "owned_fd.h"
+
 namespace {
 
 using std::chrono::ceil;
@@ -20,19 +22,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int most_addresses = 8;  // more are not tried
-
-class socket_fd {
-  public:
-    explicit socket_fd(int number) : fd(number) {}
-    ~socket_fd() {
-        if (fd >= 0)
-            close(fd);
-    }
-    socket_fd(const socket_fd&) = delete;
-    socket_fd& operator=(const socket_fd&) = delete;
-
-    const int fd;
-};
 
 struct addrinfo_releaser {
     void operator()(addrinfo* list) const { freeaddrinfo(list); }
@@ -121,7 +110,7 @@ std::string connect_error_text(int error, std::chrono::seconds limit) {
 
 // 0 once connected, or an errno value.
 int connect_once(const network_address& to, steady_clock::time_point deadline) {
-    const socket_fd peer(
+    const owned_fd peer(
         socket(to.address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (peer.fd < 0)
         return errno;
@@ -150,8 +139,8 @@ look_up_result look_up(const std::string& host, int port, std::chrono::seconds l
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0)
         return {{}, std::strerror(errno)};
-    const socket_fd reader(ends[0]);
-    auto writer = std::make_unique<socket_fd>(ends[1]);
+    const owned_fd reader(ends[0]);
+    auto writer = std::make_unique<owned_fd>(ends[1]);
     const pid_t child = fork();
     if (child == 0)
         look_up_in_child(writer->fd, host, port);
