@@ -60,6 +60,7 @@ ENDS = {("backtrace_symbols", "capture_backtrace")}
 
 # Calls in the program that no operation reaches.
 NOT_REACHED = {
+    ("fwrite", "print_program_info"): "lumd --help begins no operation",
     ("json_object_array_put_idx", "json_writer::put"): "no message has an array of plain values",
     ("json_tokener_parse_ex", "cfgtree_parse_buffer"): "only a text that is one number leads here",
     ("poll", "msgbus::Connection::connect_to"): "only a broker with a full backlog leads here",
