@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bus_test_support.h"
+#include "emulator.h"
 #include "syslog_spy.h"
 
 namespace {
@@ -216,6 +217,8 @@ TEST_F(BrokerAttach, MustComeWithinABoundedTime) {
 
 // The kernel closes what goes beyond the room for one, recvmsg(2) with MSG_CTRUNC.
 TEST_F(BrokerAttach, WithMoreDescriptorsThanOneKeepsNoneAfterTheEnd) {
+    if (emulated())
+        GTEST_SKIP() << "an emulator takes more descriptors than it hands on, and keeps them";
     const int event = eventfd(0, EFD_CLOEXEC);
     const long before = open_descriptors();
     for (const std::size_t count : {std::size_t{1}, std::size_t{2}, std::size_t{100}}) {

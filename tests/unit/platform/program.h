@@ -12,13 +12,15 @@
 #include <string>
 #include <vector>
 
+#include "emulator.h"
+
 class Program {
   public:
     // Starts it, under the emulator of a cross build; its standard error goes where its standard
     // output does.
     explicit Program(std::vector<std::string> arguments, const std::string& input = {}) {
-        const std::vector<std::string> emulator{EMULATOR};
-        arguments.insert(arguments.begin(), emulator.begin(), emulator.end());
+        const std::vector<std::string> before = emulator();
+        arguments.insert(arguments.begin(), before.begin(), before.end());
         std::array<int, 2> in{};
         std::array<int, 2> out{};
         if (pipe(in.data()) != 0 || pipe(out.data()) != 0)
