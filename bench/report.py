@@ -110,18 +110,32 @@ def port_of(process):
 
 
 @contextlib.contextmanager
+def lumd_beside(load, folder, bus):
+    config = folder / "lumd.conf"
+    config.write_text(f"roam_service_url=ws://127.0.0.1:{port_of(load)}/bench\n"
+                      "initial_connection_delay=1\nmax_connection_delay=1\nlog_level=1\n")
+    with program(BIN / "lumd", "-f", config,
+                 env={**os.environ, "MSGBUS_SOCKET": str(bus)}) as lumd:
+        yield lumd.pid
+
+
+@contextlib.contextmanager
 def lumd_relay(folder, *options):
     """The load on lumd between a bus and a websocket, and the processes that carry it."""
     bus = folder / "bus"
-    config = folder / "lumd.conf"
     with program(BIN / "msgbusd", "-s", bus) as broker:
         wait_for(bus.exists, "the message bus")
-        with relay("lumd", bus, *options) as load:
-            config.write_text(f"roam_service_url=ws://127.0.0.1:{port_of(load)}/bench\n"
-                              "initial_connection_delay=1\nmax_connection_delay=1\nlog_level=1\n")
-            with program(BIN / "lumd", "-f", config,
-                         env={**os.environ, "MSGBUS_SOCKET": str(bus)}) as lumd:
-                yield load, [lumd.pid, broker.pid]
+        with relay("lumd", bus, *options) as load, lumd_beside(load, folder, bus) as lumd:
+            yield load, [lumd, broker.pid]
+
+
+@contextlib.contextmanager
+def direct_relay(folder, *options):
+    """The same without a broker: the load is lumd's neighbour on the bus."""
+    bus = folder / "direct"
+    with relay("direct", bus, *options) as load, lumd_beside(load, folder, bus) as lumd:
+        yield load, [lumd]
+    bus.unlink()
 
 
 @contextlib.contextmanager
@@ -145,8 +159,8 @@ def mosquitto_relay(folder, *options):
 RELAYS = {"lumd": lumd_relay, "mosquitto": mosquitto_relay}
 
 
-def measure_relay(name, folder):
-    with RELAYS[name](folder) as (load, _):
+def measure_relay(running, folder):
+    with running(folder) as (load, _):
         return figures(load)
 
 
@@ -171,12 +185,28 @@ def run_system(count):
     rounds = []
     with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
         for _ in range(count):
-            rounds.append({**{name: measure_relay(name, pathlib.Path(folder)) for name in RELAYS},
+            rounds.append({**{name: measure_relay(running, pathlib.Path(folder))
+                              for name, running in RELAYS.items()},
                            "bare": measure_bare()})
     print_relays(f"Portal: messages a second (up: bus to service), median of {count} rounds, and "
                  "how many times as many as", FIGURES, rounds)
     print_relays("Portal: microseconds at 1000 messages a second each way, and how many times "
                  "those of", DELAYS, rounds)
+
+
+def run_direct(count):
+    """What a bus without a broker would bring, beside the way there is."""
+    relays = {"lumd": lumd_relay, "direct": direct_relay, "mosquitto": mosquitto_relay}
+    with tempfile.TemporaryDirectory(prefix="lumd-bench-") as folder:
+        rounds = [{name: measure_relay(running, pathlib.Path(folder))
+                   for name, running in relays.items()} for _ in range(count)]
+    print(f"\nPortal with no broker between: median of {count} rounds, and how many times")
+    line("", "no broker", "lumd", "mosquitto", "lumd/mosq.")
+    for name in FIGURES + DELAYS:
+        def times(one, other):
+            return f"{median([run[one][name] / run[other][name] for run in rounds]):.2f}"
+        line(name, f"{median([one['direct'][name] for one in rounds]):.0f}",
+             times("direct", "lumd"), times("direct", "mosquitto"), times("lumd", "mosquitto"))
 
 
 # ---- what a message costs each thread on its way
@@ -319,6 +349,7 @@ def main():
 PARTS = {
     "micro": lambda quick: run_micro(),
     "system": lambda quick: run_system(1 if quick else ROUNDS),
+    "direct": lambda quick: run_direct(1 if quick else ROUNDS),
     "threads": lambda quick: run_threads(1 if quick else ROUNDS),
     "events": lambda quick: run_events(1 if quick else ROUNDS),
     "idle": lambda quick: run_idle(5.0 if quick else IDLE_SECONDS),

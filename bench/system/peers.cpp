@@ -1,5 +1,7 @@
 #include "peers.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -9,45 +11,81 @@
 
 namespace {
 
+message_header_s make_header(msgbus_frame_type type, std::uint8_t dst, std::size_t length) {
+    message_header_s head{};
+    head.magic = MSGBUS_MAGIC;
+    head.ver = MSGBUS_VERSION;
+    head.dst = dst;
+    head.len = static_cast<std::uint32_t>(length);
+    head.seq = 1;
+    head.type = static_cast<std::uint8_t>(type);
+    return head;
+}
+
+std::string bytes_of(const message_header_s& head) {
+    return {reinterpret_cast<const char*>(&head), sizeof head};
+}
+
+std::string_view receive_data(Stream& stream) {
+    message_header_s head{};
+    std::memcpy(&head, stream.read(sizeof head).data(), sizeof head);
+    if (head.type != MSGBUS_DATA)
+        fail("the bus cannot deliver");
+    return stream.read(head.len);
+}
+
 class BusModule : public Peer {
   public:
     BusModule(const std::string& path, int module, int partner)
         : stream_(Stream::connect_unix(path)), partner_(static_cast<std::uint8_t>(partner)) {
-        message_header_s attach = header(MSGBUS_ATTACH, 0, 0);
+        message_header_s attach = make_header(MSGBUS_ATTACH, 0, 0);
         attach.src = static_cast<std::uint8_t>(module);
         stream_.write(bytes_of(attach), {});
         static_cast<void>(stream_.read(sizeof attach));
     }
 
     void send(std::string_view message) override {
-        stream_.write(bytes_of(header(MSGBUS_DATA, partner_, message.size())), message);
+        stream_.write(bytes_of(make_header(MSGBUS_DATA, partner_, message.size())), message);
     }
 
-    std::string_view receive() override {
-        message_header_s head{};
-        std::memcpy(&head, stream_.read(sizeof head).data(), sizeof head);
-        if (head.type != MSGBUS_DATA)
-            fail("the bus cannot deliver");
-        return stream_.read(head.len);
-    }
+    std::string_view receive() override { return receive_data(stream_); }
 
   private:
-    static message_header_s header(msgbus_frame_type type, std::uint8_t dst, std::size_t length) {
-        message_header_s head{};
-        head.magic = MSGBUS_MAGIC;
-        head.ver = MSGBUS_VERSION;
-        head.dst = dst;
-        head.len = static_cast<std::uint32_t>(length);
-        head.seq = 1;
-        head.type = static_cast<std::uint8_t>(type);
-        return head;
+    Stream stream_;
+    const std::uint8_t partner_;
+};
+
+// Takes the agent's connection as the broker would, and adds to its event descriptor likewise.
+class BusNeighbour : public Peer {
+  public:
+    BusNeighbour(int listener, int module, int agent)
+        : stream_(Stream::accept_unix(listener)),
+          event_(stream_.read_with_descriptor(sizeof(message_header_s))),
+          module_(static_cast<std::uint8_t>(module)),
+          agent_(static_cast<std::uint8_t>(agent)) {
+        put(make_header(MSGBUS_ATTACH, agent_, 0), {});
     }
-    static std::string bytes_of(const message_header_s& head) {
-        return {reinterpret_cast<const char*>(&head), sizeof head};
+
+    void send(std::string_view message) override {
+        message_header_s head = make_header(MSGBUS_DATA, agent_, message.size());
+        head.src = module_;
+        put(head, message);
+    }
+
+    std::string_view receive() override { return receive_data(stream_); }
+
+  private:
+    void put(const message_header_s& head, std::string_view message) {
+        stream_.write(bytes_of(head), message);
+        const std::uint64_t one = 1;
+        if (write(event_, &one, sizeof one) != sizeof one)
+            fail("the agent cannot be woken");
     }
 
     Stream stream_;
-    const std::uint8_t partner_;
+    const int event_;
+    const std::uint8_t module_;
+    const std::uint8_t agent_;
 };
 
 class Service : public Peer {
@@ -173,6 +211,10 @@ constexpr const char* service_topic = "service";
 
 std::unique_ptr<Peer> make_bus_module(const std::string& socket_path, int module, int partner) {
     return std::make_unique<BusModule>(socket_path, module, partner);
+}
+
+std::unique_ptr<Peer> make_bus_neighbour(int listener, int module, int partner) {
+    return std::make_unique<BusNeighbour>(listener, module, partner);
 }
 
 std::unique_ptr<Peer> make_service(int listener) {

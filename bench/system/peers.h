@@ -20,6 +20,9 @@ class Peer {
 // lumd's two sides: a module on the message bus and the websocket service.
 std::unique_ptr<Peer> make_bus_module(const std::string& socket_path, int module, int partner);
 std::unique_ptr<Peer> make_service(int listener);
+// The module whose stream ends at lumd itself, with no broker between: what two modules that know
+// each other would have.
+std::unique_ptr<Peer> make_bus_neighbour(int listener, int module, int partner);
 
 // An MQTT 3.1.1 broker's two sides, quality of service 0. Each publishes what the other has
 // subscribed to.

@@ -1,6 +1,7 @@
 // bench_relay: how much and how fast a relay carries between a local side and a websocket.
 //
 //   bench_relay lumd SOCKET      prints the port it listens on, then waits for lumd (portal mode)
+//   bench_relay direct SOCKET    the same, with its module where lumd expects the broker
 //   bench_relay mqtt PORT WSPORT an MQTT broker with a plain and a websocket listener
 //   bench_relay bare             prints the port, then waits for bench_bare_client
 //
@@ -198,6 +199,15 @@ void measure_lumd(const std::string& socket_path, bool threads) {
     measure(*local, *service, threads);
 }
 
+// The broker's place is here.
+void measure_direct(const std::string& socket_path, bool threads) {
+    const int bus = Stream::listen_unix(socket_path);
+    const int listener = listen_and_tell();
+    const auto local = make_bus_neighbour(bus, local_module, agent_module);
+    const auto service = make_service(listener);
+    measure(*local, *service, threads);
+}
+
 void measure_mqtt(int port, int websocket_port, bool threads) {
     const auto local = make_mqtt_on_tcp(port);
     const auto service = make_mqtt_on_websocket(websocket_port);
@@ -313,11 +323,13 @@ int main(int argc, char** argv) {
     const std::string kind = count > 1 ? argv[1] : "";
     if (kind == "lumd" && count == 3)
         measure_lumd(argv[2], threads);
+    else if (kind == "direct" && count == 3)
+        measure_direct(argv[2], threads);
     else if (kind == "mqtt" && count == 4)
         measure_mqtt(std::atoi(argv[2]), std::atoi(argv[3]), threads);
     else if (kind == "bare" && count == 2 && !threads)
         measure_bare();
     else
-        fail("usage: bench_relay lumd SOCKET [threads] | mqtt PORT WSPORT [threads] | bare");
+        fail("usage: bench_relay lumd|direct SOCKET [threads] | mqtt PORT WSPORT [threads] | bare");
     return EXIT_SUCCESS;
 }

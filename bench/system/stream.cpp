@@ -71,6 +71,13 @@ sockaddr_in loopback(int port) {
     return address;
 }
 
+sockaddr_un local_address(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
 void send_at_once(int fd) {
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -98,11 +105,18 @@ int Stream::connect_tcp(int port) {
 
 int Stream::connect_unix(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const sockaddr_un address = local_address(path);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         fail("cannot connect to " + path);
+    return fd;
+}
+
+int Stream::listen_unix(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = local_address(path);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 1) != 0)
+        fail("cannot listen at " + path);
     return fd;
 }
 
@@ -117,10 +131,15 @@ int Stream::listen_tcp(int& port) {
     return fd;
 }
 
-int Stream::accept_tcp(int listener) {
+int Stream::accept_unix(int listener) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
         fail("nobody connects");
+    return fd;
+}
+
+int Stream::accept_tcp(int listener) {
+    const int fd = accept_unix(listener);
     send_at_once(fd);
     return fd;
 }
@@ -138,6 +157,25 @@ void Stream::fill(std::size_t count) {
             fail("a connection has ended");
         buffer_.resize(old + static_cast<std::size_t>(received));
     }
+}
+
+int Stream::read_with_descriptor(std::size_t count) {
+    buffer_.resize(count);
+    iovec part{buffer_.data(), count};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    const ssize_t received = recvmsg(fd_, &message, MSG_WAITALL | MSG_CMSG_CLOEXEC);
+    const cmsghdr* const passed = CMSG_FIRSTHDR(&message);
+    if (received != static_cast<ssize_t>(count) || passed == nullptr)
+        fail("no descriptor comes");
+    buffer_.clear();
+    int fd = -1;
+    std::memcpy(&fd, CMSG_DATA(passed), sizeof fd);
+    return fd;
 }
 
 std::string_view Stream::read(std::size_t count) {

@@ -20,12 +20,17 @@ class Stream {
 
     static int connect_tcp(int port);
     static int connect_unix(const std::string& path);
+    static int listen_unix(const std::string& path);
+    static int accept_unix(int listener);
     static int accept_tcp(int listener);
     static int listen_tcp(int& port);
 
     // Valid until the next read.
     [[nodiscard]] std::string_view read(std::size_t count);
     [[nodiscard]] std::string read_line();
+    // Takes the first bytes of a connection; the descriptor that came with them (SCM_RIGHTS,
+    // unix(7)), the caller's.
+    [[nodiscard]] int read_with_descriptor(std::size_t count);
     void write(std::string_view head, std::string_view body);
 
   private:
