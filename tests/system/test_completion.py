@@ -1,28 +1,56 @@
-"""What bash completes behind "msgbusctl"."""
+"""What bash completes behind the programs."""
 import subprocess
 
 import pytest
 
 from lumdtest.programs import ROOT
 
-SCRIPT = ROOT / "packaging/completion/msgbusctl"
+SCRIPTS = ROOT / "packaging/completion"
 VERBS = ["call", "list", "monitor", "names", "send"]
 NAMES = ["guardd", "hubd", "lumd", "orvanta", "orvanta-events", "portal", "scand", "vaultd"]
 
 
+def choices(program, *words, cwd):
+    """The choices for the last of these words behind the program."""
+    name = program.name
+    lines = ['source "$1"; shift', 'COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))',
+             f"_{name}", 'printf "%s\\n" "${COMPREPLY[@]}"']
+    result = subprocess.run(["bash", "-uc", "; ".join(lines), "bash", SCRIPTS / name, program, *words],
+                            capture_output=True, text=True, check=True, cwd=cwd)
+    assert result.stderr == ""
+    return sorted(result.stdout.split())
+
+
 @pytest.fixture
 def complete(programs, folder):
-    def complete(*words):
-        """The choices for the last of these words behind the program's name."""
-        line = [str(programs.binary("msgbusctl")), *words]
-        lines = ['source "$1"; shift', 'COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))',
-                 "_msgbusctl", 'printf "%s\\n" "${COMPREPLY[@]}"']
-        result = subprocess.run(["bash", "-uc", "; ".join(lines), "bash", SCRIPT, *line],
-                                capture_output=True, text=True, check=True, cwd=folder)
-        assert result.stderr == ""
-        return sorted(result.stdout.split())
+    return lambda *words: choices(programs.binary("msgbusctl"), *words, cwd=folder)
 
-    return complete
+
+@pytest.mark.parametrize("program, options", [
+    ("lumd", ["--help", "--version", "-P", "-d", "-f", "-p"]),
+    ("msgbusd", ["-c", "-g", "-h", "-m", "-s"])])
+def test_a_daemon_has_its_options(programs, folder, program, options):
+    assert choices(programs.binary(program), "", cwd=folder) == options
+
+
+def test_lumd_prints_its_usage_only_when_it_is_asked_for_nothing_else(programs, folder):
+    assert choices(programs.binary("lumd"), "-f", "lumd.conf", "", cwd=folder) == [
+        "-P", "-d", "-f", "-p"]
+
+
+@pytest.mark.parametrize("program, option", [("lumd", "-f"), ("msgbusd", "-c"), ("msgbusd", "-s")])
+def test_files_of_a_daemon_are_completed(programs, folder, program, option):
+    (folder / "wanted.conf").touch()
+    assert choices(programs.binary(program), option, "wan", cwd=folder) == ["wanted.conf"]
+
+
+def test_a_group_of_the_socket_is_completed(programs, folder):
+    assert "root" in choices(programs.binary("msgbusd"), "-g", "roo", cwd=folder)
+
+
+@pytest.mark.parametrize("program, option", [("lumd", "-P"), ("lumd", "-p"), ("msgbusd", "-m")])
+def test_numbers_and_paths_of_a_daemon_are_left_to_the_operator(programs, folder, program, option):
+    assert choices(programs.binary(program), option, "", cwd=folder) == []
 
 
 def test_verbs_come_first(complete):
