@@ -80,7 +80,7 @@ stage_mips() { scripts/mips; }
 stage_debian13() { scripts/debian13; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
-stage_mutate() { scripts/mutate --sample 25; }
+stage_mutate() { scripts/mutate --sample 12; }
 
 packages_of() {
     case $1 in
@@ -118,7 +118,7 @@ declare -A purposes=(
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [faults]="every call of the agent fails once"
-    [mutate]="25 faults put into src/, each to be noticed by a test"
+    [mutate]="12 faults put into src/, each to be noticed by a test"
     [soak]="a day in protocol time"
 )
 
