@@ -10,8 +10,10 @@ import signal
 import subprocess
 import sys
 
+from labap import fleet
 from labap.msgbus import BusError
 from labap.scenario import ScenarioError
+from labservice.endpoint import Endpoint, EndpointError
 from labservice.server import ServiceError
 from labshow.console import Refused
 from labshow.harness import Lab
@@ -20,6 +22,7 @@ from labshow.process import TREE, Build, LabError, find_build
 from labshow.prompt import Prompt
 from labshow.rrm_console import RrmConsole
 from labshow.show import Show
+from labshow.trial import Trial
 from labshow.wids_console import WidsConsole
 from labtalk import contract, journal
 from labtalk.quiet import NOISE
@@ -59,10 +62,13 @@ def end_at_signal(number, _frame):
 async def session(options, show, prompt):
     """The whole show; the exit status."""
     mode_scenario = {"wids": "wids-sentry", "portal": "minimal"}.get(options.mode, "office")
+    scenario = options.scenario or mode_scenario
     binaries = find_build(PRESET)
     if options.bin:
         binaries = Build(pathlib.Path(options.bin), pathlib.Path(options.bin).parent / "lib")
-    lab = Lab(options.scenario or mode_scenario, options.mode, binaries, options.speed)
+    if options.service:
+        return await Trial(options, options.mode, scenario, binaries, show, prompt).run()
+    lab = Lab(scenario, options.mode, binaries, options.speed)
     hidden = frozenset() if options.verbose else NOISE
     lab.journal.listen(journal.printer(options.json, hide=hidden))
     show.heading(f"{lab.mode} mode, scenario {lab.scenario['name']}: "
@@ -99,6 +105,22 @@ def speed(text):
     return value
 
 
+def endpoint(text):
+    """Of the option --service."""
+    try:
+        return Endpoint.parse(text)
+    except EndpointError as error:
+        raise argparse.ArgumentTypeError(str(error)) from None
+
+
+def count(text):
+    """Of the option --fleet."""
+    number = int(text)
+    if not 1 <= number <= fleet.MOST:
+        raise argparse.ArgumentTypeError(f"{text} is not 1 to {fleet.MOST}")
+    return number
+
+
 def arguments():
     parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ")[0])
     parser.add_argument("--once", action="store_true",
@@ -109,7 +131,19 @@ def arguments():
     parser.add_argument("--bin", help="folder of other programs, which are then not built")
     parser.add_argument("--json", action="store_true", help="one JSON object an event")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
-    return parser.parse_args()
+    trial = parser.add_argument_group("somebody else's service")
+    trial.add_argument("--service", type=endpoint, metavar="URL",
+                       help="ws://HOST:PORT/PATH: it stands in the emulator's place and is judged")
+    trial.add_argument("--fleet", type=count, metavar="N", help="so many access points")
+    trial.add_argument("--for", type=speed, dest="seconds", metavar="S",
+                       help="end after so many seconds")
+    trial.add_argument("--report", metavar="FILE", help="write there what was held and what not")
+    options = parser.parse_args()
+    for name in ("fleet", "for", "report"):
+        if not options.service and getattr(options, {"for": "seconds"}.get(name, name)):
+            parser.error(f"--{name} goes with --service")
+    options.fleet = options.fleet or 1
+    return options
 
 
 async def supervised(options, show):

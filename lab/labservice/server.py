@@ -27,6 +27,8 @@ class Service:
     domain, config); None answers nothing; the last one is used again and again.
     """
 
+    path = "/agent"  # of the URL; every other is served as well
+
     def __init__(self, host="127.0.0.1", port=0, journal=None, checker=None):
         self.host, self.port = host, port
         self.journal = journal or Journal()

@@ -12,6 +12,7 @@ import tempfile
 from labap import scenario as scenarios
 from labap.accesspoint import AccessPoint
 from labap.clock import LabClock
+from labservice.foreign import ForeignService
 from labservice.server import Service
 from labtalk import journal as journals
 from labtalk.contract import Checker
@@ -33,14 +34,15 @@ CONNECTED_FLAG = "/tmp/.orvanta-connected"
 
 class Lab:
     """`mode`: rrm, portal or wids (the scenario's when None). `speed`: how much faster than real
-    time lumd and the lab run. `config`: more lines for lumd's configuration file."""
+    time lumd and the lab run. `config`: more lines for lumd's configuration file. `endpoint`: of
+    somebody else's service, which then stands in the place of the lab's own."""
 
     def __init__(self, scenario="minimal", mode=None, build=None, speed=1.0, config=(),
-                 environment=None):
+                 environment=None, endpoint=None):
         self.scenario = scenarios.load(scenario) if isinstance(scenario, (str, os.PathLike)) \
             else scenarios.complete(scenario)
         self.mode = mode or self.scenario["mode"]
-        self.build, self.speed = build or find_build(), speed
+        self.build, self.speed, self.endpoint = build or find_build(), speed, endpoint
         self.extra_config, self.extra_environment = list(config), dict(environment or {})
         self.journal = Journal()
         self.checker = Checker(self.journal)  # of all that is said around this lumd
@@ -69,14 +71,21 @@ class Lab:
                               self.folder / "platform", self.clock, order, self.journal,
                               self.checker)
         await self.ap.start()
-        self.service = Service(journal=self.journal, checker=self.checker)
-        self.service.subscribe_answers = [{"status": "success", "code": 200,
-                                           **self.scenario["service"]}]
+        self.service = self._make_service()
         await self.service.start(self.folder / "service.sock")
         self.write_config()
         self.lumd = Process("lumd", self.folder / "lumd.out")
         if start_lumd:
             await self.start_lumd()
+
+    def _make_service(self):
+        if self.endpoint is not None:
+            return ForeignService(self.endpoint, self.mode, self.clock.now, self.journal,
+                                  self.checker)
+        service = Service(journal=self.journal, checker=self.checker)
+        service.subscribe_answers = [{"status": "success", "code": 200,
+                                      **self.scenario["service"]}]
+        return service
 
     async def _start_broker(self):
         await self.broker.start([*self.build.emulator, self.build.bin / "msgbusd",
@@ -100,7 +109,7 @@ class Lab:
         return True
 
     def write_config(self):
-        lines = [f"{URL_KEYS[self.mode]}=ws://127.0.0.1:{self.service.port}/agent",
+        lines = [f"{URL_KEYS[self.mode]}=ws://127.0.0.1:{self.service.port}{self.service.path}",
                  "initial_connection_delay=1", "max_connection_delay=8",
                  f"ap_location={self.scenario['ap-location']}", f"log_level={EVERY_LOG_LEVEL}",
                  f"log_file={self.lumd_log}", f"mac-list-id={self.scenario['mac-list-id']}",

@@ -131,9 +131,7 @@ class Link:
 
     def reset(self):
         """The same, and the peer gets a TCP reset."""
-        peer = self._writer.get_extra_info("socket")
-        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
-        self.abort()
+        hang_up(self._writer)
 
     async def wait_closed(self):
         await self._closed.wait()
@@ -213,6 +211,13 @@ class Link:
             await self._writer.drain()
         except ConnectionError as lost:
             raise LinkClosed from lost
+
+
+def hang_up(writer):
+    """Ends a connection at once; the peer gets a TCP reset."""
+    peer = writer.get_extra_info("socket")
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+    writer.transport.abort()
 
 
 async def _each(pieces):
