@@ -38,11 +38,20 @@ buffer_info_ptr copy_of(const buffer_info_t& buffer) {
     return copy;
 }
 
+// Whether nobody else holds the message any more. The count alone is read without order: giving one
+// more share back puts what we write behind the last read of who gave back his.
+bool held_here_alone(const buffer_info_ptr& buffer) {
+    if (buffer.use_count() != 1)
+        return false;
+    buffer_info_ptr(buffer).reset();
+    return true;
+}
+
 // What is sent is masked where it lies: of a message that others still hold a copy is sent, which
 // `own` keeps alive. Null without memory.
 unsigned char* frame_of(const buffer_info_ptr& buffer, buffer_info_ptr& own) {
     try {
-        own = buffer.use_count() == 1 ? buffer : copy_of(*buffer);
+        own = held_here_alone(buffer) ? buffer : copy_of(*buffer);
         return reinterpret_cast<unsigned char*>(own->frame());
     } catch (const std::bad_alloc&) {
         return nullptr;
