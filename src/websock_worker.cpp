@@ -29,6 +29,11 @@ constexpr std::size_t smallest_delay_base = 2;  // seconds
 
 constexpr const char* timezone_command = "update-timezone";
 
+std::time_t now_s() {
+    timespec now{};
+    return time_monotonic(now);
+}
+
 // strcasestr(3) for a name with one hyphen, ten times faster because there are few of them.
 bool mentions_internal_service(const char* text) {
     static const std::ptrdiff_t before = std::strchr(internal_service, '-') - internal_service;
@@ -67,14 +72,17 @@ const service_entry& service_of(ws_instance_id instance) {
 }  // namespace
 
 void portal_lwsl_convert_log(int level, const char* line) {
+    link_cause::hear(line);
     trace.debug("portal->libwebsocket-debug> %d: %s", level, line);
 }
 
 void rrm_lwsl_convert_log(int level, const char* line) {
+    link_cause::hear(line);
     trace.debug("rrm->libwebsocket-debug> %d: %s", level, line);
 }
 
 void wids_lwsl_convert_log(int level, const char* line) {
+    link_cause::hear(line);
     trace.debug("wids->libwebsocket-debug> %d: %s", level, line);
 }
 
@@ -90,6 +98,8 @@ websock_worker::websock_worker(safe_queue& from_ipc_queue, safe_queue& to_ipc_qu
       type(static_cast<WsServiceType>(instance)),
       from_ipc(from_ipc_queue),
       to_ipc(to_ipc_queue),
+      cause(worker_name),
+      diary(worker_name, server_domain + ':' + std::to_string(server_port) + request_path),
       callback_ptr(__callback_lws_process),
       logger_callback(service_of(instance).log_converter),
       domain(server_domain),
@@ -131,6 +141,7 @@ bool websock_worker::execute() {
         result = service(service_period_ms);
         send_overdue_ping();
         tp.process_once();
+        diary.look(now_s());
     } while (result >= 0 && (traffic || send_due) && ++calls < max_service_calls && can_run &&
              condition(running));
     if (result >= 0)
@@ -151,6 +162,7 @@ void websock_worker::__disconnect() {
     const mutex_guard lock(ctx_mutex);
     trace.debug("%s->Stopping\n", worker_name);
     notify_disconnected();
+    tell_end();
     lws_conn_established = false;
     stop_keepalive();
     close_context();
@@ -171,6 +183,7 @@ bool websock_worker::_connect() {
             return worker_lws_callback(wsi, reason, user, in, len);
         });
     fill_creation_info();
+    cause.begin();
     lws_callback_process_active = true;
     follow_log_level();
     ws_context.reset(lws_create_context(&creation_info));
@@ -183,6 +196,8 @@ bool websock_worker::_connect() {
     trace.debug("%s-> %s: Try to establish connect with server %s:%d%s\n", worker_name, __func__,
                 domain.c_str(), port, path.c_str());
     if (lws_client_connect_via_info(&connect_info) == nullptr) {
+        cause.see_no_beginning();
+        tell_end();
         close_context();
         lws_callback_obj.clear();
         return false;
@@ -192,9 +207,10 @@ bool websock_worker::_connect() {
 }
 
 // Whatever the library says is a debug message here. It formats a dozen lines for each message that
-// passes: it is asked for none that nobody would see.
+// passes: of a link it is asked for none that nobody would see.
 void websock_worker::follow_log_level() const {
-    lws_set_log_level(trace.is_debug_enabled() ? every_lws_log_level : 0, logger_callback);
+    const int needed = lws_conn_established ? 0 : link_cause::needed_lines;
+    lws_set_log_level(trace.is_debug_enabled() ? every_lws_log_level : needed, logger_callback);
 }
 
 void websock_worker::fill_creation_info() {
@@ -232,6 +248,11 @@ void websock_worker::close_context() {
     link = nullptr;
     send_due = false;
     ask_again = false;
+}
+
+// Before the context goes: the connection that it takes along is no trouble.
+void websock_worker::tell_end() {
+    diary.down(cause.text(), now_s());
 }
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000

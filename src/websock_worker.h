@@ -16,6 +16,8 @@
 
 #include "LockdepMutex.h"
 #include "abstract_worker.h"
+#include "link_cause.h"
+#include "link_diary.h"
 #include "safe_queue.h"
 #include "thread_annotations.h"
 #include "timer_processor.h"
@@ -76,6 +78,7 @@ class websock_worker : public abstract_worker {
     void fill_creation_info();
     void fill_connect_info() LUMD_REQUIRES(ctx_mutex);
     void close_context() LUMD_REQUIRES(ctx_mutex);
+    void tell_end();
     // For the worker's own thread, which alone makes and destroys the context.
     [[nodiscard]] lws_context* own_context() const LUMD_NO_THREAD_SAFETY_ANALYSIS {
         return ws_context.get();
@@ -140,6 +143,8 @@ class websock_worker : public abstract_worker {
     safe_queue& to_ipc;
     lws_context_creation_info creation_info{};  // rebuilt on every connect, like the next two
     lws_client_connect_info connect_info{};
+    link_cause cause;  // to outlive the context, whose end the library reports
+    link_diary diary;
     std::unique_ptr<lws_context, context_deleter> ws_context
         LUMD_GUARDED_BY(ctx_mutex);  // null while not connected
     lws_callback_function* const callback_ptr;

@@ -62,6 +62,7 @@ unsigned char* frame_of(const buffer_info_ptr& buffer, buffer_info_ptr& own) {
 
 int websock_worker::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* /*user*/,
                                         void* in, std::size_t len) {
+    cause.see(wsi, reason, in, len);
     drop_silent_link();
     switch (reason) {
         case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
@@ -106,11 +107,13 @@ int websock_worker::process_client_established(lws* wsi) {
     log_handler(__func__, __LINE__);
     link = wsi;
     lws_conn_established = true;
+    follow_log_level();
     from_ipc.set_user_notifier(ipc_notifier_binded);
     trace.debug("Connection established - reset connection delay\n");
     connection_delay = initial_connection_delay;
     notify_connected();
     start_keepalive();
+    diary.up(thread_monotime.tv_sec);
     ask_writeable(wsi);
     return 0;
 }

@@ -33,6 +33,7 @@ void websock_worker::rearm_ping_timer() {
 
 void websock_worker::ping_timeout() {
     trace.debug("%s", __func__);
+    cause.note("no ping can be sent any more");
     can_run = false;
 }
 
@@ -73,6 +74,7 @@ void websock_worker::drop_silent_link() {
         return;
     trace.debug("%s->There are no %d pong answer in a row from server\n", worker_name,
                 ping_noanswer);
+    cause.note("no pong came for " + std::to_string(ping_noanswer) + " pings");
     ping_noanswer = 0;
     lws_callback_process_active = false;
 }

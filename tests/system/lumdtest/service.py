@@ -1,8 +1,13 @@
 """Websocket services for the agent to connect to."""
 import asyncio
+import base64
+import contextlib
+import hashlib
 import json
 import queue
+import re
 import socket
+import struct
 import threading
 
 from labservice.server import BORDERS
@@ -167,6 +172,82 @@ class MuteServer:
         self._thread.join(PATIENCE)
         for connection in self._connections:
             connection.close()
+
+
+def refusing(status):
+    """An answer without the upgrade."""
+    return f"HTTP/1.1 {status} No\r\nContent-Length: 0\r\n\r\n".encode()
+
+
+def upgrading(subprotocol=None, key=None, then=b""):
+    """An answer with it (RFC 6455, 4.2.2), and what follows; `subprotocol` and `key` instead of
+    the right ones."""
+    def answer(request):
+        def header(name):
+            return re.search(rf"(?i){name}: (.*)\r\n", request)[1]
+        accept = base64.b64encode(hashlib.sha1(
+            (header("Sec-WebSocket-Key") + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11").encode()
+        ).digest()).decode()
+        return ("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
+                f"Connection: Upgrade\r\nSec-WebSocket-Accept: {key or accept}\r\n"
+                f"Sec-WebSocket-Protocol: {subprotocol or header('Sec-WebSocket-Protocol')}"
+                "\r\n\r\n").encode() + then
+    return answer
+
+
+def closing(code=None, reason=b""):
+    """A Close frame (RFC 6455, 5.5.1)."""
+    data = b"" if code is None else struct.pack(">H", code) + reason
+    return bytes([0x88, len(data)]) + data
+
+
+class ScriptedServer:
+    """Gives the request of each connection the next of these answers, the last one for ever, and
+    ends it. An answer: bytes, or what makes them of the request; None: silence."""
+
+    def __init__(self, answers):
+        self._answers = list(answers)
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self._listener.getsockname()[1]
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self):
+        with contextlib.suppress(OSError):  # the end
+            while True:
+                peer, _ = self._listener.accept()
+                with peer, contextlib.suppress(ConnectionError):
+                    self._talk(peer)
+
+    def _talk(self, peer):
+        request = b""
+        while b"\r\n\r\n" not in request and (piece := peer.recv(4096)):
+            request += piece
+        answer = self._answers.pop(0) if len(self._answers) > 1 else self._answers[0]
+        if callable(answer):
+            answer = answer(request.decode())
+        if answer is not None:
+            peer.sendall(answer)
+            peer.shutdown(socket.SHUT_WR)
+        while peer.recv(4096):  # unread, it would make a reset of the end
+            pass
+
+    def stop(self):
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+        self._thread.join(PATIENCE)
+
+
+@contextlib.contextmanager
+def full_port():
+    """A port whose host does not answer: nobody takes the connections that wait there."""
+    with socket.socket() as listener, contextlib.ExitStack() as waiting:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(0)
+        for peer in [waiting.enter_context(socket.socket()) for _ in range(3)]:
+            peer.setblocking(False)
+            peer.connect_ex(listener.getsockname())
+        yield listener.getsockname()[1]
 
 
 def unused_port():

@@ -95,6 +95,8 @@ TEST_F(WebsockPing, SixtySecondsWithoutOneSentEndTheConnection) {
     EXPECT_FALSE(peer.can_run());
     EXPECT_TRUE(log.contains("debug: ping_timeout"));
     EXPECT_EQ(service.pings, 0);
+    peer.disconnect();
+    EXPECT_TRUE(log.contains("/agent: no ping can be sent any more"));
 }
 
 TEST_F(WebsockPing, TheSixtySecondsBeginWithEachPing) {

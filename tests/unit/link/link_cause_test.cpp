@@ -1,0 +1,124 @@
+#include "link_cause.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+namespace {
+
+class LinkCause : public testing::Test {
+  protected:
+    LinkCause() { cause.begin(); }
+
+    void see(lws_callback_reasons reason, const std::string& in = "") {
+        cause.see(nullptr, reason, in.data(), in.size());
+    }
+    void see_error(const std::string& reported) {
+        see(LWS_CALLBACK_CLIENT_CONNECTION_ERROR, reported);
+    }
+
+    link_cause cause{"sub"};
+};
+
+struct reported_cause {
+    const char* reported;
+    const char* text;
+};
+
+class ReportedCause : public LinkCause, public testing::WithParamInterface<reported_cause> {};
+
+TEST_P(ReportedCause, IsTold) {
+    see_error(GetParam().reported);
+    EXPECT_EQ(cause.text(), GetParam().text);
+}
+
+// As libwebsockets 4.1 and 4.3 say it.
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ReportedCause,
+    testing::Values(reported_cause{"conn fail: 111", "the connection is refused"},
+                    reported_cause{"conn fail: 101", "no route to the host"},
+                    reported_cause{"conn fail: 113", "no route to the host"},
+                    reported_cause{"conn fail: 110", "time-out: the host does not answer"},
+                    reported_cause{"conn fail: 13", "Permission denied"},
+                    reported_cause{"Unable to connect", "time-out: the host does not answer"},
+                    reported_cause{"Timed out waiting server reply", "time-out in the handshake"},
+                    reported_cause{"DNS NXDOMAIN", "the name does not resolve"},
+                    reported_cause{"Closed before conn", "the name does not resolve"},
+                    reported_cause{"read failed", "the connection broke off in the handshake"},
+                    reported_cause{"HS: PROTOCOL malformed",
+                                   "the service does not take the subprotocol sub"},
+                    reported_cause{"HS: \x1b new\n", "no websocket handshake: HS: ? new?"},
+                    reported_cause{"", "no websocket handshake: "}));
+
+TEST_F(LinkCause, MayStandInALogLineAlone) {
+    link_cause::hear("lws_client_connect_3_connect: getsockopt fd 5 says err 111\n");
+    link_cause::hear("lws_client_connect_3_connect: getsockopt check: conn fail: errno 115\n");
+    see_error("Unable to connect");
+    EXPECT_EQ(cause.text(), "the connection is refused");
+}
+
+TEST_F(LinkCause, OfOneAttemptIsForgottenInTheNext) {
+    link_cause::hear("getsockopt fd 5 says err 111\n");
+    see_error("Unable to connect");
+    cause.begin();
+    EXPECT_EQ(cause.text(), "");
+    see_error("Unable to connect");
+    EXPECT_EQ(cause.text(), "time-out: the host does not answer");
+}
+
+TEST_F(LinkCause, IsAnUnknownNameWhenTheLibraryHadNoConnection) {
+    errno = ENETUNREACH;  // of a name server
+    cause.see_no_beginning();
+    EXPECT_EQ(cause.text(), "the name does not resolve");
+}
+
+TEST_F(LinkCause, IsTheErrorOfAConnectionThatWasGivenUpAtOnce) {
+    errno = ENETUNREACH;
+    see(LWS_CALLBACK_WSI_DESTROY);
+    errno = 0;
+    cause.see_no_beginning();
+    EXPECT_EQ(cause.text(), "no route to the host");
+    cause.begin();
+    cause.see_no_beginning();
+    EXPECT_EQ(cause.text(), "the name does not resolve") << "of the next attempt";
+}
+
+TEST_F(LinkCause, IsATimeOutWhenTheHandshakeEndsWithoutAWord) {
+    see(LWS_CALLBACK_CLOSED_CLIENT_HTTP);
+    EXPECT_EQ(cause.text(), "time-out in the handshake");
+}
+
+TEST_F(LinkCause, OfACloseFrameIsItsCodeAndReason) {
+    see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, "\x03\xe9going\taway\x7f");
+    see(LWS_CALLBACK_CLIENT_CLOSED);
+    EXPECT_EQ(cause.text(), "closed by the service, code 1001 'going?away?'");
+}
+
+TEST_F(LinkCause, OfACloseFrameMayBeACodeAlone) {
+    see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, "\x03\xf0");
+    EXPECT_EQ(cause.text(), "closed by the service, code 1008");
+}
+
+TEST_F(LinkCause, OfACloseFrameMayBeNone) {
+    see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE);
+    EXPECT_EQ(cause.text(), "closed by the service without a code");
+    cause.begin();
+    cause.see(nullptr, LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, nullptr, 2);
+    EXPECT_EQ(cause.text(), "closed by the service without a code");
+}
+
+TEST_F(LinkCause, IsABrokenConnectionWithoutACloseFrame) {
+    see(LWS_CALLBACK_CLIENT_ESTABLISHED);
+    EXPECT_EQ(cause.text(), "");
+    see(LWS_CALLBACK_CLIENT_CLOSED);
+    EXPECT_EQ(cause.text(), "the connection broke off");
+}
+
+TEST_F(LinkCause, IsWhatTheLinkHadEnoughOf) {
+    cause.note("no pong came");
+    see(LWS_CALLBACK_CLIENT_CLOSED);
+    EXPECT_EQ(cause.text(), "no pong came");
+}
+
+}  // namespace
