@@ -48,13 +48,8 @@ std::string errno_text(int error) {
     }
 }
 
-// From outside, for a log line: without control characters.
-std::string printable(const void* in, std::size_t len) {
-    std::string text = in != nullptr ? std::string(static_cast<const char*>(in), len) : "";
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            c = '?';
-    return text;
+std::string reported_text(const void* in, std::size_t len) {
+    return in != nullptr ? printable({static_cast<const char*>(in), len}) : "";
 }
 
 // Of a Close frame: two bytes of code and a reason, or nothing (RFC 6455, 5.5.1).
@@ -64,7 +59,7 @@ std::string close_text(const void* in, std::size_t len) {
         return "closed by the service without a code";
     std::string text = "closed by the service, code " + std::to_string(bytes[0] << 8 | bytes[1]);
     if (len > 2)
-        text += " '" + printable(bytes + 2, len - 2) + "'";
+        text += " '" + reported_text(bytes + 2, len - 2) + "'";
     return text;
 }
 
@@ -80,7 +75,7 @@ void link_cause::begin() {
 void link_cause::see(lws* wsi, lws_callback_reasons reason, const void* in, std::size_t len) {
     switch (reason) {
         case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
-            return note(connection_error(wsi, printable(in, len)));
+            return note(connection_error(wsi, reported_text(in, len)));
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
             return note(close_text(in, len));
         case LWS_CALLBACK_CLOSED_CLIENT_HTTP:  // how 4.1 gives up a server that does not answer

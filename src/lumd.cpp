@@ -3,8 +3,10 @@
 #include <syslog.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <system_error>
 #include <thread>
 
@@ -121,6 +123,19 @@ void set_run_flags(const websock_cfg_t& cfg) {
     wids_sock_run = cfg.instance[WS_INSTANCE_WIDS].run;
 }
 
+// Standard error hears of it always. The log stays empty when no service is configured, and the
+// file's own level decides what else it hears.
+void tell_config_faults(const websock_cfg_t& cfg) {
+    const bool runs = ipc_run || rrm_run || wids_run;
+    for (const config_fault& fault : cfg.faults) {
+        const std::string place =
+            fault.line > 0 ? cfg.file + ':' + std::to_string(fault.line) : cfg.file;
+        std::fprintf(stderr, "lumd: %s: %s\n", place.c_str(), fault.text.c_str());
+        if (runs)
+            trace.warn("%s: %s\n", place.c_str(), fault.text.c_str());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -133,6 +148,7 @@ int main(int argc, char** argv) {
     set_run_flags(cfg);
     std::signal(SIGTERM, lumd_handle_signal);
     std::signal(SIGINT, lumd_handle_signal);
+    tell_config_faults(cfg);
 
     for (const service_mode& mode : modes) {
         if (!mode.enabled)

@@ -3,9 +3,12 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "logsink.h"
 #include "lum_trace.h"
@@ -15,6 +18,7 @@
 namespace {
 
 constexpr int everything = 65535;  // log level until the file says otherwise
+constexpr int highest_port = 65535;
 constexpr const char* default_ap_location = "default-rrm-domain";
 
 // Copies as much of `from` as fits behind the first `at` characters of `to`.
@@ -107,18 +111,20 @@ const config_key* find_key(const char* line) {
     return nullptr;  // comments, blank lines, unknown keys
 }
 
-bool apply_line(websock_cfg_t& cfg, char* line) {
-    const config_key* const key = find_key(line);
-    return key == nullptr || key->apply(cfg, line, static_cast<int>(std::strlen(key->prefix)));
-}
-
 }  // namespace
 
 websock_cfg_t::websock_cfg_t(int argc, const char** argv) {
     trace.set_log_level(everything);
     const char* const path = parse_options(argc, argv);
-    if (path != nullptr && !parse_file(path))
+    if (path == nullptr)
+        return;
+    file = path;
+    if (!parse_file(path))
         error = 1;
+    const bool unread = !faults.empty() && faults.front().what == config_fault::kind::unreadable;
+    if (!unread && std::none_of(instance.begin(), instance.end(),
+                                [](const config_instance_t& service) { return service.run; }))
+        add_fault(config_fault::kind::no_mode, 0, "no mode is enabled");
 }
 
 const char* websock_cfg_t::parse_options(int argc, const char** argv) {
@@ -156,15 +162,68 @@ bool websock_cfg_t::parse_file(const char* path) {
     global_log_level = 0;
     logsink_set_file(nullptr);
 
-    const file_ptr file(std::fopen(path, "re"));
-    if (!file)
+    const file_ptr opened(std::fopen(path, "re"));
+    if (!opened) {
+        add_fault(config_fault::kind::unreadable, 0, std::strerror(errno));
         return false;
-    char line[config_line_size];
-    while (std::fgets(line, config_line_size, file.get()) != nullptr) {
-        if (!apply_line(*this, line))
-            return false;
     }
+    char line[config_line_size];
+    bool begins_line = true;
+    while (std::fgets(line, config_line_size, opened.get()) != nullptr) {
+        line_ += begins_line ? 1 : 0;
+        const bool ends_line = std::strchr(line, '\n') != nullptr;
+        if (!apply_line(line, begins_line))
+            return false;
+        begins_line = ends_line;
+    }
+    if (std::ferror(opened.get()) != 0)
+        add_fault(config_fault::kind::unreadable, 0, std::strerror(errno));
     return true;  // at the end of the file, be it a failing read
+}
+
+bool websock_cfg_t::apply_line(char* line, bool begins_line) {
+    const config_key* const key = find_key(line);
+    if (key != nullptr)
+        return key->apply(*this, line, static_cast<int>(std::strlen(key->prefix)));
+    if (begins_line)
+        look_at_unknown(trimmed(line));
+    return true;
+}
+
+void websock_cfg_t::look_at_unknown(const std::string& text) {
+    if (text.empty() || text[0] == '#')
+        return;
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos)
+        return add_fault(config_fault::kind::no_equals, line_, "has no '=': ignored");
+    const std::string key = trimmed(text.substr(0, equals));
+    if (config_key_length((key + '=').c_str()) == key.size() + 1)
+        return add_fault(config_fault::kind::blanks, line_,
+                         "blanks around " + quoted(key) + ": ignored");
+    add_fault(config_fault::kind::unknown_key, line_, "unknown key " + quoted(key) + ": ignored");
+}
+
+void websock_cfg_t::look_at_scheme(const char* scheme) {
+    const std::string what = trimmed(scheme) == "ws"
+                                 ? "blank before the URL"
+                                 : "scheme " + quoted(scheme) + " is not usable";
+    add_fault(config_fault::kind::scheme, line_, what + ": lumd reads the file no further");
+}
+
+void websock_cfg_t::look_at_endpoint(const char* host, const char* port) {
+    if (*host == '\0')
+        add_fault(config_fault::kind::host, line_, "the URL has no host");
+    if (const int number = to_int(port); number < 1 || number > highest_port)
+        add_fault(config_fault::kind::port, line_,
+                  "port " + quoted(port) + " is not from 1 to " + std::to_string(highest_port));
+}
+
+// What decides over the whole is told however much is wrong with single lines.
+void websock_cfg_t::add_fault(config_fault::kind what, int line, std::string text) {
+    if (faults.size() < most_faults || line == 0 || what == config_fault::kind::scheme)
+        faults.push_back({what, line, std::move(text)});
+    else if (faults.size() == most_faults)
+        faults.push_back({config_fault::kind::more, line, "more is wrong from here on"});
 }
 
 bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int prefix_len) {
@@ -176,6 +235,7 @@ bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int pref
 
     if (after_scheme != nullptr && std::strcmp(url, "ws") != 0) {
         trace.debug("Proto %s is invalid\n", url);
+        look_at_scheme(url);
         return false;
     }
     config_instance_t& service = instance[id];
@@ -185,6 +245,7 @@ bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int pref
         copy_text(service.path, path, 1);
         service.port = to_int(port);
         service.run = true;
+        look_at_endpoint(host, port);
     }
     fixup_config_string(service.domain);
     fixup_config_string(service.path);

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 enum ws_instance_id {
     WS_INSTANCE_PORTAL = 0,
@@ -32,6 +33,25 @@ struct config_instance_t {
     std::size_t max_connection_delay;      // seconds
 };
 
+// What is wrong with the file, in words. Nothing is told of a URL that lacks its port or path.
+struct config_fault {
+    enum class kind {
+        unreadable,
+        no_equals,
+        blanks,
+        unknown_key,
+        scheme,
+        host,
+        port,
+        more,
+        no_mode
+    };
+
+    kind what;
+    int line;  // 0: the whole file
+    std::string text;
+};
+
 // Built once by main before any worker exists; read-only afterwards.
 class websock_cfg_t {
   public:
@@ -47,12 +67,23 @@ class websock_cfg_t {
     bool setup_service_config(ws_instance_id id, char* line, int prefix_len);
 
     std::array<config_instance_t, WS_INSTANCE_MAX> instance{};
-    int log_level = 0;             // from the file
-    int reconnect_retries = 3;     // nothing reads it
-    int error = 0;                 // 1: the file could not be read or held a rejected URL
-    std::string wids_mac_list_id;  // from the file
+    int log_level = 0;                 // from the file
+    int reconnect_retries = 3;         // nothing reads it
+    int error = 0;                     // 1: the file could not be read or held a rejected URL
+    std::string wids_mac_list_id;      // from the file
+    std::string file;                  // that -f named
+    std::vector<config_fault> faults;  // in it, in their order; of single lines so many:
+
+    static constexpr std::size_t most_faults = 20;
 
   private:
+    [[nodiscard]] bool apply_line(char* line, bool begins_line);
+    void add_fault(config_fault::kind what, int line, std::string text);
+    void look_at_unknown(const std::string& text);
+    void look_at_scheme(const char* scheme);
+    void look_at_endpoint(const char* host, const char* port);
+
+    int line_ = 0;  // that is being read
     // Returns the configuration file's path, null without -f.
     const char* parse_options(int argc, const char** argv);
 };

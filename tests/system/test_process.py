@@ -86,13 +86,21 @@ def expect_silent_end(result):
     assert (result.returncode, result.stdout, result.stderr) == (0, b"", b"")
 
 
+def expect_end_with(result, *lines):
+    """A normal end, which tells on standard error what is wrong with the file."""
+    assert (result.returncode, result.stdout) == (0, b"")
+    assert result.stderr.decode().splitlines() == [f"lumd: {line}" for line in lines]
+
+
 def test_without_any_option_it_ends_silently_with_status_0(run):
     expect_silent_end(run())
 
 
-def test_without_a_service_url_it_ends_silently_with_status_0(run, config, folder):
+def test_without_a_service_url_it_ends_with_status_0_and_logs_nothing(run, config, folder):
     log = folder / "lumd.log"
-    expect_silent_end(run("-f", config("# no service", "log_level=15", f"log_file={log}")))
+    path = config("# no service", "log_level=15", f"log_file={log}", "loglevel=3")
+    expect_end_with(run("-f", path), f"{path}:4: unknown key 'loglevel': ignored",
+                    f"{path}: no mode is enabled")
     assert not log.exists()
 
 
@@ -100,16 +108,18 @@ def test_options_alone_enable_no_service(run):
     expect_silent_end(run("-d", "127.0.0.1", "-p", "/agent", "-P", "80"))
 
 
-def test_a_url_without_a_port_enables_no_service(run, config):
-    expect_silent_end(run("-f", config("orvanta_service_url=ws://127.0.0.1/agent")))
+def test_a_url_without_a_port_enables_no_service_and_is_not_complained_of(run, config):
+    path = config("orvanta_service_url=ws://127.0.0.1/agent")
+    expect_end_with(run("-f", path), f"{path}: no mode is enabled")
 
 
 def test_a_missing_configuration_file_is_a_normal_end(run, folder):
-    expect_silent_end(run("-f", folder / "nonexistent"))
+    path = folder / "nonexistent"
+    expect_end_with(run("-f", path), f"{path}: No such file or directory")
 
 
 def test_a_directory_as_configuration_file_is_a_normal_end(run, folder):
-    expect_silent_end(run("-f", folder))
+    expect_end_with(run("-f", folder), f"{folder}: Is a directory")
 
 
 def test_help_alone_tells_the_usage_in_80_columns(run):
@@ -253,6 +263,19 @@ def test_services_before_a_rejected_url_still_run(programs, folder, config, serv
         finally:
             lumd.send_signal(signal.SIGTERM)
     assert lumd.returncode == 0
+
+
+def test_what_is_wrong_with_the_file_is_told_once_on_standard_error_and_in_the_log(make_agent):
+    lines = ["loglevel=3", "log_level 3", "mac-list-service-url=wss://host:1/x"]
+    agent = make_agent(1, log_level=None, settings=["log_level=2", *lines])
+    agent.wait_log("No link to")  # behind what was read at the start
+    agent.stop()
+    first = agent.config.read_text().splitlines().index(lines[0]) + 1
+    told = [f"{agent.config}:{first}: unknown key 'loglevel': ignored",
+            f"{agent.config}:{first + 1}: has no '=': ignored",
+            f"{agent.config}:{first + 2}: scheme 'wss' is not usable: lumd reads the file no further"]
+    assert [f"lumd: {line}" for line in told] == agent.output_path.read_text().splitlines()
+    assert re.findall(r"warning: (\S+lumd.conf.*)", agent.log()) == told
 
 
 # The delays before a connection

@@ -52,9 +52,9 @@ std::optional<websock_cfg_t> check_config(report& found, const std::string& path
         return std::nullopt;
     }
     config_examiner examiner(path);
-    for (finding& one : examiner.examine(read_file(path, whole_config).value_or("")))
-        found.add(std::move(one));
     websock_cfg_t config = read_agent_config(path);
+    for (finding& one : examiner.examine(read_file(path, whole_config).value_or(""), config))
+        found.add(std::move(one));
     for (finding& one : examiner.examine_whole(config))
         found.add(std::move(one));
     check_log_file(found, global_log_file);

@@ -13,6 +13,7 @@
 #include "files.h"
 #include "logsink.h"
 #include "lum_trace.h"
+#include "text.h"
 
 namespace {
 
@@ -22,6 +23,24 @@ constexpr std::size_t longest_delay = 86400;                      // seconds
 constexpr int highest_port = 65535;
 
 constexpr const char* url_form = "write ws://HOST:PORT/PATH";
+
+struct fault_kind {
+    severity how;
+    const char* advice;
+};
+
+// Indexed by config_fault::kind.
+constexpr fault_kind fault_kinds[] = {
+    {severity::broken, "correct the file's rights"},
+    {severity::warning, "write KEY=VALUE, or '#' before it"},
+    {severity::warning, "write KEY=VALUE without blanks, at the beginning of the line"},
+    {severity::warning, "see lumd.conf(5) for the keys"},
+    {severity::broken, url_form},
+    {severity::broken, url_form},
+    {severity::broken, url_form},
+    {severity::warning, "correct what stands above, and look again"},
+    {severity::broken, url_form},
+};
 
 struct service_key {
     const char* key;
@@ -42,18 +61,6 @@ std::optional<ws_instance_id> service_of(const std::string& key) {
     return std::nullopt;
 }
 
-std::string trimmed(const std::string& text) {
-    constexpr const char* blanks = " \t\r\n";
-    const std::size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
-
-std::string quoted(const std::string& text) {
-    return "'" + text + "'";
-}
-
 bool is_number(const std::string& text, const char* digits = "0123456789") {
     return !text.empty() && text.find_first_not_of(digits) == std::string::npos;
 }
@@ -61,12 +68,6 @@ bool is_number(const std::string& text, const char* digits = "0123456789") {
 bool is_hexadecimal(const std::string& text) {
     return strncasecmp(text.c_str(), "0x", 2) == 0 &&
            is_number(text.substr(2), "0123456789abcdefABCDEF");
-}
-
-// What stands before the "=", in the way the agent would know it.
-bool is_known_key(const std::string& key) {
-    const std::string line = key + "=";
-    return config_key_length(line.c_str()) == line.size();
 }
 
 std::string lower_case(std::string text) {
@@ -132,16 +133,29 @@ std::optional<finding> unusable_config(const std::string& path) {
     return std::nullopt;
 }
 
-std::vector<finding> config_examiner::examine(const std::string& text) {
+std::vector<finding> config_examiner::examine(const std::string& text,
+                                              const websock_cfg_t& config) {
     std::size_t begin = 0;
     while (begin < text.size() && !stopped_) {
         const std::size_t end = std::min(text.find('\n', begin), text.size());
         ++line_;
+        add_faults(config);
         examine_line(text.substr(begin, end - begin));
         begin = end + 1;
     }
     line_ = 0;
     return std::exchange(findings_, {});
+}
+
+// Of this line.
+void config_examiner::add_faults(const websock_cfg_t& config) {
+    for (const config_fault& fault : config.faults) {
+        if (fault.line != line_)
+            continue;
+        const fault_kind& kind = fault_kinds[static_cast<std::size_t>(fault.what)];
+        add(kind.how, fault.text, kind.advice);
+        stopped_ = fault.what == config_fault::kind::scheme;
+    }
 }
 
 // The agent's buffer holds the line end too, and a zero.
@@ -157,8 +171,6 @@ void config_examiner::examine_line(const std::string& text) {
 
 void config_examiner::examine_piece(const std::string& text, bool begins_line) {
     const std::size_t length = config_key_length(text.c_str());
-    if (length == 0 && begins_line)
-        examine_unknown(text);
     if (length == 0)
         return;
     if (!begins_line)
@@ -168,21 +180,6 @@ void config_examiner::examine_piece(const std::string& text, bool begins_line) {
     std::string value = text.substr(length);
     value.resize(std::min(value.find('\r'), value.size()));
     examine_value(lower_case(text.substr(0, length - 1)), value);
-}
-
-void config_examiner::examine_unknown(const std::string& text) {
-    const std::string plain = trimmed(text);
-    if (plain.empty() || plain[0] == '#')
-        return;
-    const std::size_t equals = plain.find('=');
-    if (equals == std::string::npos)
-        return add(severity::warning, "has no '=': ignored", "write KEY=VALUE, or '#' before it");
-    const std::string key = trimmed(plain.substr(0, equals));
-    if (is_known_key(key))
-        return add(severity::warning, "blanks around " + quoted(key) + ": ignored",
-                   "write " + key + "=VALUE without blanks, at the beginning of the line");
-    add(severity::warning, "unknown key " + quoted(key) + ": ignored",
-        "see lumd.conf(5) for the keys");
 }
 
 void config_examiner::examine_value(const std::string& key, const std::string& value) {
@@ -205,20 +202,7 @@ void config_examiner::examine_url(ws_instance_id id, const std::string& value) {
     const std::size_t scheme_end = value.find("://");
     if (scheme_end == std::string::npos)
         return examine_endpoint(id, value, value);
-    const std::string scheme = value.substr(0, scheme_end);
-    if (scheme != "ws")
-        return examine_scheme(scheme, value);
     examine_endpoint(id, value.substr(scheme_end + std::strlen("://")), value);
-}
-
-void config_examiner::examine_scheme(const std::string& scheme, const std::string& value) {
-    stopped_ = true;
-    if (trimmed(scheme) == "ws")
-        return add(severity::broken,
-                   "blank before " + quoted(trimmed(value)) + ": lumd reads the file no further",
-                   "remove the blank");
-    add(severity::broken,
-        "scheme " + quoted(scheme) + " is not usable: lumd reads the file no further", url_form);
 }
 
 // `rest`: what stands behind the scheme.
@@ -230,9 +214,7 @@ void config_examiner::examine_endpoint(ws_instance_id id, const std::string& res
     const std::string host = service.domain;
     const std::size_t port_at = rest.find(':') + 1;
     url_lines_[id] = line_;
-    if (host.empty())
-        add(severity::broken, "the URL has no host", url_form);
-    else if (host.find_first_of(" \t/[]@") != std::string::npos)
+    if (host.find_first_of(" \t/[]@") != std::string::npos)
         add(severity::broken, quoted(host) + " is no host name", url_form);
     examine_port(rest.substr(port_at, rest.find('/', port_at) - port_at), service.port);
     if (std::strpbrk(service.path, " \t") != nullptr)
@@ -247,11 +229,7 @@ void config_examiner::examine_incomplete_url(const std::string& rest) {
 }
 
 void config_examiner::examine_port(const std::string& text, int port) {
-    if (port < 1 || port > highest_port)
-        return add(severity::broken,
-                   "port " + quoted(text) + " is not from 1 to " + std::to_string(highest_port),
-                   url_form);
-    if (!is_number(text))
+    if (port > 0 && port <= highest_port && !is_number(text))
         add(severity::warning, "port " + quoted(text) + " is read as " + std::to_string(port),
             "write the number alone");
 }

@@ -30,8 +30,10 @@ class config_examiner {
   public:
     explicit config_examiner(std::string path) : path_(std::move(path)) {}
 
-    // What is wrong with single lines, in their order. Once.
-    [[nodiscard]] std::vector<finding> examine(const std::string& text);
+    // What is wrong with single lines, in their order; `config` is what the agent made of them.
+    // Once.
+    [[nodiscard]] std::vector<finding> examine(const std::string& text,
+                                               const websock_cfg_t& config);
 
     // What is wrong with the whole: no mode or several, delays. After examine().
     [[nodiscard]] std::vector<finding> examine_whole(const websock_cfg_t& config);
@@ -40,12 +42,11 @@ class config_examiner {
     [[nodiscard]] int url_line(ws_instance_id id) const { return url_lines_[id]; }
 
   private:
+    void add_faults(const websock_cfg_t& config);
     void examine_line(const std::string& text);
     void examine_piece(const std::string& text, bool begins_line);
-    void examine_unknown(const std::string& text);
     void examine_value(const std::string& key, const std::string& value);
     void examine_url(ws_instance_id id, const std::string& value);
-    void examine_scheme(const std::string& scheme, const std::string& value);
     void examine_endpoint(ws_instance_id id, const std::string& rest, const std::string& value);
     void examine_incomplete_url(const std::string& rest);
     void examine_port(const std::string& text, int port);

@@ -47,8 +47,9 @@ class ConfigFindings : public testing::Test {
     [[nodiscard]] std::vector<finding> findings_about(const std::string& text) const {
         folder.write("lumd.conf", text);
         config_examiner examiner(path);
-        std::vector<finding> found = examiner.examine(text);
-        for (const finding& one : examiner.examine_whole(read_agent_config(path)))
+        const websock_cfg_t config = read_agent_config(path);
+        std::vector<finding> found = examiner.examine(text, config);
+        for (const finding& one : examiner.examine_whole(config))
             found.push_back(one);
         return found;
     }

@@ -10,12 +10,15 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.h"
 #include "temporary_folder.h"
 
+using testing::ElementsAre;
 using testing::ExitedWithCode;
+using testing::IsEmpty;
 
 namespace {
 
@@ -51,6 +54,17 @@ class WebsockCfg : public testing::Test {
 };
 
 using WebsockCfgDeathTest = WebsockCfg;
+
+// What is wrong with a file of these lines and a service, as "line: text".
+class WebsockCfgFaults : public WebsockCfg {
+  protected:
+    std::vector<std::string> faults_of(const std::string& text) const {
+        std::vector<std::string> told;
+        for (const config_fault& fault : from_file(text).faults)
+            told.push_back(std::to_string(fault.line) + ": " + fault.text);
+        return told;
+    }
+};
 
 TEST_F(WebsockCfg, WithoutOptionsNothingIsConfigured) {
     const websock_cfg_t cfg = from_options({});
@@ -463,6 +477,69 @@ TEST(ConfigKeyLength, IsZeroForWhatIsIgnored) {
     EXPECT_EQ(config_key_length(""), 0u);
     EXPECT_EQ(config_key_length("# log_level=3"), 0u);
     EXPECT_EQ(config_key_length("log_level 3"), 0u);
+}
+
+TEST_F(WebsockCfgFaults, NothingIsWrongWithKeysCommentsAndBlankLines) {
+    EXPECT_THAT(faults_of(std::string("# a=b\n\n  # more\n \t\r\nLOG_LEVEL=3\n") + rrm_url),
+                IsEmpty());
+    EXPECT_THAT(from_options({"-d", "host"}).faults, IsEmpty()) << "no file was named";
+}
+
+TEST_F(WebsockCfgFaults, AreLinesThatAreNoKeyWithAValue) {
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "log_level 3\nlog\x1blevel=3\n\n log_level =3\n"),
+                ElementsAre("2: has no '=': ignored", "3: unknown key 'log?level': ignored",
+                            "5: blanks around 'log_level': ignored"));
+}
+
+TEST_F(WebsockCfgFaults, OfALineThatIsReadInPiecesAreOnce) {
+    EXPECT_THAT(faults_of(std::string(300, 'x') + "\nunknown=1\n" + rrm_url),
+                ElementsAre("1: has no '=': ignored", "2: unknown key 'unknown': ignored"));
+}
+
+TEST_F(WebsockCfgFaults, AreSchemesThatEndTheReading) {
+    EXPECT_THAT(faults_of("orvanta_service_url=wss://host:1/x\nunknown=1\n"),
+                ElementsAre("1: scheme 'wss' is not usable: lumd reads the file no further",
+                            "0: no mode is enabled"));
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url= ws://host:1/x\n"),
+                ElementsAre("2: blank before the URL: lumd reads the file no further"));
+}
+
+TEST_F(WebsockCfgFaults, AreEndpointsThatNobodyHas) {
+    EXPECT_THAT(faults_of("orvanta_service_url=ws://:0/x\nroam_service_url=ws://h:65536/x\n"),
+                ElementsAre("1: the URL has no host", "1: port '0' is not from 1 to 65535",
+                            "2: port '65536' is not from 1 to 65535"));
+    EXPECT_THAT(faults_of("orvanta_service_url=h:65535/x\nroam_service_url=h:1/x\n"), IsEmpty());
+}
+
+TEST_F(WebsockCfgFaults, AreNotUrlsThatLackPortOrPath) {
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url=ws://host/x\n" +
+                          "mac-list-service-url=ws://host:1\n"),
+                IsEmpty());
+}
+
+TEST_F(WebsockCfgFaults, AreFilesThatCannotBeRead) {
+    const auto faults_of_file = [](const std::string& name) {
+        return from_options({"-f", name.c_str()}).faults;
+    };
+    for (const auto& [name, reason] : {std::pair{path, "No such file or directory"},
+                                       std::pair{folder / ".", "Is a directory"}}) {
+        const std::vector<config_fault> faults = faults_of_file(name);
+        ASSERT_EQ(faults.size(), 1U) << "and no word of a mode";
+        EXPECT_EQ(faults[0].text, reason);
+        EXPECT_EQ(faults[0].line, 0);
+    }
+}
+
+TEST_F(WebsockCfgFaults, OfManyLinesTheFirstAndWhatDecidesOverTheWholeAreKept) {
+    std::string text;
+    for (int i = 0; i < 50; ++i)
+        text += "x\n";
+    const std::vector<std::string> told = faults_of(text + "roam_service_url=wss://h:1/x\n");
+    ASSERT_EQ(told.size(), websock_cfg_t::most_faults + 3);
+    EXPECT_EQ(told[19], "20: has no '=': ignored");
+    EXPECT_EQ(told[20], "21: more is wrong from here on");
+    EXPECT_EQ(told[21], "51: scheme 'wss' is not usable: lumd reads the file no further");
+    EXPECT_EQ(told[22], "0: no mode is enabled");
 }
 
 }  // namespace
