@@ -7,7 +7,6 @@ import math
 import os
 import pathlib
 import signal
-import subprocess
 import sys
 
 from labap import fleet
@@ -15,43 +14,23 @@ from labap.msgbus import BusError
 from labap.scenario import ScenarioError
 from labservice.endpoint import Endpoint, EndpointError
 from labservice.server import ServiceError
+from labshow.building import build
 from labshow.console import Refused
 from labshow.harness import Lab
+from labshow.outcome import FAILED, INTERRUPTED, Outcome
 from labshow.portal_console import PortalConsole
-from labshow.process import TREE, Build, LabError, find_build
+from labshow.process import Build, LabError, find_build
 from labshow.prompt import Prompt
 from labshow.rrm_console import RrmConsole
 from labshow.show import Show
 from labshow.trial import Trial
 from labshow.wids_console import WidsConsole
-from labtalk import contract, journal
+from labtalk import contract
 from labtalk.quiet import NOISE
 
 PRESET = "release"
-SHOWN_BUILD_OUTPUT = 6000  # bytes
 CONSOLES = {"rrm": RrmConsole, "wids": WidsConsole, "portal": PortalConsole}
-
-
-def build():
-    """Configures and builds the release preset; its output is shown only when it fails."""
-    for command in (["cmake", "--preset", PRESET], ["cmake", "--build", "--preset", PRESET]):
-        status, output = run_whole(command)
-        if status != 0:
-            print(output[-SHOWN_BUILD_OUTPUT:])
-            raise LabError(f"{' '.join(command)} failed with status {status}")
-
-
-def run_whole(command):
-    """(status, output) of a command in the tree; whatever ends us ends all of it."""
-    with subprocess.Popen(command, cwd=TREE, stdin=subprocess.DEVNULL, text=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          start_new_session=True) as child:
-        try:
-            output, _ = child.communicate()
-        except BaseException:
-            os.killpg(child.pid, signal.SIGTERM)
-            raise
-    return child.returncode, output
+USUAL_SCENARIOS = {"rrm": "office", "wids": "wids-sentry", "portal": "minimal"}
 
 
 def end_at_signal(number, _frame):
@@ -59,33 +38,30 @@ def end_at_signal(number, _frame):
     sys.exit(128 + number)
 
 
-async def session(options, show, prompt):
-    """The whole show; the exit status."""
-    mode_scenario = {"wids": "wids-sentry", "portal": "minimal"}.get(options.mode, "office")
-    scenario = options.scenario or mode_scenario
-    binaries = find_build(PRESET)
-    if options.bin:
-        binaries = Build(pathlib.Path(options.bin), pathlib.Path(options.bin).parent / "lib")
-    if options.service:
-        return await Trial(options, options.mode, scenario, binaries, show, prompt).run()
-    lab = Lab(scenario, options.mode, binaries, options.speed)
+def programs(options):
+    if not options.bin:
+        return find_build(PRESET)
+    return Build(pathlib.Path(options.bin), pathlib.Path(options.bin).parent / "lib")
+
+
+def make_lab(options, show, scenario, mode):
+    """`mode`: None is the scenario's."""
+    lab = Lab(scenario, mode, programs(options), options.speed)
     hidden = frozenset() if options.verbose else NOISE
-    lab.journal.listen(journal.printer(options.json, hide=hidden))
+    lab.journal.listen(lambda event: event["what"] in hidden or show.event(event))
+    return lab
+
+
+async def in_lab(lab, show, take_part):
+    """What `take_part(lab, console)` returns, the lab being up meanwhile and only then."""
     show.heading(f"{lab.mode} mode, scenario {lab.scenario['name']}: "
                  f"{lab.scenario['description']}")
-    if not contract.IS_COMPLETE:
-        show.heading("python3-jsonschema is not installed: of messages only their names and the "
-                     "order of their members are looked at")
     try:
         await lab.start()
         console = CONSOLES[lab.mode](lab, show)
+        lab.journal.listen(console.notice)
         await console.opening()
-        if options.once:
-            await console.conversation()
-            if lab.checker.found:
-                raise LabError(f"not as the schemas want it: {lab.checker.found[0]}")
-        else:
-            await prompt.interact(lab, console)
+        result = await take_part(lab, console)
     except ServiceError as error:
         raise LabError(lab.explain(str(error))) from error
     finally:
@@ -93,7 +69,33 @@ async def session(options, show, prompt):
         status = await asyncio.shield(lab.stop())
     if status != 0:
         raise LabError(f"lumd ended with status {status}")
-    show.heading("done" if options.once else "bye")
+    return result
+
+
+async def conversation(lab, console):
+    """One full conversation, in which everything must be as it should be."""
+    await console.conversation()
+    if lab.checker.found:
+        raise LabError(f"not as the schemas want it: {lab.checker.found[0]}")
+
+
+async def session(options, show, prompt):
+    """The whole show; the exit status."""
+    scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
+    if options.service:
+        return await Trial(options, options.mode, scenario, programs(options), show, prompt).run()
+    if not contract.IS_COMPLETE:
+        show.heading("python3-jsonschema is not installed: of messages only their names and the "
+                     "order of their members are looked at")
+    lab = make_lab(options, show, scenario, options.mode)
+    if options.once:
+        await in_lab(lab, show, conversation)
+        show.heading("done")
+        return 0
+    async with prompt:
+        while successor := await in_lab(lab, show, prompt.interact):
+            lab = make_lab(options, show, *successor)
+    show.heading("bye")
     return 0
 
 
@@ -122,14 +124,15 @@ def count(text):
 
 
 def arguments():
-    parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ")[0])
+    parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ", maxsplit=1)[0])
     parser.add_argument("--once", action="store_true",
                         help="one full conversation; status 0 when all of it was as it should be")
     parser.add_argument("--mode", choices=tuple(CONSOLES), help="service mode (default: rrm)")
     parser.add_argument("--scenario", help="name or file (default: office)")
     parser.add_argument("--speed", type=speed, default=1.0, help="times faster than real time")
     parser.add_argument("--bin", help="folder of other programs, which are then not built")
-    parser.add_argument("--json", action="store_true", help="one JSON object an event")
+    parser.add_argument("--json", action="store_true",
+                        help="one JSON object an event, and one a command: what became of it")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
     trial = parser.add_argument_group("somebody else's service")
     trial.add_argument("--service", type=endpoint, metavar="URL",
@@ -146,8 +149,19 @@ def arguments():
     return options
 
 
+def whole(status, prompt):
+    """(exit status, what became of the session): it is not done when a command that was not typed
+    by a person is not."""
+    if status != 0:
+        return status, Outcome(None, FAILED, f"status {status}")
+    if prompt.failed and not sys.stdin.isatty():
+        return 1, Outcome(None, FAILED, f"commands that are not done: {prompt.failed}")
+    return 0, Outcome(None)
+
+
 async def supervised(options, show):
-    """The session, ended early by SIGTERM or SIGHUP, and by a SIGINT that ends no command."""
+    """(exit status, what became of the session), which SIGTERM and SIGHUP end early, and a SIGINT
+    that ends no command."""
     prompt = Prompt(show)
     task = asyncio.ensure_future(session(options, show, prompt))
     loop, caught = asyncio.get_running_loop(), []
@@ -161,9 +175,10 @@ async def supervised(options, show):
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         loop.add_signal_handler(number, stop, number)
     try:
-        return await task
+        return whole(await task, prompt)
     except asyncio.CancelledError:
-        return 128 + caught[0] if caught else 1
+        name = signal.Signals(caught[0]).name if caught else "cancelled"
+        return 128 + caught[0] if caught else 1, Outcome(None, INTERRUPTED, name)
 
 
 def main():
@@ -174,13 +189,17 @@ def main():
     try:
         if not options.bin:
             show.heading("building")
-            build()
-        return asyncio.run(supervised(options, show))
+            build(PRESET, show)
+        status, outcome = asyncio.run(supervised(options, show))
+        show.outcome(outcome)
+        return status
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # nobody reads; nothing to flush at exit
         return 1
     except (LabError, ScenarioError, BusError, ServiceError, Refused, OSError) as error:
         print(f"run: {error}", file=sys.stderr)
+        if options.json:
+            show.outcome(Outcome(None, FAILED, f"{error}"))
         return 1
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

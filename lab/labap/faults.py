@@ -3,9 +3,10 @@ import errno
 
 from . import scenario as scenarios
 
+CALLS = ("vendor", "mib-get", "mib-set", "scan-trigger", "bss-transition", "iwpriv",
+         "iwpriv-output", "wpa-cli")
 RULE = {
-    "call": None,      # vendor, mib-get, mib-set, scan-trigger, bss-transition, iwpriv,
-                       # iwpriv-output, wpa-cli
+    "call": None,      # of CALLS
     "ifname": None,    # None: any
     "name": None,      # vendor command or MIB; None: any
     "errno": None,     # "EIO"
@@ -25,6 +26,8 @@ class Faults:
 
     def add(self, rule):
         rule = scenarios.fill(rule, RULE, "fault", ("call",))
+        if rule["call"] not in CALLS:
+            raise scenarios.ScenarioError(f"fault: {rule['call']!r} is none of {', '.join(CALLS)}")
         if rule["errno"] is not None and not hasattr(errno, rule["errno"]):
             raise scenarios.ScenarioError(f"fault: unknown errno {rule['errno']!r}")
         self.rules.append(rule)

@@ -70,6 +70,12 @@ class Files:
         self.journal.add("hostapd", "lumd", "started")
         self.notify("hostapd_started")
 
+    def announce(self):
+        """Tells a lumd that is about to start who runs, as the access point's start of it does."""
+        for name, runs in (("hostapd_started", self.hostapd), ("guardd_started", self.guardd)):
+            if runs:
+                self.notify(name)
+
     def stop_hostapd(self):
         self.hostapd = False
         self.remove(HOSTAPD_PID)

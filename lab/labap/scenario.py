@@ -57,13 +57,18 @@ def load(name):
     try:
         given = json.loads(path.read_text(encoding="utf-8"))
     except OSError as error:
-        known = ", ".join(sorted(entry.stem for entry in FOLDER.glob("*.json")))
-        raise ScenarioError(f"{path}: {error.strerror} (known scenarios: {known})") from error
+        raise ScenarioError(f"{path}: {error.strerror} "
+                            f"(known scenarios: {', '.join(names())})") from error
     except ValueError as error:
         raise ScenarioError(f"{path}: {error}") from error
     result = complete(given)
     result["name"] = result["name"] or path.stem
     return result
+
+
+def names():
+    """Of the scenarios folder."""
+    return sorted(entry.stem for entry in FOLDER.glob("*.json"))
 
 
 def complete(given):

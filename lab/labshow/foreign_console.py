@@ -3,7 +3,8 @@ from . import tables
 from .rrm_console import RrmConsole
 from .verdict import Verdict
 
-OWN = ("hostapd", "drop-link", "client")  # commands of the access point's side
+# Commands of the access point's side.
+OWN = ("hostapd", "client", "drop-link", "restart", "show", "log", "fault", "help")
 
 
 class ForeignConsole(RrmConsole):
@@ -17,13 +18,14 @@ class ForeignConsole(RrmConsole):
         """status: the radios and clients that the service was told of"""
         self.show.heading(f"access point {self.known.mac}, "
                           f"{'subscribed' if self.known.subscribed else 'not subscribed'}")
-        self.show.text(tables.overview(self.known))
+        self.show.text(tables.overview(self.known, self.show.width))
 
     async def report(self):
         """report: what the service has held and violated so far"""
         self._verdict.show(self.show)
+        return self._verdict.as_json()
 
     def commands(self):
-        own = super().commands() if self.lab.mode == "rrm" else {}
+        own = super().commands() if self.lab.mode == "rrm" else self.common_commands()
         return {"status": self.status, "report": self.report,
                 **{name: own[name] for name in OWN if name in own}}

@@ -1,36 +1,14 @@
-"""Commands from standard input."""
+"""Takes commands until there are no more."""
 import asyncio
-import os
 import shlex
-import sys
-import threading
 
+from . import editor
+from .lines import Lines
+from .outcome import INTERRUPTED, REFUSED, Outcome
 from .process import LabError
 
-READ_SIZE = 65536
 AS_IT_STANDS = "send"  # its JSON text has quotes and blanks of its own
-
-
-def read_lines(loop, queue):
-    """Standard input, line by line, from a thread that nobody has to wait for."""
-    pending = b""
-    while True:
-        try:
-            piece = os.read(0, READ_SIZE)
-        except OSError:
-            piece = b""
-        pending += piece
-        *lines, pending = pending.split(b"\n")
-        if not piece and pending:
-            lines.append(pending)
-        try:
-            for line in lines:
-                loop.call_soon_threadsafe(queue.put_nowait, line.decode(errors="replace"))
-            if not piece:
-                loop.call_soon_threadsafe(queue.put_nowait, None)
-                return
-        except RuntimeError:
-            return  # the loop is gone
+INTERRUPT = "not waited for any longer; lumd does what it was told"
 
 
 def split(line):
@@ -40,11 +18,37 @@ def split(line):
 
 
 class Prompt:
-    """Takes command lines until quit, the end of the input, or the end of lumd."""
+    """Takes command lines until quit, the end of the input, or the end of lumd. An asynchronous
+    context: within it the terminal is the prompt's."""
 
     def __init__(self, show):
         self.show = show
+        self.failed = 0       # commands that are not done
+        self.console = None   # of the lab that there is now
         self._running = None  # the command under way, unless it has been told to end
+        self._line = ""       # as it was typed
+        self._lines = None
+
+    async def __aenter__(self):
+        if editor.available(self.show):
+            self._lines = editor.Editor(self.show, self._choices, self._state,
+                                        lambda: self._running is not None)
+        else:
+            self._lines = Lines(self.show)
+        await self._lines.__aenter__()
+        return self
+
+    async def __aexit__(self, *error):
+        await self._lines.__aexit__(*error)
+
+    def _choices(self, words):
+        return self.console.choices(words) if self.console else []
+
+    def _state(self):
+        """What is under way, or how everything is; for the line at the bottom."""
+        if self._running is not None:
+            return f" {self.show.busy or self._line} Ctrl-C ends it"
+        return " " + " │ ".join(self.console.status_line() if self.console else ["starting"])
 
     def interrupt(self):
         """Whether there is a command under way that has not been told to end; it is told now."""
@@ -52,45 +56,56 @@ class Prompt:
         return command is not None and command.cancel()
 
     async def interact(self, lab, console):
-        queue = asyncio.Queue()
-        threading.Thread(target=read_lines, args=(asyncio.get_running_loop(), queue),
-                         daemon=True).start()
+        """Commands for this lab; the name of the scenario that is wanted next, None for none."""
+        self.console = console
         self.show.text("\nhelp lists the commands, quit ends")
+        try:
+            while console.successor is None:
+                if not await self.carry_out(await self._next_line(lab), console):
+                    break
+            return console.successor
+        finally:
+            self.console = None
+
+    async def _next_line(self, lab):
+        typed = asyncio.ensure_future(self._lines.next())
         ended = asyncio.ensure_future(lab.lumd.wait(timeout=None))
-        while True:
-            if self.show.colour and sys.stdin.isatty():
-                print("lab> ", end="", flush=True)
-            typed = asyncio.ensure_future(queue.get())
+        try:
             await asyncio.wait([typed, ended], return_when=asyncio.FIRST_COMPLETED)
             if ended.done():
                 raise LabError(lab.explain("lumd has ended"))
-            if not await self.carry_out(typed.result(), console):
-                return
+            return typed.result()
+        finally:
+            typed.cancel()
+            ended.cancel()
 
     async def carry_out(self, line, console):
         """Whether another line may follow this one; None is the end of all lines."""
-        if line is None:
+        if line is None or line.split()[:1] in (["quit"], ["exit"]):
             return False
-        try:
-            words = split(line)
-        except ValueError as error:
-            self.show.text(f"{error}")
-            return True
-        if words and words[0] in ("quit", "exit"):
-            return False
-        if words:
-            if not sys.stdin.isatty():
-                self.show.heading(line.strip())
-            await self._execute(console, words[0], words[1:])
+        if line.strip():
+            outcome = await self._outcome(line.strip(), console)
+            self.failed += not outcome.is_done
+            self.show.outcome(outcome)
         return True
 
-    async def _execute(self, console, name, words):
-        self._running = asyncio.ensure_future(console.execute(name, words))
+    async def _outcome(self, line, console):
         try:
-            await self._running
+            name, *words = split(line)
+        except ValueError as error:
+            return Outcome(line, REFUSED, f"{error}")
+        if self._lines is None or not self._lines.stays:
+            self.show.heading(line)
+        return await self._execute(console, line, name, words)
+
+    async def _execute(self, console, line, name, words):
+        self._line = line
+        self._running = asyncio.ensure_future(console.execute(line, name, words))
+        try:
+            return await self._running
         except asyncio.CancelledError:
             if asyncio.current_task().cancelling():
                 raise  # not the command alone
-            self.show.text(f"{name}: not waited for any longer; lumd does what it was told")
+            return Outcome(line, INTERRUPTED, INTERRUPT)
         finally:
             self._running = None

@@ -1,17 +1,17 @@
 """The commands of a lab in RRM mode."""
-import asyncio
 import json
 import pathlib
 
-from . import messages, tables
-from .console import Console, Refused, address, integer, within
+from . import messages, rrm_choices, tables
+from .console import LONGEST_BACK_OFF, Console, Refused, address, integer, within
 from .process import LabError
+from .rrm_choices import BANDWIDTHS
 from .survey import Survey
 
-TICK = 0.25  # real seconds between two looks at a survey
-PROGRESS_WIDTH = 30
-SCAN_MARGIN = 20  # real seconds that a survey may take longer
-BANDWIDTHS = {"2.4GHz": (20, 40), "5GHz": (20, 40, 80), "6GHz": (20, 40, 80)}
+# Seconds of lumd's: how long each request to the network manager may last, of which a configuration
+# makes one a radio for power and one for channels.
+REQUEST_SECONDS = 20
+HEARD_SECONDS = 10  # until lumd has noticed that hostapd came or went
 SIGNAL_DBM, WEAKEST_DBM, STRONGEST_DBM = -60, -100, 0
 
 
@@ -36,15 +36,30 @@ class RrmConsole(Console):
         if not self.hostapd_runs:
             raise Refused("hostapd is not running (hostapd start)")
 
+    async def back_again(self, since):
+        what = "subscribe-request" if self.is_served else "connected"
+        await self.follow("connecting", what, since, LONGEST_BACK_OFF)
+        await self.settle()
+
+    @property
+    def is_served(self):
+        """Whether lumd finds somebody to report on; otherwise it does not subscribe."""
+        return self.lab.mode == "rrm" and (self.hostapd_runs or self.lab.ap.files.guardd)
+
     # Steps: each raises LabError when what must follow does not come
 
-    async def ask(self, message, answer=None, timeout=15.0, **match):
-        """Sends, waits for the answer if one is named, and lets the rest of the talk pass by."""
+    async def ask(self, message, answer=None, seconds=0, **match):
+        """Sends, waits for the answer if one is named and comes within that many seconds, and
+        lets the rest of the talk pass by."""
         since = self.lab.mark()
         await self.lab.service.send(message)
-        event = await self.lab.wait(answer, since, timeout, **match) if answer else None
+        event = await self.follow(answer, answer, since, seconds, **match) if answer else None
         await self.settle()
         return event
+
+    @property
+    def configuration_seconds(self):
+        return REQUEST_SECONDS * (len(self.lab.ap.air.radios) + 1)
 
     async def configure(self, **more):
         await self.ask({"cmd": "rrm-info", **self.config, **more})
@@ -54,7 +69,16 @@ class RrmConsole(Console):
         if not self.hostapd_runs:
             self.show.text("hostapd is not running: this is what was known before")
             return
-        await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response")
+        await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response",
+                       self.configuration_seconds)  # of one that is being carried out
+
+    def status_line(self):
+        mode, link, *more = super().status_line()
+        aps = list(self.lab.service.aps.values())
+        subscribed = ["subscribed" if any(ap.subscribed for ap in aps) else "not subscribed"]
+        clients = [f"clients: {sum(len(ap.clients) for ap in aps)}"]
+        hostapd = [] if self.hostapd_runs else ["no hostapd"]
+        return [mode, link, *subscribed, *hostapd, *clients, *more]
 
     async def status(self):
         """status: ask lumd for its radios and show what the service knows"""
@@ -63,7 +87,8 @@ class RrmConsole(Console):
         self.show.heading(f"access point {self.known.mac}, domain {self.known.domain}, "
                           f"{'subscribed' if self.known.subscribed else 'not subscribed'}, "
                           f"hostapd {hostapd}")
-        self.show.text(tables.overview(self.known))
+        self.show.text(tables.overview(self.known, self.show.width))
+        return self.known.as_json()
 
     async def send(self, *words):
         """send FILE|JSON: send a message as it stands (a header is filled in where it has none)"""
@@ -78,7 +103,12 @@ class RrmConsole(Console):
             raise Refused(f"{text}: {error.strerror}") from error
         except ValueError as error:
             raise Refused(f"not JSON: {error}") from error
+        before = len(self.lab.checker.found)
         await self.ask(message)
+        complaints = [f"{complaint}" for complaint in self.lab.checker.found[before:]]
+        for complaint in complaints:
+            self.show.text(f"not as the schemas want it: {complaint}")
+        return {"complaints": complaints}
 
     async def hostapd(self, action):
         """hostapd stop|start: the daemon goes away or comes back"""
@@ -90,18 +120,10 @@ class RrmConsole(Console):
         subscribed = any(ap.subscribed for ap in self.lab.service.aps.values())
         await self.lab.ap.hostapd_command(action)
         if action == "start":
-            await self.lab.wait("rrm-config-changed" if subscribed else "subscribe-request", since)
+            await self.follow("hostapd", "rrm-config-changed" if subscribed else
+                              "subscribe-request", since, HEARD_SECONDS)
         elif subscribed:
-            await self.lab.wait("rrm-disassoc-all-clients", since)
-        await self.settle()
-
-    async def drop_link(self):
-        """drop-link: close the connection; lumd comes back and subscribes again"""
-        if not self.lab.service.links:
-            raise Refused("there is no link")
-        since = self.lab.mark()
-        await self.lab.service.drop()
-        await self.lab.wait("subscribe-request" if self.hostapd_runs else "connected", since, 30)
+            await self.follow("hostapd", "rrm-disassoc-all-clients", since, HEARD_SECONDS)
         await self.settle()
 
     async def channel(self, radio, channel, bandwidth="20", side=None):
@@ -117,7 +139,7 @@ class RrmConsole(Console):
         await self.configure(radios=[change])
         await self.refresh()
         reported = self.known.radios[number]
-        self.show.text(tables.radios(self.known))
+        self.show.text(tables.radios(self.known, self.show.width))
         if reported["channel"] != change["channel"]:
             raise LabError(f"wlan{number} still reports channel {reported['channel']}")
 
@@ -139,7 +161,7 @@ class RrmConsole(Console):
         self.needs_hostapd()
         await self.configure(radios=[{"id": number, "power": dbm}])
         await self.refresh()
-        self.show.text(tables.radios(self.known))
+        self.show.text(tables.radios(self.known, self.show.width))
         if self.known.radios[number]["power"] != dbm:
             raise LabError(f"wlan{number} still reports {self.known.radios[number]['power']} dBm")
 
@@ -172,7 +194,7 @@ class RrmConsole(Console):
         vaps = messages.key_holders(self.lab.ap.air)
         await self.lab.service.send({"cmd": "fbt-info", "fbt-reassoc-deadline": 1000,
                                      "fbt-over-ds": 1, "vaps": vaps})
-        await self.lab.wait(answer, since, data={"status": "ok"})
+        await self.follow("network manager", answer, since, REQUEST_SECONDS, data={"status": "ok"})
         await self.settle()
 
     async def scan(self, *words):
@@ -181,29 +203,13 @@ class RrmConsole(Console):
         self.needs_hostapd()
         since = self.lab.mark()
         await self.lab.service.send(survey.message())
-        await self.follow_scan(since, survey.seconds(self.lab.ap.air.radios))
+        await self.follow("scanning", "rrm-response", since,
+                          survey.seconds(self.lab.ap.air.radios))
         self.show.heading("the air")
-        self.show.text(tables.picture(self.known))
+        self.show.text(tables.picture(self.known, self.show.width))
         if not self.known.neighbours() and survey.heard_for_certain(self.lab.ap.air):
             raise LabError(self.lab.explain("the survey found no neighbour"))
-
-    async def follow_scan(self, since, seconds):
-        """A progress line until the response is there."""
-        seconds /= self.lab.speed
-        waiting = asyncio.create_task(self.lab.wait("rrm-response", since, seconds + SCAN_MARGIN))
-        passed = 0.0
-        try:
-            while not waiting.done():
-                share = min(passed / seconds, 1.0) if seconds else 1.0
-                bar = "█" * round(share * PROGRESS_WIDTH)
-                self.show.progress(f"scanning │{bar:<{PROGRESS_WIDTH}}│ "
-                                   f"{passed:4.1f} of about {seconds:.0f} s")
-                await asyncio.wait([waiting], timeout=TICK)
-                passed += TICK
-        finally:
-            waiting.cancel()
-            self.show.end_progress()
-        waiting.result()
+        return self.known.neighbours()
 
     async def clients(self):
         """clients: who is associated, as the access point and the service see it"""
@@ -213,9 +219,11 @@ class RrmConsole(Console):
                 for radio in self.lab.ap.status()["radios"] for vap in radio["vaps"]
                 for station in vap["stations"]]
         self.show.heading("at the access point")
-        self.show.text(tables.table(["client", "VAP", "SSID", "dBm", "if asked", "802.11v"], here))
+        self.show.text(tables.table(["client", "VAP", "SSID", "dBm", "if asked", "802.11v"], here,
+                                    self.show.width))
         self.show.heading("known to the service")
-        self.show.text(tables.clients(self.known))
+        self.show.text(tables.clients(self.known, self.show.width))
+        return self.known.clients
 
     async def steer(self, radio, count="1"):
         """steer RADIO COUNT: have the weakest clients of a radio move elsewhere"""
@@ -229,10 +237,11 @@ class RrmConsole(Console):
         moved = self.lab.journal.since(since, what="transition-accepted")
         await self.refresh()
         self.show.text(f"{len(asked)} asked to move, {len(moved)} moved")
-        self.show.text(tables.clients(self.known))
+        self.show.text(tables.clients(self.known, self.show.width))
         left = {event["data"]["station"] for event in moved} & set(self.known.clients)
         if left:
             raise LabError(f"still reported here: {', '.join(left)}")
+        return {"asked": len(asked), "moved": len(moved)}
 
     def check_steering(self, radio, count):
         if count < 1:
@@ -278,9 +287,14 @@ class RrmConsole(Console):
 
     def commands(self):
         return {"status": self.status, "send": self.send, "hostapd": self.hostapd,
-                "drop-link": self.drop_link, "channel": self.channel, "power": self.power,
+                "channel": self.channel, "power": self.power,
                 "neighbours": self.neighbours, "ft": self.ft, "scan": self.scan,
-                "clients": self.clients, "steer": self.steer, "client": self.client}
+                "clients": self.clients, "steer": self.steer, "client": self.client,
+                **self.common_commands()}
+
+    def choices(self, words):
+        own = rrm_choices.choices(words, self.lab.ap.air) if words else []
+        return own or super().choices(words)
 
     async def opening(self):
         """The link, the subscription and what the service knows then."""
@@ -292,7 +306,7 @@ class RrmConsole(Console):
         await self.lab.wait_subscribed()
         await self.settle()
         self.show.heading("what the service knows now")
-        self.show.text(tables.overview(self.known))
+        self.show.text(tables.overview(self.known, self.show.width))
 
     def script(self):
         if not self.lab.scenario["hostapd"]:

@@ -17,7 +17,7 @@ VIOLATED_STATUS = 3
 STARTING = 4  # access points that are started at the same time
 TOLD_OF_A_FLEET = frozenset({"connected", "disconnected", "subscribe-response", "unreachable",
                              "refused", "VIOLATION", "ADVICE"})
-FLEET_WIDTH = 40  # of an event's content
+FLEET_WIDTH = 110  # of an event where no terminal limits it
 
 
 class Trial:
@@ -69,17 +69,19 @@ class Trial:
 
     def _printer(self, number):
         options = self.options
-        one = journal.printer(options.json, hide=() if options.verbose else NOISE)
+        hidden = frozenset() if options.verbose else NOISE
 
         def tell(event):
             if self._silent:
                 return
             if len(self.labs) == 1:
-                one(event)
+                if event["what"] not in hidden:
+                    self.show.event(event)
             elif options.json:
                 print(json.dumps({"ap": number, **event}, ensure_ascii=False), flush=True)
             elif options.verbose or event["what"] in TOLD_OF_A_FLEET:
-                self.show.text(f"{number:3} {journal.line(event, width=FLEET_WIDTH)}")
+                width = (self.show.width or FLEET_WIDTH) - len(f"{number:3} ")
+                self.show.text(f"{number:3} {journal.line(event, width=width)}")
 
         return tell
 
@@ -95,10 +97,16 @@ class Trial:
                                    return_when=asyncio.FIRST_COMPLETED)
                 self._none_may_be_dead(deaths)
             else:
-                await self.prompt.interact(self.labs[0], ForeignConsole(self.labs[0], self.show))
+                await self._take_commands(self.labs[0])
         finally:
             for death in deaths:
                 death.cancel()
+
+    async def _take_commands(self, lab):
+        console = ForeignConsole(lab, self.show)
+        lab.journal.listen(console.notice)
+        async with self.prompt:
+            await self.prompt.interact(lab, console)
 
     def _none_may_be_dead(self, deaths):
         for lab, death in zip(self.labs, deaths):

@@ -8,7 +8,9 @@ import json
 import sys
 import time
 
-WIDTH = 150
+WIDTH = 150  # characters of an event's content where no terminal limits it
+NARROW = 110  # columns below which an event is told more briefly
+HEADER = ("version", "service", "ap-mac")  # the same in one message after the other
 COLOURS = {"service": "\x1b[36m", "hubd": "\x1b[33m", "driver": "\x1b[35m", "hostapd": "\x1b[32m",
            "vaultd": "\x1b[90m"}
 RESET = "\x1b[0m"
@@ -77,7 +79,12 @@ def summary(data, width=WIDTH):
         text = " ".join(f"{key}={_value(value)}" for key, value in data.items())
     else:
         text = _value(data)
-    return text if len(text) <= width else text[:width - 1] + "…"
+    return cut(text, width)
+
+
+def cut(text, width):
+    """The text, or as much of it as fits and a sign that it goes on."""
+    return text if len(text) <= width else text[:max(width - 1, 0)] + "…"
 
 
 def _value(value):
@@ -86,15 +93,29 @@ def _value(value):
     return json.dumps(value, separators=(",", ":"), ensure_ascii=False)
 
 
-def line(event, colour=False, width=WIDTH):
-    """One event as a person reads it."""
+def _news(event):
+    """The content without what the line tells anyway."""
+    data = event["data"]
+    return data if not isinstance(data, dict) else {
+        key: value for key, value in data.items() if key not in HEADER and value != event["what"]}
+
+
+def line(event, colour=False, width=None):
+    """One event as a person reads it; `width`: of the terminal, if it is shown on one."""
+    narrow = width is not None and width < NARROW
     clock = time.strftime("%H:%M:%S", time.localtime(event["t"]))
-    head = f"{event['from']:>8} → {event['to']:<8}"
+    if not narrow:
+        clock += f".{int(event['t'] % 1 * 1000):03d}"
+    speakers = f"{event['from']:>8} → {event['to']:<8}"
+    first, last = f"{event['n']:>4} {clock} ", f" {event['what']:<{18 if narrow else 26}} "
+    if width is None:
+        text = last + summary(event["data"])
+    else:
+        text = cut((last + summary(_news(event))).rstrip(), width - len(first + speakers))
     if colour:
         tint = next((COLOURS[name] for name in (event["from"], event["to"]) if name in COLOURS), "")
-        head = tint + head + RESET
-    return f"{clock}.{int(event['t'] % 1 * 1000):03d} {head} {event['what']:<26} " \
-           f"{summary(event['data'], width)}".rstrip()
+        speakers = tint + speakers + RESET
+    return (first + speakers + text).rstrip()
 
 
 def printer(machine=False, stream=sys.stdout, hide=()):

@@ -13,11 +13,17 @@ class Notes:
 
     def __init__(self):
         self.shown = ""
+        self.outcomes = []
 
     def text(self, text):
         self.shown += text + "\n"
 
     heading = text
+
+    def outcome(self, outcome):
+        self.outcomes.append(outcome)
+        if outcome.text():
+            self.text(outcome.text())
 
 
 class Echo(Console):
@@ -26,6 +32,7 @@ class Echo(Console):
     async def pair(self, first, second="none"):
         """pair FIRST [SECOND]: two words"""
         self.show.text(f"<{first}> <{second}>")
+        return [first, second]
 
     async def send(self, *words):
         """send TEXT: as it stands"""
@@ -50,7 +57,7 @@ class Echo(Console):
 
     def commands(self):
         return {"pair": self.pair, "send": self.send, "refuse": self.refuse, "fail": self.fail,
-                "stumble": self.stumble, "dawdle": self.dawdle}
+                "stumble": self.stumble, "dawdle": self.dawdle, "help": self.help}
 
 
 def typed(line):
@@ -67,7 +74,7 @@ def test_a_command_gets_its_words():
 
 @pytest.mark.parametrize("line", ["pair", "pair 1 2 3"])
 def test_with_the_wrong_number_of_words_a_command_is_explained_and_not_called(line):
-    assert typed(line) == (True, "pair FIRST [SECOND]: two words\n")
+    assert typed(line) == (True, "pair: it is typed pair FIRST [SECOND]: two words\n")
 
 
 def test_a_mistake_of_the_lab_s_own_is_not_taken_for_one_of_whoever_types():
@@ -80,10 +87,46 @@ def test_what_is_refused_and_what_fails_is_told_and_the_session_goes_on():
     assert typed("fail") == (True, "fail failed: nothing came\n")
 
 
-def test_help_and_an_unknown_command_list_what_there_is():
+def test_help_lists_what_there_is_or_explains_one_command():
     more, shown = typed("help")
     assert more and "  pair FIRST [SECOND]: two words\n" in shown and "quit" in shown
-    assert typed("dance")[1] == "unknown command 'dance'\n" + shown
+    assert typed("help fail")[1] == "  fail: what should have been\n"
+    assert typed("help dance")[1] == "help: there is no command dance\n"
+
+
+def test_an_unknown_command_is_told_with_the_nearest_one():
+    assert typed("pear 1")[1] == "pear: unknown command; did you mean pair?\n"
+    assert typed("dance")[1] == "dance: unknown command; help lists the commands\n"
+
+
+def outcomes(*lines):
+    """What a machine is told of each line, and how many count as failed."""
+    notes = Notes()
+    prompt = Prompt(notes)
+
+    async def take():
+        for line in lines:
+            await prompt.carry_out(line, Echo(None, notes))
+
+    asyncio.run(take())
+    told = [outcome.as_json() for outcome in notes.outcomes]
+    assert all(entry.pop("t") > 0 for entry in told)
+    return told, prompt.failed
+
+
+def test_every_command_has_an_outcome_and_those_that_are_not_done_are_counted():
+    told, failed = outcomes("pair 1", "  ", "pear", "refuse", "fail", "pair", "pair 'x")
+    assert [(entry["command"], entry["outcome"]) for entry in told] == [
+        ("pair 1", "done"), ("pear", "unknown"), ("refuse", "refused"), ("fail", "failed"),
+        ("pair", "refused"), ("pair 'x", "refused")]
+    assert failed == 5
+
+
+def test_an_outcome_has_what_was_found_out_or_why_it_is_none():
+    told, _ = outcomes("pair 1", "refuse", "send x")
+    assert told == [{"command": "pair 1", "outcome": "done", "result": ["1", "none"]},
+                    {"command": "refuse", "outcome": "refused", "reason": "no such thing"},
+                    {"command": "send x", "outcome": "done"}]
 
 
 @pytest.mark.parametrize("line", ["quit", "exit", " quit ", "quit now", None])
@@ -97,7 +140,7 @@ def test_an_empty_line_is_nothing(line):
 
 
 def test_a_quote_that_is_not_closed_is_told():
-    assert typed("pair 'x") == (True, "No closing quotation\n")
+    assert typed("pair 'x") == (True, "pair: No closing quotation\n")
 
 
 def test_a_message_to_send_keeps_its_quotes_and_blanks():

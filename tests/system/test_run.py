@@ -1,4 +1,5 @@
 """./run as a newcomer uses it: what it shows, what it leaves behind, and how it fails."""
+import json
 import os
 import pathlib
 import re
@@ -9,6 +10,9 @@ import tempfile
 import time
 
 import pytest
+
+from labtalk.control import ControlClient
+from lumdtest.terminal import COLUMNS, Terminal
 
 TREE = pathlib.Path(__file__).resolve().parent.parent.parent
 PATIENCE = 120  # seconds
@@ -147,8 +151,38 @@ def test_a_command_that_makes_no_sense_is_explained_and_the_session_goes_on(sess
     session.read_until("channel RADIO CHANNEL BANDWIDTH")
     session.type("power wlan5 10")
     session.read_until("there is no radio wlan5")
+    session.type("fault")
+    session.read_until("everything works")
     session.type("quit")
-    assert session.end() == 0
+    assert session.end() == 1, "not all of the commands were done"
+
+
+def test_a_machine_reads_an_object_a_line_and_how_each_command_and_all_ended(folder):
+    lines = ["push", "frobnicate", "fault daemon hubd pause", "show 1", "fault"]
+    result = subprocess.run(command("--json", "--mode", "wids"), capture_output=True,
+                            input="\n".join(lines), text=True, timeout=PATIENCE, check=False,
+                            env={**os.environ, "TMPDIR": str(folder)})
+    told = [json.loads(line) for line in result.stdout.splitlines()]
+    assert any(entry.get("what") == "mac-list-received" for entry in told)
+    outcomes = [(entry["command"], entry["outcome"]) for entry in told if "outcome" in entry]
+    assert outcomes == list(zip([*lines, None], ["done", "unknown", "refused", "done", "done",
+                                                 "failed"]))
+    assert result.returncode == 1
+
+
+def test_a_lumd_that_has_given_its_link_up_is_restarted_and_another_scenario_follows(folder):
+    session = Session(folder, "--mode", "portal", "--speed", "5")
+    for line, answer in (("unlink", "until it is restarted (restart)"),
+                         ("up text", "there is no link (restart)"), ("restart", "cmd=connected"),
+                         ("status", "connections so far  2"),
+                         ("scenario wids-sentry wids", "wids mode, scenario wids-sentry"),
+                         ("status", "lists taken")):
+        session.type(line)
+        session.read_until(f"== {line}")
+        session.read_until(answer)
+    session.type("quit")
+    assert session.end() == 1, "one of the commands was refused"
+    assert_nothing_left(folder, [])
 
 
 def test_channels_of_one_band_are_surveyed_together_with_all_of_the_other(folder):
@@ -169,6 +203,37 @@ def test_ctrl_c_ends_a_command_and_another_one_everything(folder, session):
     session.process.send_signal(signal.SIGINT)
     assert session.end() == 128 + signal.SIGINT
     assert_nothing_left(folder, children)
+
+
+@pytest.fixture(name="terminal")
+def running_at_a_terminal(folder):
+    terminal = Terminal(command("--scenario", "minimal"),
+                        {"TMPDIR": str(folder), "XDG_STATE_HOME": str(folder / "state")})
+    yield terminal
+    terminal.close()
+
+
+def test_at_a_terminal_a_line_is_completed_and_not_torn_and_ctrl_c_ends_it(folder, terminal):
+    shown = terminal.read_until("lab>")
+    assert [line for line in shown.splitlines() if len(line) > COLUMNS] == []
+    terminal.read_until("rrm │ connected │ subscribed │ clients: 1 │ minimal")
+    terminal.type("scan --del\t")
+    terminal.read_until("--delay")
+    control, = folder.glob("lumd-lab-*/root/control.sock")
+    with ControlClient(control) as ap:
+        ap.call("daemon", name="portal", action="stop")
+    terminal.read_until("stopped")
+    terminal.read_until("lab> scan --delay")
+    terminal.type("3600\r")
+    terminal.read_until("rrm-update")
+    terminal.read_until("Ctrl-C ends it")
+    terminal.type("\x03")
+    terminal.read_until("scan: not waited for any longer")
+    terminal.read_until("1 fault")
+    terminal.type("\x03")
+    assert terminal.end() == 128 + signal.SIGINT
+    history = folder / "state" / "lumd-lab" / "history"
+    assert history.read_text(encoding="utf-8").endswith("+scan --delay 3600\n")
 
 
 @pytest.mark.parametrize("speed", ["0", "-1", "inf", "nan", "fast"])
