@@ -5,21 +5,17 @@ import subprocess
 
 import pytest
 
+from lumdtest.mounts import own_mounts
+
 HOOK = pathlib.Path(__file__).parents[2] / "packaging/hooks/hostapd-notify"
 STARTED, GENERAL = ".orvanta_notify_hostapd_started", ".orvanta_notify"
 SHELLS = {"dash": ["sh"], "busybox": ["busybox", "ash"]}
 
 
-def own_mounts(tmp, run):
-    """A command prefix for which /tmp and /run are these folders."""
-    return ["unshare", "--user", "--map-root-user", "--mount", "sh", "-c",
-            'mount --bind "$0" /run && mount --bind "$1" /tmp && shift && exec "$@"', run, tmp]
-
-
 @pytest.fixture(scope="module", autouse=True)
 def allowed_to_mount(tmp_path_factory):
     folder = tmp_path_factory.mktemp("mounts")
-    if subprocess.run([*own_mounts(folder, folder), "true"], check=False).returncode != 0:
+    if subprocess.run([*own_mounts({"/tmp": folder}), "true"], check=False).returncode != 0:
         pytest.skip("no mount namespaces here")
 
 
@@ -36,7 +32,7 @@ class Place:
         (self.run / "hostapd.pid").write_text("4242\n")
 
     def hook(self):
-        return subprocess.run([*own_mounts(self.tmp, self.run), *self._shell, HOOK],
+        return subprocess.run([*own_mounts({"/run": self.run, "/tmp": self.tmp}), *self._shell, HOOK],
                               capture_output=True, text=True, check=False)
 
     def announced(self):
@@ -97,7 +93,7 @@ def test_lumd_restarted_beside_a_running_hostapd_subscribes(start_lab):
     assert lab.stop_lumd() == 0
     files = lab.lab.ap.files
     since = lab.mark()
-    subprocess.run([*own_mounts(files.path("/tmp"), files.path("/var/run")), "sh", HOOK],
-                   check=True)
+    folders = {"/run": files.path("/var/run"), "/tmp": files.path("/tmp")}
+    subprocess.run([*own_mounts(folders), "sh", HOOK], check=True)
     lab.start_lumd()
     lab.wait("subscribe-request", since)

@@ -1,4 +1,4 @@
-"""What cmake --install brings: every text names paths of the prefix that was chosen."""
+"""What cmake --install and OpenWrt's packages bring."""
 import re
 import subprocess
 
@@ -69,3 +69,53 @@ def test_each_program_has_its_page_and_its_completion(image, program):
 def test_units_are_installed_below_the_prefix(image):
     for unit in ["lumd.service", "msgbusd.service", "hostapd.service.d/lumd.conf"]:
         assert image.has(f"{image.prefix}/lib/systemd/system/{unit}")
+
+
+class Feed:
+    """OpenWrt's packages of one installation, built by a stand-in for OpenWrt's rules."""
+
+    def __init__(self, image, folder):
+        self._image, self._folder = image, folder
+
+    def _make(self, goal, **variables):
+        settings = {"TOPDIR": ROOT / "tests/system/openwrt", "PKG_INSTALL_DIR": self._image.folder}
+        return subprocess.run(
+            ["make", "-s", "-C", ROOT / "packaging/openwrt", goal,
+             *(f"{name}={value}" for name, value in (settings | variables).items())],
+            check=True, capture_output=True, text=True).stdout
+
+    def files(self, package):
+        to = self._folder / package
+        self._make(package, TO=to)
+        return {str(path.relative_to(to)) for path in to.rglob("*")
+                if path.is_symlink() or path.is_file()}
+
+    def needs(self, package, **variables):
+        said = self._make(f"show-{package}", **variables)
+        return set(re.search(r"DEPENDS:=(.*)", said)[1].split())
+
+
+@pytest.fixture(name="feed")
+def openwrt_feed(configured, tmp_path):
+    return Feed(Image(configured, tmp_path / "image", "/usr"), tmp_path / "packages")
+
+
+def test_openwrts_packages_hold_what_runs_there(feed):
+    assert feed.files("lumd") == {"usr/sbin/lumd", "usr/sbin/lumctl", "usr/libexec/lumd/hostapd-notify",
+                                  "etc/init.d/lumd", "etc/config/lumd", "etc/lumd/lumd.conf"}
+    assert feed.files("msgbus") == {"usr/sbin/msgbusd", "usr/bin/msgbusctl", "etc/init.d/msgbusd",
+                                    "etc/lumd/msgbusd.conf"}
+
+
+def test_openwrts_schemas_are_those_of_the_tree(feed):
+    names = {str(path.relative_to(ROOT)) for path in (ROOT / "schemas").rglob("*") if path.is_file()}
+    assert feed.files("lumd-schemas") == {f"usr/share/lumd/{name}" for name in names}
+
+
+def test_openwrts_lumd_brings_the_tools_of_the_radios(feed):
+    assert {"+wireless-tools", "+wpa-cli", "+msgbus", "+libwebsockets-mbedtls"} <= feed.needs("lumd")
+
+
+def test_openwrts_lumd_takes_a_websocket_library_without_tls(feed):
+    needed = feed.needs("lumd", LUMD_LIBWEBSOCKETS="libwebsockets-plain")
+    assert [name for name in needed if "websockets" in name] == ["+libwebsockets-plain"]
