@@ -199,7 +199,7 @@ def test_the_time_that_is_given_ends_it(folder):
         status, output, errors = trial.end()
     assert (status, errors) == (0, "")
     events = [json.loads(line) for line in output.splitlines()]
-    assert [event["data"]["rule"] for event in events if event["what"] == "rule"] == list(RULES)
+    assert [event["data"]["rule"] for event in events if event.get("what") == "rule"] == list(RULES)
 
 
 @pytest.mark.parametrize("options", [
