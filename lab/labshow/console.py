@@ -140,7 +140,8 @@ class Console:
         try:
             while not waiting.done():
                 if passed >= PATIENT_FROM:
-                    self.show.progress(f"{label}: {passed:.0f} of {seconds:.0f} s",
+                    whole = f" of {seconds:.0f}" if seconds >= 1 else ""
+                    self.show.progress(f"{label}: {passed:.0f}{whole} s",
                                        passed / max(seconds, TICK))
                 await asyncio.wait([waiting], timeout=TICK)
                 passed += TICK
@@ -230,7 +231,7 @@ class Console:
         if name is None:
             told.append("quit: end everything")
         for text in told:
-            self.show.text("  " + text)
+            self.show.prose("  " + text)
         return told
 
 

@@ -9,6 +9,7 @@ from labtalk import journal
 
 BAR = 30  # characters of a progress bar
 BOLD, RESET = "\x1b[1m", "\x1b[0m"
+HANGING = "      "
 REWRITE = "\r\x1b[K"
 
 
@@ -34,12 +35,20 @@ class Show:
             return None
 
     def heading(self, text):
-        text = text if self.width is None else textwrap.fill(text, self.width)
+        text = self._wrapped(text)
         self.text(f"\n{BOLD}{text}{RESET}" if self.colour else f"\n== {text}")
 
     def text(self, text):
         if not self.machine:
             self._line(text)
+
+    def prose(self, text):
+        """A text that goes on in the next line, after a word, where the terminal ends."""
+        self.text("\n".join(self._wrapped(line, HANGING) for line in text.splitlines()))
+
+    def _wrapped(self, line, indent=""):
+        width = self.width
+        return line if width is None else textwrap.fill(line, width, subsequent_indent=indent)
 
     def fitted(self, line):
         """A text that is cut where the terminal ends."""
@@ -58,7 +67,7 @@ class Show:
         if self.machine:
             self._json(outcome.as_json())
         elif outcome.text():
-            self._line(outcome.text())
+            self.prose(outcome.text())
 
     def progress(self, text, share):
         """What is under way; `share` of it (0 to 1) is done."""

@@ -7,8 +7,9 @@ import pytest
 from labap.air import Air
 from labservice.server import Service
 from labshow.console import Refused
-from labshow.rrm_console import RrmConsole
+from labshow.rrm_console import REQUEST_SECONDS, RrmConsole
 from labshow.survey import Survey
+from labtalk import contract
 from lumdtest.labparts import FakeClock, minimal
 
 
@@ -106,7 +107,16 @@ def test_clients_that_cannot_be_asked_are_not_steered(console, mark):
         call(console, "steer wlan0")
 
 
-# How long a survey takes
+# How long a command takes
+
+
+def test_a_configuration_is_waited_for_as_long_as_the_schemas_say():
+    lasts = contract.messages("rrm-to-lumd")["rrm-info"]["x-lasts"]
+    assert f"one request a radio for power, one for the channel, each at most {REQUEST_SECONDS} s" \
+        in lasts
+    console = RrmConsole(types.SimpleNamespace(scenario=minimal(), ap=types.SimpleNamespace(
+        air=Air(minimal(), FakeClock()))), None)
+    assert console.configuration_seconds == 3 * REQUEST_SECONDS
 
 
 def radios(**second):

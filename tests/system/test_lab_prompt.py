@@ -18,7 +18,7 @@ class Notes:
     def text(self, text):
         self.shown += text + "\n"
 
-    heading = text
+    heading = prose = text
 
     def outcome(self, outcome):
         self.outcomes.append(outcome)
