@@ -64,7 +64,7 @@ bool drop_sent(std::span<iovec> parts, std::size_t sent) {
 std::string describe_attach_error(int error) {
     switch (error) {
         case EADDRINUSE:
-            return "the broker refused it";
+            return "the broker refused it: another process may have that place";
         case EPERM:
             return "the policy of the bus forbids it";
         case ETIMEDOUT:
