@@ -66,8 +66,9 @@ class RrmConsole(Console):
 
     async def refresh(self):
         """Asks for the radios; without hostapd lumd does not answer that."""
-        if not self.hostapd_runs:
-            self.show.text("hostapd is not running: this is what was known before")
+        if not self.hostapd_runs or not self.lab.service.links:
+            why = "hostapd is not running" if self.lab.service.links else "there is no link"
+            self.show.text(f"{why}: this is what was known before")
             return
         await self.ask({"cmd": "rrm-request-mode"}, "rrm-mode-response",
                        self.configuration_seconds)  # of one that is being carried out
@@ -85,7 +86,7 @@ class RrmConsole(Console):
         await self.refresh()
         hostapd = "running" if self.hostapd_runs else "stopped"
         self.show.heading(f"access point {self.known.mac}, domain {self.known.domain}, "
-                          f"{'subscribed' if self.known.subscribed else 'not subscribed'}, "
+                          f"{self.link}, {'subscribed' if self.known.subscribed else 'not subscribed'}, "
                           f"hostapd {hostapd}")
         self.show.text(tables.overview(self.known, self.show.width))
         return self.known.as_json()
@@ -105,10 +106,7 @@ class RrmConsole(Console):
             raise Refused(f"not JSON: {error}") from error
         before = len(self.lab.checker.found)
         await self.ask(message)
-        complaints = [f"{complaint}" for complaint in self.lab.checker.found[before:]]
-        for complaint in complaints:
-            self.show.text(f"not as the schemas want it: {complaint}")
-        return {"complaints": complaints}
+        return {"complaints": self.lab.checker.found[before:]}
 
     async def hostapd(self, action):
         """hostapd stop|start: the daemon goes away or comes back"""

@@ -153,6 +153,7 @@ def test_a_command_that_makes_no_sense_is_explained_and_the_session_goes_on(sess
     session.read_until("there is no radio wlan5")
     session.type("fault")
     session.read_until("everything works")
+    assert "\x1b" not in session.output, "colours are for terminals"
     session.type("quit")
     assert session.end() == 1, "not all of the commands were done"
 
