@@ -21,7 +21,10 @@ from labshow.outcome import FAILED, INTERRUPTED, Outcome
 from labshow.portal_console import PortalConsole
 from labshow.process import Build, LabError, find_build
 from labshow.prompt import Prompt
+from labshow.recording import RecordingError
+from labshow.replay import Replay
 from labshow.rrm_console import RrmConsole
+from labshow.script import Difference
 from labshow.show import Show
 from labshow.trial import Trial
 from labshow.wids_console import WidsConsole
@@ -30,6 +33,7 @@ from labtalk.quiet import NOISE
 
 PRESET = "release"
 CONSOLES = {"rrm": RrmConsole, "wids": WidsConsole, "portal": PortalConsole}
+DIFFERENT_STATUS = 3
 USUAL_SCENARIOS = {"rrm": "office", "wids": "wids-sentry", "portal": "minimal"}
 
 
@@ -44,9 +48,9 @@ def programs(options):
     return Build(pathlib.Path(options.bin), pathlib.Path(options.bin).parent / "lib")
 
 
-def make_lab(options, show, scenario, mode):
+def make_lab(options, show, scenario, mode, record=None):
     """`mode`: None is the scenario's."""
-    lab = Lab(scenario, mode, programs(options), options.speed)
+    lab = Lab(scenario, mode, programs(options), options.speed, lumd=options.lumd, record=record)
     hidden = frozenset() if options.verbose else NOISE
     lab.journal.listen(lambda event: event["what"] in hidden or show.event(event))
     return lab
@@ -79,15 +83,32 @@ async def conversation(lab, console):
         raise LabError(f"not as the schemas want it: {lab.checker.found[0]}")
 
 
+async def replayed(options, show):
+    """0 when lumd did all that was recorded, 3 when it did something otherwise."""
+    replay = Replay(options.replay, programs(options), options.lumd)
+    show.heading(f"{options.replay} to {replay.lab.program}")
+    command = f"replay {options.replay}"
+    try:
+        acts = await replay.run()
+    except Difference as difference:
+        show.outcome(Outcome(command, FAILED, f"the first difference is at {difference}"))
+        return DIFFERENT_STATUS
+    show.text(f"all {acts} acts of the recording, and no other")
+    show.outcome(Outcome(command, result={"acts": acts}))
+    return 0
+
+
 async def session(options, show, prompt):
     """The whole show; the exit status."""
     scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
     if options.service:
         return await Trial(options, options.mode, scenario, programs(options), show, prompt).run()
+    if options.replay:
+        return await replayed(options, show)
     if not contract.IS_COMPLETE:
         show.heading("python3-jsonschema is not installed: of messages only their names and the "
                      "order of their members are looked at")
-    lab = make_lab(options, show, scenario, options.mode)
+    lab = make_lab(options, show, scenario, options.mode, options.record)
     if options.once:
         await in_lab(lab, show, conversation)
         show.heading("done")
@@ -134,6 +155,11 @@ def arguments():
     parser.add_argument("--json", action="store_true",
                         help="one JSON object an event, and one a command: what became of it")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
+    tape = parser.add_argument_group("recordings")
+    tape.add_argument("--record", metavar="FILE", help="write there all that passes at the borders")
+    tape.add_argument("--replay", metavar="FILE",
+                      help="play a recording to lumd and tell what it does otherwise")
+    tape.add_argument("--lumd", metavar="PROGRAM", help="this lumd instead of the build's")
     trial = parser.add_argument_group("somebody else's service")
     trial.add_argument("--service", type=endpoint, metavar="URL",
                        help="ws://HOST:PORT/PATH: it stands in the emulator's place and is judged")
@@ -146,6 +172,10 @@ def arguments():
         if not options.service and getattr(options, {"for": "seconds"}.get(name, name)):
             parser.error(f"--{name} goes with --service")
     options.fleet = options.fleet or 1
+    if options.record and (options.fleet > 1 or options.replay):
+        parser.error("--record goes with one access point, and not with --replay")
+    if options.replay and options.service:
+        parser.error("--replay brings its own service")
     return options
 
 
@@ -196,7 +226,8 @@ def main():
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # nobody reads; nothing to flush at exit
         return 1
-    except (LabError, ScenarioError, BusError, ServiceError, Refused, OSError) as error:
+    except (LabError, RecordingError, ScenarioError, BusError, ServiceError, Refused,
+            OSError) as error:
         print(f"run: {error}", file=sys.stderr)
         if options.json:
             show.outcome(Outcome(None, FAILED, f"{error}"))

@@ -42,7 +42,7 @@ class AccessPoint:
                              self.checker)
         self.clients = Clients(self.air, self.kernel, self.daemons["traps"], self.journal,
                                self.clock, scenario["roam-delay"])
-        self._kernel_server = KernelServer(self.kernel)
+        self._kernel_server = KernelServer(self.kernel, self.journal)
         self._control_server = ControlServer(self.commands())
 
     def _make_daemons(self):
@@ -221,10 +221,14 @@ class AccessPoint:
 
     async def iwpriv(self, arguments):
         status, output = await self.kernel.iwpriv(arguments)
+        self.journal.tape("driver", "lumd", "iwpriv", arguments=arguments, status=status,
+                          output=output)
         return {"status": status, "output": output}
 
     async def wpa_cli(self, arguments):
         status, output = await self.hostapd.wpa_cli(arguments)
+        self.journal.tape("hostapd", "lumd", "wpa_cli", arguments=arguments, status=status,
+                          output=output)
         return {"status": status, "output": output}
 
     def _radio(self, ifname):

@@ -56,12 +56,14 @@ class Daemon:
     async def start(self):
         if not self.running:
             await self._bus.start()
+            self.journal.tape("bus", "lab", "join", module=self.module)
             self.journal.add(self.name, "bus", "started")
 
     async def stop(self):
         for task in list(self._tasks):
             task.cancel()
         if self.running:
+            self.journal.tape("bus", "lab", "leave", module=self.module)
             await self._bus.stop()
             self.journal.add(self.name, "bus", "stopped")
 
@@ -75,9 +77,12 @@ class Daemon:
         raise NotImplementedError
 
     def send(self, dst, message):
+        self.journal.tape("bus", "lab", "frame", src=self.module, dst=dst, text=msgbus.text_of(
+            message))
         self._bus.send(dst, message)
 
     def _on_frame(self, _bus, frame):
+        self._tape_heard(frame)
         message = frame.json()
         self.received.append(message if message is not None else
                              frame.payload.decode(errors="replace"))
@@ -91,6 +96,11 @@ class Daemon:
         task = asyncio.create_task(self._respond(frame, message))
         self._tasks.add(task)
         task.add_done_callback(self._tasks.discard)
+
+    def _tape_heard(self, frame):
+        if msgbus.NAMES.get(frame.src) == LUMD:
+            self.journal.tape("bus", "lumd", "frame", src=frame.src, dst=frame.dst, seq=frame.seq,
+                              text=frame.payload.decode(errors="replace"))
 
     def _on_lost(self, _bus, frame):
         self.journal.add(self.name, msgbus.NAMES.get(frame.src, str(frame.src)), "undeliverable")
@@ -106,6 +116,8 @@ class Daemon:
         answer = self._shaped(behaviour, message)
         if answer is None or not self.running:
             return
+        self.journal.tape("bus", "lab", "answer", src=self.module, dst=frame.src, seq=frame.seq,
+                          text=msgbus.text_of(answer))
         self._bus.answer(frame, answer)
         if behaviour.answer != "garbage" and msgbus.NAMES.get(frame.src) == LUMD:
             self._look(self.said_border, answer)

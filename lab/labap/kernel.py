@@ -202,9 +202,9 @@ class KernelServer(UnixServer):
 
     IOCTL, WRITTEN = 1, 2
 
-    def __init__(self, kernel):
+    def __init__(self, kernel, journal):
         super().__init__()
-        self.kernel = kernel
+        self.kernel, self.journal = kernel, journal
 
     async def serve(self, reader, writer):
         greeting = await reader.readexactly(8)
@@ -220,7 +220,13 @@ class KernelServer(UnixServer):
         data = await reader.readexactly(data_size)
         result, answer = 0, b""
         if kind == self.WRITTEN:
-            self.kernel.written(name, data.decode(errors="replace"))
+            text = data.decode(errors="replace")
+            self.journal.tape("driver", "lumd", "write", path=name, content=text)
+            self.kernel.written(name, text)
         else:
+            asked = {"request": request, "ifname": name, "length": length,
+                     "data": data.rstrip(b"\0").hex()}
             result, length, answer = await self.kernel.ioctl(request, name, length, data, order)
+            self.journal.tape("driver", "lumd", "ioctl", **asked, result=result,
+                              out_length=length, answer=answer.hex())
         return struct.pack(order + "iII", result, length, len(answer)) + answer

@@ -166,6 +166,11 @@ class BusClient:
             print(f"msgbus: module {self.module}: {error}", file=sys.stderr)
 
 
+def text_of(message):
+    """What a message is on the wire, as a text."""
+    return _bytes(message).decode(errors="replace")
+
+
 def _bytes(message):
     if isinstance(message, bytes):
         return message

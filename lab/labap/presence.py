@@ -8,6 +8,7 @@ import shutil
 
 UP, DOWN = "0x1003\n", "0x1002\n"
 NOTIFY = "/tmp/.orvanta_notify"
+OWN_PID = "the lab's own"  # in a recording, for the content of a pid file
 HOSTAPD_PID, GUARDD_PID = "/var/run/hostapd.pid", "/var/run/guardd.pid"
 
 
@@ -30,12 +31,15 @@ class Files:
         path.parent.mkdir(parents=True, exist_ok=True)
         if path.is_dir():
             raise ValueError(f"{name} is a folder")
+        self.journal.tape("files", "lab", "write", path=name,
+                          content=OWN_PID if content == f"{os.getpid()}\n" else content)
         new = path.with_name(path.name + ".lab-new")
         new.write_text(content, encoding="utf-8")
         os.replace(new, path)
 
     def remove(self, name):
         path = self.path(name)
+        self.journal.tape("files", "lab", "remove", path=name)
         if path.is_dir():
             shutil.rmtree(path)
         else:

@@ -63,6 +63,7 @@ class ForeignService:
 
     async def drop(self, hard: bool = True) -> None:
         """Cuts the link, as a network that fails."""
+        self.journal.tape("service", "lab", "drop", hard=hard)
         self.journal.add("network", "lumd", "dropped", {"hard": hard})
         self._relay.drop()
 
@@ -106,6 +107,8 @@ class Conversation(Listener):
         self._rules.response(head)
         if self._rules.established:
             self._service.connections += 1
+            self._journal.tape("service", "lumd", "connect", path="".join(self._path),
+                               subprotocol=head.headers.get("sec-websocket-protocol"))
             self._journal.add("lumd", "service", "connected", {
                 "path": "".join(self._path),
                 "subprotocol": head.headers.get("sec-websocket-protocol")})
@@ -134,6 +137,7 @@ class Conversation(Listener):
         message = parsed(text)
         service = self._service
         service.texts[AGENT] += 1
+        self._journal.tape("service", "lumd", "text", text=text)
         self._tell(AGENT, name_of(message), message if message is not None else text)
         if service.mode == "portal":
             return
@@ -146,6 +150,7 @@ class Conversation(Listener):
     def _from_service(self, text):
         message, service = parsed(text), self._service
         service.texts[SERVICE] += 1
+        self._journal.tape("service", "lab", "text", text=text, pieces=1)
         self._tell(SERVICE, name_of(message), message if message is not None else text)
         if service.mode != "portal":
             service.rules.heard(text)
@@ -161,6 +166,8 @@ class Conversation(Listener):
         if self._rules.established:
             self._service.rules.link_lost()
         self._service.known.subscribed = False
+        if speaker == SERVICE:
+            self._journal.tape("service", "lab", "drop", hard=reset)
         self._tell(speaker, "disconnected", {"reset": True} if reset else None)
 
 

@@ -53,10 +53,12 @@ class Service:
         self._server = websocket.Server(self._serve, SUBPROTOCOLS, self._admit)
         await self._server.start(self.host, self.port)
         self.port = self._server.port
+        self.journal.tape("service", "lab", "listen")
 
     async def silence(self):
         """Closes the port and every connection, as a service that is gone."""
         if self._server is not None:
+            self.journal.tape("service", "lab", "silence")
             await self._server.stop()
             self._server = None
 
@@ -73,10 +75,11 @@ class Service:
 
     async def _serve(self, link):
         link.answer_pings = self.answer_pings
-        link.on_ping = lambda: self.journal.add("lumd", "service", "ping",
-                                                None if link.answer_pings else {"answered": False})
+        link.on_ping = lambda: self._pinged(link)
         self.connections += 1
         self.links.append(link)
+        self.journal.tape("service", "lumd", "connect", path=link.path,
+                          subprotocol=link.subprotocol)
         self.journal.add("lumd", "service", "connected", {"path": link.path,
                                                           "subprotocol": link.subprotocol})
         try:
@@ -88,10 +91,17 @@ class Service:
             self.links.remove(link)
             for ap in self.aps.values():
                 ap.subscribed = False
+            self.journal.tape("service", "lumd", "disconnect", code=link.close_code)
             self.journal.add("lumd", "service", "disconnected",
                              {"code": link.close_code} if link.close_code else None)
 
+    def _pinged(self, link):
+        self.journal.tape("service", "lumd", "ping")
+        self.journal.add("lumd", "service", "ping",
+                         None if link.answer_pings else {"answered": False})
+
     async def _receive(self, link, text):
+        self.journal.tape("service", "lumd", "text", text=text)
         for reader in self.readers:
             reader(text)
         try:
@@ -141,6 +151,7 @@ class Service:
                 self._look(link, "to", message)
         text = message if isinstance(message, str) else json.dumps(message, ensure_ascii=False)
         what = message.get("cmd", "message") if isinstance(message, dict) else "message"
+        self.journal.tape("service", "lab", "text", text=text, pieces=pieces)
         self.journal.add("service", "lumd", what, message)
         size = -(-len(text) // max(pieces, 1)) or 1
         parts = [text[at:at + size] for at in range(0, len(text), size)] or [""]
@@ -151,6 +162,7 @@ class Service:
 
     async def drop(self, hard=False):
         """Closes every connection; `hard` without a Close frame."""
+        self.journal.tape("service", "lab", "drop", hard=hard)
         for link in list(self.links):
             self.journal.add("service", "lumd", "dropped", {"hard": hard})
             if hard:
@@ -174,6 +186,8 @@ class Service:
                 "complaints": len(self.checker.found)}
 
     def settings(self, subscribe_answers=None, answer_pings=None, accepting=None):
+        self.journal.tape("service", "lab", "settings", accepting=accepting,
+                          answer_pings=answer_pings)
         for name, value in (("subscribe_answers", subscribe_answers),
                             ("answer_pings", answer_pings), ("accepting", accepting)):
             if value is not None:

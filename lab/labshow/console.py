@@ -167,7 +167,7 @@ class Console:
     async def restart(self):
         """restart: end lumd and start it again"""
         since = self.lab.mark()
-        status = await self.lab.lumd.stop()
+        status = await self.lab.stop_lumd()
         self.lab.ap.files.announce()
         await self.lab.start_lumd()
         await self.back_again(since)

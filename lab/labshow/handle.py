@@ -68,7 +68,7 @@ class LabHandle:
 
     def stop_lumd(self):
         """lumd's exit status after SIGTERM."""
-        return self.run(self.lab.lumd.stop())
+        return self.run(self.lab.stop_lumd())
 
     def start_lumd(self):
         self.run(self.lab.start_lumd())

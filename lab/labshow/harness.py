@@ -21,6 +21,7 @@ from labtalk.waiting import until
 
 from .policy import write_policy
 from .process import TREE, LabError, Process, byte_order, find_build
+from .recording import Recorder
 
 URL_KEYS = {"rrm": "orvanta_service_url", "portal": "roam_service_url",
             "wids": "mac-list-service-url"}
@@ -35,17 +36,22 @@ CONNECTED_FLAG = "/tmp/.orvanta-connected"
 class Lab:
     """`mode`: rrm, portal or wids (the scenario's when None). `speed`: how much faster than real
     time lumd and the lab run. `config`: more lines for lumd's configuration file. `endpoint`: of
-    somebody else's service, which then stands in the place of the lab's own."""
+    somebody else's service, which then stands in the place of the lab's own. `lumd`: a program in
+    the place of the build's. `record`: a file for the whole conversation (see recording.py)."""
 
     def __init__(self, scenario="minimal", mode=None, build=None, speed=1.0, config=(),
-                 environment=None, endpoint=None):
+                 environment=None, endpoint=None, lumd=None,
+                 record=None):
         self.scenario = scenarios.load(scenario) if isinstance(scenario, (str, os.PathLike)) \
             else scenarios.complete(scenario)
         self.mode = mode or self.scenario["mode"]
         self.build, self.speed, self.endpoint = build or find_build(), speed, endpoint
+        self._record, self._recorder = record, None
+        self.program = pathlib.Path(lumd or self.build.bin / "lumd")
         self.extra_config, self.extra_environment = list(config), dict(environment or {})
         self.journal = Journal()
         self.checker = Checker(self.journal)  # of all that is said around this lumd
+        self.order = None  # of bytes, on lumd's machine
         self.folder = self.clock = self.ap = self.service = self.broker = self.lumd = None
 
     async def start(self, start_lumd=True):
@@ -56,20 +62,20 @@ class Lab:
             raise
 
     async def _start(self, start_lumd):
-        for program in (self.build.bin / "msgbusd", self.build.bin / "lumd",
+        for program in (self.build.bin / "msgbusd", self.program,
                         self.build.lib / "liblabkernel.so"):
             if not program.exists():
                 raise LabError(f"{program} is not built")
+        if self._record is not None:
+            self._recorder = Recorder(self._record, self)
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="lumd-lab-"))
         self.bus_path = self.folder / "bus.sock"
         self.lumd_log = self.folder / "lumd.log"
         self.broker = Process("msgbusd", self.folder / "msgbusd.out")
         await self._start_broker()
-        order = byte_order(self.build.bin / "lumd")
-        self.clock = LabClock(self.speed, self.folder / "clock", order)
-        self.ap = AccessPoint(self.scenario, self.folder / "root", self.bus_path,
-                              self.folder / "platform", self.clock, order, self.journal,
-                              self.checker)
+        self.order = byte_order(self.program)
+        self.clock = LabClock(self.speed, self.folder / "clock", self.order)
+        self.ap = self._make_access_point()
         await self.ap.start()
         self.service = self._make_service()
         await self.service.start(self.folder / "service.sock")
@@ -77,6 +83,11 @@ class Lab:
         self.lumd = Process("lumd", self.folder / "lumd.out")
         if start_lumd:
             await self.start_lumd()
+
+    def _make_access_point(self):
+        return AccessPoint(self.scenario, self.folder / "root", self.bus_path,
+                           self.folder / "platform", self.clock, self.order, self.journal,
+                           self.checker)
 
     def _make_service(self):
         if self.endpoint is not None:
@@ -136,8 +147,18 @@ class Lab:
         return self._environment(**{**own, **self.extra_environment})
 
     async def start_lumd(self):
-        await self.lumd.start([*self.build.emulator, self.build.bin / "lumd", "-f",
-                               self.config_path], self.lumd_environment())
+        self.journal.tape("lumd", "lab", "start")
+        await self.lumd.start([*self.build.emulator, self.program, "-f", self.config_path],
+                              self.lumd_environment())
+
+    async def stop_lumd(self):
+        """lumd's exit status after SIGTERM; None when it was not started."""
+        if self.lumd.pid is None:
+            return None
+        self.journal.tape("lumd", "lab", "stop")
+        status = await self.lumd.stop()
+        self.journal.tape("lumd", "lumd", "end", status=status)
+        return status
 
     async def restart_broker(self, away=0.0):
         """Kills the broker and starts another after `away` real seconds; the daemons join it."""
@@ -155,7 +176,9 @@ class Lab:
         """Ends everything in reverse order; harmless when called again. lumd's exit status."""
         status = None
         if self.lumd is not None:
-            status = await self.lumd.stop()
+            status = await self.stop_lumd()
+        if self._recorder is not None:  # what the lab does to itself concerns nobody
+            self._recorder.close()
         for part in (self.service, self.ap, self.broker):
             if part is not None:
                 await part.stop()

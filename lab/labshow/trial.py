@@ -27,7 +27,8 @@ class Trial:
         self.options, self.show, self.prompt = options, show, prompt
         whole = scenarios.load(scenario)
         self.labs = [Lab(fleet.member(whole, number), mode or whole["mode"], build, options.speed,
-                         endpoint=options.service) for number in range(options.fleet)]
+                         endpoint=options.service, lumd=options.lumd,
+                         record=options.record) for number in range(options.fleet)]
         self.verdict = Verdict(self.labs, {
             "service": str(options.service), "mode": self.labs[0].mode, "scenario": whole["name"],
             "speed": options.speed})

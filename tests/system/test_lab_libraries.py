@@ -45,7 +45,7 @@ def through_the_library(root, calls):
 
 def ioctls(ap, calls):
     async def serve():
-        server = KernelServer(ap.kernel)
+        server = KernelServer(ap.kernel, ap.journal)
         await server.start(str(ap.root / "kernel.sock"))
         try:
             return await asyncio.to_thread(through_the_library, ap.root, calls)
