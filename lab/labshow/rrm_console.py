@@ -84,10 +84,10 @@ class RrmConsole(Console):
     async def status(self):
         """status: ask lumd for its radios and show what the service knows"""
         await self.refresh()
+        subscribed = "subscribed" if self.known.subscribed else "not subscribed"
         hostapd = "running" if self.hostapd_runs else "stopped"
         self.show.heading(f"access point {self.known.mac}, domain {self.known.domain}, "
-                          f"{self.link}, {'subscribed' if self.known.subscribed else 'not subscribed'}, "
-                          f"hostapd {hostapd}")
+                          f"{self.link}, {subscribed}, hostapd {hostapd}")
         self.show.text(tables.overview(self.known, self.show.width))
         return self.known.as_json()
 
