@@ -36,7 +36,8 @@ class Console:
     def __init__(self, lab, show):
         self.lab, self.show = lab, show
         self.has_given_up = False  # lumd's link: it makes none until it is restarted
-        self.successor = None  # (scenario, mode or None) of the lab that is to follow this one
+        # Of the lab that is to follow this one: scenario, mode or None, and where it is recorded.
+        self.successor = None
 
     def commands(self):
         """The methods by the names under which they are typed."""
@@ -45,7 +46,7 @@ class Console:
     def common_commands(self):
         return {"drop-link": self.drop_link, "restart": self.restart, "show": self.show_event,
                 "log": self.log, "fault": self.fault, "scenario": self.scenario,
-                "help": self.help}
+                "record": self.record, "help": self.help}
 
     def choices(self, words):
         """What the next word of a line may be, `words` being those before it."""
@@ -221,6 +222,15 @@ class Console:
         scenarios.load(name)
         self.successor = (name, mode)
         return None
+
+    async def record(self, path):
+        """record FILE: this lab once more from its beginning, all that passes written there"""
+        try:
+            with open(path, "ab"):
+                pass
+        except OSError as error:
+            raise Refused(f"{path}: {error.strerror}") from error
+        self.successor = (self.lab.scenario, self.lab.mode, path)
 
     async def help(self, name=None):
         """help [COMMAND]: how commands are typed"""

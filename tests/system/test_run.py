@@ -161,6 +161,7 @@ def test_a_command_that_makes_no_sense_is_explained_and_the_session_goes_on(sess
 def test_a_machine_reads_an_object_a_line_and_how_each_command_and_all_ended(folder):
     script = [("unlink", "done"), ("up text", "refused"), ("restart", "done"), ("status", "done"),
               ("fault daemon hubd pause", "refused"), ("scenario wids-sentry wids", "done"),
+              ("record /nowhere/tape", "refused"), (f"record {folder}/tape", "done"),
               ("push", "done"), ("frobnicate", "unknown"), ("show 1", "done")]
     result = subprocess.run(command("--json", "--mode", "portal", "--speed", "5"),
                             input="\n".join(line for line, _ in script), capture_output=True,
@@ -174,6 +175,9 @@ def test_a_machine_reads_an_object_a_line_and_how_each_command_and_all_ended(fol
     assert outcomes["up text"]["reason"] == "there is no link (restart)"
     assert outcomes["status"]["result"]["connections so far"] == 2
     assert result.returncode == 1
+    tape = folder / "tape"
+    assert '"mac-list-received"' in tape.read_text(encoding="utf-8").replace("\\", "")
+    tape.unlink()
     assert_nothing_left(folder, [])
 
 
