@@ -116,4 +116,11 @@ class Editor:
         """The next line; None at the end of the input."""
         if self._typing is None:
             self._typing = asyncio.ensure_future(self._type())
-        return await self._queue.get()
+        line = asyncio.ensure_future(self._queue.get())
+        try:
+            await asyncio.wait([line, self._typing], return_when=asyncio.FIRST_COMPLETED)
+            if not line.done():
+                self._typing.result()  # raises what ended it, unless it has left a line
+            return await line
+        finally:
+            line.cancel()

@@ -213,8 +213,10 @@ def test_at_a_terminal_a_line_is_completed_and_not_torn_and_ctrl_c_ends_it(folde
     shown = terminal.read_until("lab>")
     assert [line for line in shown.splitlines() if len(line) > COLUMNS] == []
     terminal.read_until("rrm │ connected │ subscribed │ clients: 1 │ minimal")
-    terminal.type("scan --del\t")
-    terminal.read_until("--delay")
+    terminal.type("scan --del")
+    terminal.read_until("scan --del")
+    terminal.type("\t")
+    terminal.read_until("ay")  # what was lacking
     control, = folder.glob("lumd-lab-*/root/control.sock")
     with ControlClient(control) as ap:
         ap.call("daemon", name="portal", action="stop")
