@@ -295,12 +295,18 @@ def totals(pid):
     return [sum(column) for column in list(zip(*tasks(pid)))[1:]]
 
 
-def memory(pid):
-    """Resident and private KiB."""
+def smaps(pid):
+    """KiB of each kind."""
     values = {}
     for entry in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()[1:]:
         name, value = entry.split(":")
         values[name] = int(value.split()[0])
+    return values
+
+
+def memory(pid):
+    """Resident and private KiB."""
+    values = smaps(pid)
     return values["Rss"], values["Private_Clean"] + values["Private_Dirty"]
 
 
