@@ -30,6 +30,7 @@ from labshow.trial import Trial
 from labshow.wids_console import WidsConsole
 from labtalk import contract
 from labtalk.quiet import NOISE
+from labtalk.resources import IS_INSTALLED
 
 PRESET = "release"
 CONSOLES = {"rrm": RrmConsole, "wids": WidsConsole, "portal": PortalConsole}
@@ -217,7 +218,7 @@ def main():
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, end_at_signal)
     try:
-        if not options.bin:
+        if not options.bin and not IS_INSTALLED:
             show.heading("building")
             build(PRESET, show)
         status, outcome = asyncio.run(supervised(options, show))

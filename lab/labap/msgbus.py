@@ -6,10 +6,11 @@ the machine that the bus serves (`order`: "<" or ">").
 import asyncio
 import dataclasses
 import json
-import pathlib
 import re
 import struct
 import sys
+
+from labtalk.resources import resource
 
 MAGIC = 0xB5
 VERSION = 1
@@ -20,7 +21,7 @@ DATA, ATTACH, UNDELIVERABLE = 0, 1, 2
 HEADER_SIZE = 17
 HOST_ORDER = "<" if sys.byteorder == "little" else ">"
 
-NAMED = pathlib.Path(__file__).parents[2] / "platform/msgbus/include/msgbus_modules.h"
+NAMED = resource("msgbus_modules.h")
 
 # The modules that have a name: their numbers by it.
 MODULES = {name: int(number) for number, name in

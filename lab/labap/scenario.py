@@ -5,9 +5,12 @@ is found when it is written and not when a test does not fail.
 """
 import copy
 import json
+import os
 import pathlib
 
-FOLDER = pathlib.Path(__file__).resolve().parent.parent / "scenarios"
+from labtalk.resources import resource
+
+FOLDER = resource("scenarios")
 
 CHANNELS_24G = list(range(1, 14))
 CHANNELS_5G = [36, 40, 44, 48, 52, 56, 60, 64, 100, 104, 108, 112, 116, 120, 124, 128, 132, 136,
@@ -49,7 +52,7 @@ class ScenarioError(Exception):
     """What is wrong with a scenario, and where in it."""
 
 
-def load(name):
+def load(name: str | os.PathLike) -> dict:
     """A complete scenario from a name of the scenarios folder or from a path."""
     path = pathlib.Path(name)
     if not path.suffix and not path.exists():
@@ -71,7 +74,7 @@ def names():
     return sorted(entry.stem for entry in FOLDER.glob("*.json"))
 
 
-def complete(given):
+def complete(given: dict) -> dict:
     """The scenario with every default filled in; ScenarioError names what does not belong."""
     scenario = fill(given, DEFAULTS, "scenario")
     scenario["factory"] = fill(scenario["factory"], DEFAULTS["factory"], "factory")

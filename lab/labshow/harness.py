@@ -8,19 +8,22 @@ import pathlib
 import shutil
 import signal
 import tempfile
+from collections.abc import Callable, Sequence
 
 from labap import scenario as scenarios
 from labap.accesspoint import AccessPoint
 from labap.clock import LabClock
+from labservice.endpoint import Endpoint
 from labservice.foreign import ForeignService
 from labservice.server import Service
 from labtalk import journal as journals
 from labtalk.contract import Checker
 from labtalk.journal import Journal
+from labtalk.resources import resource
 from labtalk.waiting import until
 
 from .policy import write_policy
-from .process import TREE, LabError, Process, byte_order, find_build
+from .process import Build, LabError, Process, byte_order, find_build
 from .recording import Recorder
 
 URL_KEYS = {"rrm": "orvanta_service_url", "portal": "roam_service_url",
@@ -39,9 +42,10 @@ class Lab:
     somebody else's service, which then stands in the place of the lab's own. `lumd`: a program in
     the place of the build's. `record`: a file for the whole conversation (see recording.py)."""
 
-    def __init__(self, scenario="minimal", mode=None, build=None, speed=1.0, config=(),
-                 environment=None, endpoint=None, lumd=None,
-                 record=None):
+    def __init__(self, scenario: str | os.PathLike | dict = "minimal", mode: str | None = None,
+                 build: Build | None = None, speed: float = 1.0, config: Sequence[str] = (),
+                 environment: dict[str, str] | None = None, endpoint: Endpoint | None = None,
+                 lumd: str | os.PathLike | None = None, record: str | os.PathLike | None = None):
         self.scenario = scenarios.load(scenario) if isinstance(scenario, (str, os.PathLike)) \
             else scenarios.complete(scenario)
         self.mode = mode or self.scenario["mode"]
@@ -54,7 +58,8 @@ class Lab:
         self.order = None  # of bytes, on lumd's machine
         self.folder = self.clock = self.ap = self.service = self.broker = self.lumd = None
 
-    async def start(self, start_lumd=True):
+    async def start(self, start_lumd: bool = True) -> None:
+        """Everything, lumd last; when something fails, nothing is left of it."""
         try:
             await self._start(start_lumd)
         except BaseException:
@@ -119,7 +124,8 @@ class Lab:
         writer.close()
         return True
 
-    def write_config(self):
+    def write_config(self) -> None:
+        """lumd's configuration file, config_path."""
         lines = [f"{URL_KEYS[self.mode]}=ws://127.0.0.1:{self.service.port}{self.service.path}",
                  "initial_connection_delay=1", "max_connection_delay=8",
                  f"ap_location={self.scenario['ap-location']}", f"log_level={EVERY_LOG_LEVEL}",
@@ -131,7 +137,7 @@ class Lab:
     def _environment(self, **more):
         return {**os.environ, "MSGBUS_SOCKET": str(self.bus_path), **more}
 
-    def lumd_environment(self):
+    def lumd_environment(self) -> dict[str, str]:
         """What lumd is started with."""
         preload = [self.build.lib / "liblabkernel.so"]
         if self.speed != 1:
@@ -143,15 +149,16 @@ class Lab:
         own = {"LAB_ROOT": str(self.ap.root), "LUMD_PLATFORM_DIR": str(self.folder / "platform"),
                "LD_PRELOAD": " ".join(map(str, preload)), "ASAN_OPTIONS": options,
                "LAB_CLOCK_FILE": str(self.folder / "clock"),
-               "PATH": f"{TREE / 'lab' / 'bin'}:{os.environ.get('PATH', '')}"}
+               "PATH": f"{resource('bin')}:{os.environ.get('PATH', '')}"}
         return self._environment(**{**own, **self.extra_environment})
 
-    async def start_lumd(self):
+    async def start_lumd(self) -> None:
+        """Starts the process, and waits for nothing that it does."""
         self.journal.tape("lumd", "lab", "start")
         await self.lumd.start([*self.build.emulator, self.program, "-f", self.config_path],
                               self.lumd_environment())
 
-    async def stop_lumd(self):
+    async def stop_lumd(self) -> int | None:
         """lumd's exit status after SIGTERM; None when it was not started."""
         if self.lumd.pid is None:
             return None
@@ -160,7 +167,7 @@ class Lab:
         self.journal.tape("lumd", "lumd", "end", status=status)
         return status
 
-    async def restart_broker(self, away=0.0):
+    async def restart_broker(self, away: float = 0.0) -> None:
         """Kills the broker and starts another after `away` real seconds; the daemons join it."""
         self.broker.signal(signal.SIGKILL)
         await self.broker.wait()
@@ -172,7 +179,7 @@ class Lab:
         for daemon in self.ap.daemons.values():
             await daemon.start()
 
-    async def stop(self):
+    async def stop(self) -> int | None:
         """Ends everything in reverse order; harmless when called again. lumd's exit status."""
         status = None
         if self.lumd is not None:
@@ -188,11 +195,12 @@ class Lab:
 
     # Waiting
 
-    def mark(self):
+    def mark(self) -> int:
         """A place in the conversation to wait from."""
         return len(self.journal.events)
 
-    async def wait(self, what, since=0, timeout=WAIT, predicate=None, **match):
+    async def wait(self, what: str, since: int = 0, timeout: float = WAIT,
+                   predicate: Callable[[dict], bool] | None = None, **match) -> dict:
         """The first event of that kind after `since`; LabError tells what came instead."""
         waiting = asyncio.create_task(
             self.journal.wait(since, timeout, predicate, what=what, **match))
@@ -210,7 +218,7 @@ class Lab:
             raise LabError(self.explain(f"no {what!r} {match or ''} within {timeout:g} s"))
         return event
 
-    async def wait_subscribed(self, timeout=30.0):
+    async def wait_subscribed(self, timeout: float = 30.0) -> dict:
         """The subscribe request, once its answer has been accepted."""
         event = await self.wait("subscribe-request", timeout=timeout)
         await self.wait("subscribe-response", event["n"])
@@ -218,7 +226,7 @@ class Lab:
             raise LabError(self.explain(f"{CONNECTED_FLAG} did not appear within {timeout:g} s"))
         return event
 
-    async def settle(self, quiet=0.6, limit=10.0):
+    async def settle(self, quiet: float = 0.6, limit: float = 10.0) -> None:
         """Waits until nothing was said for `quiet` seconds."""
         for _ in range(int(limit / quiet)):
             before = self.mark()
@@ -226,7 +234,7 @@ class Lab:
             if before == self.mark():
                 return
 
-    def explain(self, problem):
+    def explain(self, problem: str) -> str:
         """The problem, the end of the conversation and of lumd's log."""
         events = "\n".join("  " + journals.line(event)
                            for event in self.journal.events[-SHOWN_EVENTS:])
@@ -236,7 +244,7 @@ class Lab:
         log = "\n".join("  " + text for text in told[-SHOWN_LOG_LINES:])
         return f"{problem}\nlumd is {state}; the last events:\n{events}\nlumd's log ends:\n{log}"
 
-    def log_lines(self):
+    def log_lines(self) -> list[str]:
         """What lumd and the tools it runs wrote to standard output and error, then its log."""
         lines = []
         for path in (self.lumd.output if self.lumd is not None else None, self.lumd_log):

@@ -1,9 +1,9 @@
 """The policy of the lab's bus: the packaged one, for the user that runs the lab."""
 import os
 
-from .process import TREE
+from labtalk.resources import resource
 
-PACKAGED = TREE / "packaging" / "msgbusd.conf"
+PACKAGED = resource("msgbusd.conf")
 
 
 def write_policy(path):

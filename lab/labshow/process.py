@@ -7,7 +7,10 @@ import pathlib
 import shlex
 import signal
 
-TREE = pathlib.Path(__file__).resolve().parent.parent.parent
+from labtalk.resources import IS_INSTALLED, TREE
+
+# Where packages put the programs and the preload libraries.
+PACKAGED_PROGRAMS, PACKAGED_LIBRARIES = pathlib.Path("/usr/sbin"), pathlib.Path("/usr/lib/lumd-lab")
 PR_SET_PDEATHSIG = 1
 ELF_DATA, ELF_LITTLE_ENDIAN = 5, 1  # elf(5): e_ident[EI_DATA], ELFDATA2LSB
 STOP_PATIENCE = 10.0  # real seconds until SIGKILL
@@ -21,10 +24,12 @@ class LabError(Exception):
 
 def find_build(preset="release"):
     """Where the programs and the preload libraries are: $LUMD_BIN_DIR and $LUMD_LIB_DIR, or the
-    folders of a preset. $LUMD_EMULATOR is the command that runs programs of another machine."""
+    folders of a preset, of an installed lab those of packages. $LUMD_EMULATOR is the command that runs programs of another machine."""
     build = TREE / "build" / preset
-    return Build(pathlib.Path(os.environ.get("LUMD_BIN_DIR", build / "bin")),
-                 pathlib.Path(os.environ.get("LUMD_LIB_DIR", build / "lib")),
+    programs, libraries = (PACKAGED_PROGRAMS, PACKAGED_LIBRARIES) if IS_INSTALLED else \
+        (build / "bin", build / "lib")
+    return Build(pathlib.Path(os.environ.get("LUMD_BIN_DIR", programs)),
+                 pathlib.Path(os.environ.get("LUMD_LIB_DIR", libraries)),
                  tuple(shlex.split(os.environ.get("LUMD_EMULATOR", ""))))
 
 

@@ -8,6 +8,7 @@ A file whose name ends with .gz is packed.
 """
 import gzip
 import json
+import os
 import time
 
 from .process import byte_order
@@ -43,7 +44,7 @@ class Recorder:
         self._file.close()
 
 
-def load(path):
+def load(path: str | os.PathLike) -> tuple[dict, list[dict]]:
     """(head, entries); RecordingError when the file is no recording."""
     try:
         with opened(path, "rt") as file:

@@ -13,7 +13,7 @@ from labtalk.control import ControlServer
 from labservice.server import SUBPROTOCOLS
 
 from .harness import Lab
-from .process import LabError, byte_order
+from .process import Build, LabError, byte_order
 from .recording import RecordingError, load
 from .script import Difference, Script
 
@@ -190,7 +190,8 @@ class Replay:
     """Plays a recording to a lumd: the build's, or the program `lumd`. `longest_pause`: real
     seconds; what happens to lumd after a longer one happens sooner."""
 
-    def __init__(self, path, build, lumd=None, longest_pause=math.inf):
+    def __init__(self, path: str | os.PathLike, build: Build,
+                 lumd: str | os.PathLike | None = None, longest_pause: float = math.inf):
         self.head, entries = load(path)
         order = byte_order(lumd or build.bin / "lumd")
         if self.head["order"] != order:
@@ -202,7 +203,7 @@ class Replay:
         paths = [entry["path"] for entry in entries if entry["what"] == "connect"]
         self.lab = PlayedLab(self.head, build, lumd, self.actor, paths[0] if paths else "/agent")
 
-    async def run(self):
+    async def run(self) -> int:
         """How many acts were the same; Difference tells the first other one."""
         try:
             await self.lab.start(start_lumd=False)

@@ -9,14 +9,15 @@ lumd does.
 """
 import functools
 import json
-import pathlib
 
 try:
     from jsonschema import Draft202012Validator
 except ImportError:
     Draft202012Validator = None
 
-FOLDER = pathlib.Path(__file__).resolve().parents[2] / "schemas"
+from .resources import resource
+
+FOLDER = resource("schemas")
 IS_COMPLETE = Draft202012Validator is not None
 LONGEST_COMPLAINT = 300
 ANNOTATIONS = frozenset({"title", "description", "default", "examples"})
@@ -31,12 +32,12 @@ def document(name):
     return json.loads((FOLDER / f"{name}.json").read_text(encoding="utf-8"))
 
 
-def borders():
+def borders() -> list[str]:
     return sorted(path.stem for path in FOLDER.glob("*-lumd.json"))
 
 
 @functools.lru_cache(maxsize=None)
-def messages(border):
+def messages(border: str) -> dict[str, dict]:
     """{name: schema} of a border, with every reference replaced by what it stands for."""
     return {name: resolved(schema, border) for name, schema in document(border)["$defs"].items()
             if not schema.get("x-part")}
@@ -67,7 +68,7 @@ def _is_annotation(key):
     return key in ANNOTATIONS or key.startswith("x-")
 
 
-def name_of(border, message):
+def name_of(border: str, message: dict) -> str | None:
     """Which message of the border it is, None when it does not say."""
     if border in ONLY_MESSAGE:
         return ONLY_MESSAGE[border]
@@ -75,7 +76,7 @@ def name_of(border, message):
     return name if isinstance(name, str) else None
 
 
-def complaints(border, message):
+def complaints(border: str, message: object) -> list[str]:
     """Everything that is wrong with a message at that border."""
     if not isinstance(message, dict):
         return ["not a JSON object"]
@@ -91,7 +92,7 @@ def complaints(border, message):
     return ([] if taken else out_of_order(message, schema, "")) + _errors(border, name, message)
 
 
-def text_complaints(name, text):
+def text_complaints(name: str, text: str) -> list[str]:
     """Everything that is wrong with a text for a driver or hostapd."""
     return _errors(TEXTS, name, text)
 

@@ -7,6 +7,7 @@ the commands.
 import asyncio
 import json
 import socket
+from typing import Any
 
 from .unixserver import UnixServer
 
@@ -61,13 +62,13 @@ class ControlError(Exception):
 class ControlClient:
     """A blocking client. Not for the thread that runs the lab itself."""
 
-    def __init__(self, path, timeout=30.0):
+    def __init__(self, path: str, timeout: float = 30.0):
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._socket.settimeout(timeout)
         self._socket.connect(str(path))
         self._file = self._socket.makefile("rwb")
 
-    def call(self, cmd, **arguments):
+    def call(self, cmd: str, **arguments) -> Any:
         """The result of a command; ControlError with the reason when it failed."""
         request = {"cmd": cmd, **{key.replace("_", "-"): value
                                   for key, value in arguments.items()}}
@@ -81,7 +82,8 @@ class ControlClient:
             raise ControlError(reply["error"])
         return reply["result"]
 
-    def close(self):
+    def close(self) -> None:
+        """Leaves the lab running."""
         self._file.close()
         self._socket.close()
 

@@ -7,6 +7,7 @@ import asyncio
 import json
 import sys
 import time
+from collections.abc import Callable
 
 WIDTH = 150  # characters of an event's content where no terminal limits it
 NARROW = 110  # columns below which an event is told more briefly
@@ -26,16 +27,17 @@ class Journal:
         self.tapes = []
         self._arrival = asyncio.Event()
 
-    def listen(self, listener):
+    def listen(self, listener: Callable[[dict], None]) -> None:
         """`listener(event)` is called for every new event."""
         self.listeners.append(listener)
 
-    def tape(self, border, by, what, **members):
+    def tape(self, border: str, by: str, what: str, **members) -> None:
         """One entry of a recording; nobody listens as a rule."""
         for tape in self.tapes:
             tape(border, by, what, members)
 
-    def add(self, source, target, what, data=None):
+    def add(self, source: str, target: str, what: str, data: object = None) -> dict:
+        """The new event."""
         event = {"n": len(self.events) + 1, "t": time.time(), "from": source, "to": target,
                  "what": what, "data": data}
         self.events.append(event)
@@ -45,12 +47,13 @@ class Journal:
         arrival.set()
         return event
 
-    def since(self, number, **match):
+    def since(self, number: int, **match) -> list[dict]:
         """Events after event `number` whose members equal those of `match`."""
         match = {key.rstrip("_"): value for key, value in match.items()}
         return [event for event in self.events[max(number, 0):] if matches(event, match)]
 
-    async def wait(self, number=0, timeout=10.0, predicate=None, **match):
+    async def wait(self, number: int = 0, timeout: float = 10.0,
+                   predicate: Callable[[dict], bool] | None = None, **match) -> dict | None:
         """The first event after `number` that matches; None when none came in time."""
         deadline = time.monotonic() + timeout
         while True:
