@@ -96,7 +96,7 @@ void link_cause::see_no_beginning() {
     note(begun_ ? errno_text(end_errno_) : unknown_name);
 }
 
-void link_cause::note(const std::string& text) {
+void link_cause::note(std::string_view text) {
     if (text_.empty())
         text_ = text;
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 // Reads it out of what libwebsockets reports of one attempt and of the link that came of it. What
 // is known first is the cause, what follows its consequence. On the link's thread.
@@ -24,7 +25,7 @@ class link_cause {
     void see_no_beginning();
 
     // The link itself has had enough.
-    void note(const std::string& text);
+    void note(std::string_view text);
 
     // In words; empty while none is known.
     [[nodiscard]] const std::string& text() const { return text_; }

@@ -17,8 +17,9 @@ class link_diary {
 
     static constexpr std::time_t repeat = 3600;  // seconds between two warnings of one cause
 
-    // `name` begins each line, `target` is where the link leads.
-    link_diary(std::string name, std::string target);
+    // `name` begins each line; the others are where the link leads. Borrowed.
+    link_diary(const char* name, const std::string& host, int port, const std::string& path)
+        : name_(name), host_(host), port_(port), path_(path) {}
 
     // An attempt has failed, or the link has ended. Without a cause there is nothing to tell.
     void down(const std::string& cause, std::time_t now);
@@ -30,10 +31,12 @@ class link_diary {
     void look(std::time_t now);
 
   private:
-    void warn(const char* again, std::time_t now);
+    void warn(std::time_t now);
 
-    const std::string name_;
-    const std::string target_;
+    const char* const name_;
+    const std::string& host_;
+    const int port_;
+    const std::string& path_;
     std::string cause_;                    // told last; empty: all is well
     std::time_t told_ = 0;                 // when
     int times_ = 0;                        // how often since then

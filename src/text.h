@@ -32,19 +32,6 @@
     return text;
 }
 
-[[nodiscard]] inline std::string quoted(const std::string& text) {
-    return "'" + printable(text) + "'";
-}
-
-// Without the blanks at both ends.
-[[nodiscard]] inline std::string trimmed(const std::string& text) {
-    constexpr const char* blanks = " \t\r\n";
-    const std::size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
-
 // Reads a number as the conversion %d of scanf(3) does and moves `text` behind it; without a number
 // `text` stays. What does not fit is the nearest int; scanf(3) leaves that case undefined.
 [[nodiscard]] inline std::optional<int> scan_int(const char*& text) {

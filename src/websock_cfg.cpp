@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "logsink.h"
 #include "lum_trace.h"
@@ -164,7 +164,7 @@ bool websock_cfg_t::parse_file(const char* path) {
 
     const file_ptr opened(std::fopen(path, "re"));
     if (!opened) {
-        add_fault(config_fault::kind::unreadable, 0, std::strerror(errno));
+        add_fault(config_fault::kind::unreadable, 0, "%s", std::strerror(errno));
         return false;
     }
     char line[config_line_size];
@@ -177,7 +177,7 @@ bool websock_cfg_t::parse_file(const char* path) {
         begins_line = ends_line;
     }
     if (std::ferror(opened.get()) != 0)
-        add_fault(config_fault::kind::unreadable, 0, std::strerror(errno));
+        add_fault(config_fault::kind::unreadable, 0, "%s", std::strerror(errno));
     return true;  // at the end of the file, be it a failing read
 }
 
@@ -186,44 +186,58 @@ bool websock_cfg_t::apply_line(char* line, bool begins_line) {
     if (key != nullptr)
         return key->apply(*this, line, static_cast<int>(std::strlen(key->prefix)));
     if (begins_line)
-        look_at_unknown(trimmed(line));
+        look_at_unknown(line);
     return true;
 }
 
-void websock_cfg_t::look_at_unknown(const std::string& text) {
-    if (text.empty() || text[0] == '#')
+void websock_cfg_t::look_at_unknown(const char* text) {
+    constexpr const char* blanks = " \t\r\n";
+    text += std::strspn(text, blanks);
+    if (*text == '\0' || *text == '#')
         return;
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos)
+    std::size_t length = std::strcspn(text, "=");
+    if (text[length] == '\0')
         return add_fault(config_fault::kind::no_equals, line_, "has no '=': ignored");
-    const std::string key = trimmed(text.substr(0, equals));
-    if (config_key_length((key + '=').c_str()) == key.size() + 1)
-        return add_fault(config_fault::kind::blanks, line_,
-                         "blanks around " + quoted(key) + ": ignored");
-    add_fault(config_fault::kind::unknown_key, line_, "unknown key " + quoted(key) + ": ignored");
+    while (length > 0 && std::strchr(blanks, text[length - 1]) != nullptr)
+        --length;
+    std::string key(text, length);
+    key += '=';
+    const bool known = config_key_length(key.c_str()) == key.size();
+    const auto kind = known ? config_fault::kind::blanks : config_fault::kind::unknown_key;
+    add_fault(kind, line_, known ? "blanks around '%.*s': ignored" : "unknown key '%.*s': ignored",
+              static_cast<int>(length), text);
 }
 
 void websock_cfg_t::look_at_scheme(const char* scheme) {
-    const std::string what = trimmed(scheme) == "ws"
-                                 ? "blank before the URL"
-                                 : "scheme " + quoted(scheme) + " is not usable";
-    add_fault(config_fault::kind::scheme, line_, what + ": lumd reads the file no further");
+    const char* const plain = scheme + std::strspn(scheme, " \t");
+    add_fault(config_fault::kind::scheme, line_,
+              plain != scheme && std::strcmp(plain, "ws") == 0
+                  ? "blank before '%s': lumd reads the file no further"
+                  : "scheme '%s' is not usable: lumd reads the file no further",
+              plain);
 }
 
 void websock_cfg_t::look_at_endpoint(const char* host, const char* port) {
     if (*host == '\0')
         add_fault(config_fault::kind::host, line_, "the URL has no host");
     if (const int number = to_int(port); number < 1 || number > highest_port)
-        add_fault(config_fault::kind::port, line_,
-                  "port " + quoted(port) + " is not from 1 to " + std::to_string(highest_port));
+        add_fault(config_fault::kind::port, line_, "port '%s' is not from 1 to %d", port,
+                  highest_port);
 }
 
 // What decides over the whole is told however much is wrong with single lines.
-void websock_cfg_t::add_fault(config_fault::kind what, int line, std::string text) {
-    if (faults.size() < most_faults || line == 0 || what == config_fault::kind::scheme)
-        faults.push_back({what, line, std::move(text)});
-    else if (faults.size() == most_faults)
+void websock_cfg_t::add_fault(config_fault::kind what, int line, const char* format, ...) {
+    if (faults.size() > most_faults && line != 0 && what != config_fault::kind::scheme)
+        return;
+    char text[config_line_size + 64];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (faults.size() == most_faults && line != 0 && what != config_fault::kind::scheme)
         faults.push_back({config_fault::kind::more, line, "more is wrong from here on"});
+    else
+        faults.push_back({what, line, printable(text)});
 }
 
 bool websock_cfg_t::setup_service_config(ws_instance_id id, char* line, int prefix_len) {

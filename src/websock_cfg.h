@@ -78,8 +78,9 @@ class websock_cfg_t {
 
   private:
     [[nodiscard]] bool apply_line(char* line, bool begins_line);
-    void add_fault(config_fault::kind what, int line, std::string text);
-    void look_at_unknown(const std::string& text);
+    [[gnu::format(printf, 4, 5)]] void add_fault(config_fault::kind what, int line,
+                                                 const char* format, ...);
+    void look_at_unknown(const char* text);
     void look_at_scheme(const char* scheme);
     void look_at_endpoint(const char* host, const char* port);
 

@@ -144,7 +144,6 @@ class websock_worker : public abstract_worker {
     lws_context_creation_info creation_info{};  // rebuilt on every connect, like the next two
     lws_client_connect_info connect_info{};
     link_cause cause;  // to outlive the context, whose end the library reports
-    link_diary diary;
     std::unique_ptr<lws_context, context_deleter> ws_context
         LUMD_GUARDED_BY(ctx_mutex);  // null while not connected
     lws_callback_function* const callback_ptr;
@@ -152,6 +151,7 @@ class websock_worker : public abstract_worker {
     const std::string domain;
     const std::string path;
     const int port;
+    link_diary diary;
     buffer_info_ptr buffer_info;            // the message being received, never null
     std::vector<buffer_info_ptr> received;  // whole, in this service call; for the partner
     std::array<lws_protocols, 2> protocols{};

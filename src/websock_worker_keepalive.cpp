@@ -74,7 +74,8 @@ void websock_worker::drop_silent_link() {
         return;
     trace.debug("%s->There are no %d pong answer in a row from server\n", worker_name,
                 ping_noanswer);
-    cause.note("no pong came for " + std::to_string(ping_noanswer) + " pings");
+    cause.note("no pong came for 3 pings");
+    static_assert(max_unanswered_pings == 3);
     ping_noanswer = 0;
     lws_callback_process_active = false;
 }

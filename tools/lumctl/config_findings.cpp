@@ -70,6 +70,18 @@ bool is_hexadecimal(const std::string& text) {
            is_number(text.substr(2), "0123456789abcdefABCDEF");
 }
 
+std::string trimmed(const std::string& text) {
+    constexpr const char* blanks = " \t\r\n";
+    const std::size_t begin = text.find_first_not_of(blanks);
+    if (begin == std::string::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+std::string quoted(const std::string& text) {
+    return "'" + printable(text) + "'";
+}
+
 std::string lower_case(std::string text) {
     for (char& c : text)
         c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);

@@ -16,7 +16,9 @@ constexpr const char* up_again = "info: worker->Link to host:80/path is up again
 class LinkDiary : public testing::Test {
   protected:
     LogCapture log{2};
-    link_diary diary{"worker", "host:80/path"};
+    const std::string host = "host";
+    const std::string path = "/path";
+    link_diary diary{"worker", host, 80, path};
 };
 
 TEST_F(LinkDiary, TellsOneCauseOnce) {

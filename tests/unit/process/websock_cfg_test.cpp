@@ -501,7 +501,7 @@ TEST_F(WebsockCfgFaults, AreSchemesThatEndTheReading) {
                 ElementsAre("1: scheme 'wss' is not usable: lumd reads the file no further",
                             "0: no mode is enabled"));
     EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url= ws://host:1/x\n"),
-                ElementsAre("2: blank before the URL: lumd reads the file no further"));
+                ElementsAre("2: blank before 'ws': lumd reads the file no further"));
 }
 
 TEST_F(WebsockCfgFaults, AreEndpointsThatNobodyHas) {
