@@ -38,8 +38,11 @@
 
 namespace {
 
-constexpr std::array<std::string_view, 6> virtual_prefixes = {
-    "/proc/wlan",    "/proc/net/rtk_wifi6",  "/sys/class/net",
+constexpr std::array<std::string_view, 3> kernel_prefixes = {"/proc/wlan", "/proc/net/rtk_wifi6",
+                                                             "/sys/class/net"};
+
+// Of the daemons beside lumd. With LAB_REAL_DAEMONS they are this machine's own.
+constexpr std::array<std::string_view, 3> daemon_prefixes = {
     "/tmp/.orvanta", "/var/run/hostapd.pid", "/var/run/guardd.pid"};
 
 // Scan trigger, BSS transition, vendor command and MIB requests of the two chip families.
@@ -54,6 +57,7 @@ struct OpenedForWriting {
 struct State {
     std::mutex mutex;
     std::string root;
+    bool real_daemons = std::getenv("LAB_REAL_DAEMONS") != nullptr;
     std::map<FILE*, OpenedForWriting> written;
     std::atomic<lab::Kernel*> kernel{nullptr};
 };
@@ -90,10 +94,9 @@ Function* next() {
 }
 
 bool is_virtual(std::string_view path) {
-    for (const std::string_view prefix : virtual_prefixes)
-        if (path.starts_with(prefix))
-            return true;
-    return false;
+    const auto begins = [path](std::string_view prefix) { return path.starts_with(prefix); };
+    return std::ranges::any_of(kernel_prefixes, begins) ||
+           (!state().real_daemons && std::ranges::any_of(daemon_prefixes, begins));
 }
 
 // A path as the process gave it, or where the lab keeps it.
