@@ -57,7 +57,7 @@ def is_code(name):
 
 def configure(files):
     write(SWITCH, f"#define LUMD_MUTANTS {files * PER_FILE}\n{HEADER}".encode())
-    options = ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
+    options = ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", "-DLUMD_UNITY_TESTS=ON",
                "-DCMAKE_C_FLAGS=-O0 -g0 -w", f"-DCMAKE_CXX_FLAGS=-O0 -g0 -w -include {SWITCH}"]
     if shutil.which("ccache"):
         options += [f"-DCMAKE_{language}_COMPILER_LAUNCHER=ccache" for language in ("C", "CXX")]
