@@ -67,7 +67,6 @@ std::string close_text(const void* in, std::size_t len) {
 
 void link_cause::begin() {
     text_.clear();
-    end_errno_ = 0;
     begun_ = false;
     heard_errno = 0;
 }

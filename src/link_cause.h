@@ -41,8 +41,8 @@ class link_cause {
 
     const char* const subprotocol_;
     std::string text_;
-    int end_errno_ = 0;  // when the library gave a connection up that it had not reported yet
-    bool begun_ = false;
+    bool begun_ = false;  // and given up again, without a report
+    int end_errno_ = 0;   // then
 };
 
 #endif

@@ -211,7 +211,7 @@ void websock_cfg_t::look_at_unknown(const char* text) {
 void websock_cfg_t::look_at_scheme(const char* scheme) {
     const char* const plain = scheme + std::strspn(scheme, " \t");
     add_fault(config_fault::kind::scheme, line_,
-              plain != scheme && std::strcmp(plain, "ws") == 0
+              std::strcmp(plain, "ws") == 0
                   ? "blank before '%s': lumd reads the file no further"
                   : "scheme '%s' is not usable: lumd reads the file no further",
               plain);
@@ -227,14 +227,15 @@ void websock_cfg_t::look_at_endpoint(const char* host, const char* port) {
 
 // What decides over the whole is told however much is wrong with single lines.
 void websock_cfg_t::add_fault(config_fault::kind what, int line, const char* format, ...) {
-    if (faults.size() > most_faults && line != 0 && what != config_fault::kind::scheme)
+    const bool counts = line != 0 && what != config_fault::kind::scheme;
+    if (counts && faults.size() > most_faults)
         return;
     char text[config_line_size + 64];
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    if (faults.size() == most_faults && line != 0 && what != config_fault::kind::scheme)
+    if (counts && faults.size() == most_faults)
         faults.push_back({config_fault::kind::more, line, "more is wrong from here on"});
     else
         faults.push_back({what, line, printable(text)});

@@ -104,6 +104,9 @@ TEST_F(LinkCause, OfACloseFrameMayBeNone) {
     see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE);
     EXPECT_EQ(cause.text(), "closed by the service without a code");
     cause.begin();
+    see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, "\x03");
+    EXPECT_EQ(cause.text(), "closed by the service without a code") << "half of one";
+    cause.begin();
     cause.see(nullptr, LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, nullptr, 2);
     EXPECT_EQ(cause.text(), "closed by the service without a code");
 }

@@ -29,8 +29,9 @@ TEST_F(LinkDiary, TellsOneCauseOnce) {
 
 TEST_F(LinkDiary, TellsEachChangeOfTheCause) {
     diary.down("refused", 0);
-    diary.down("time-out", 1);
-    diary.down("refused", 2);
+    diary.down("refused", 1);
+    diary.down("time-out", 2);
+    diary.down("refused", 3);
     EXPECT_THAT(
         log.lines(),
         ElementsAre(refused, "warning: worker->No link to host:80/path: time-out", refused));
@@ -41,6 +42,12 @@ TEST_F(LinkDiary, TellsACauseThatStaysOnceAnHour) {
         diary.down("refused", now);
     const std::string again = std::string(refused) + " (again, 3 times)";
     EXPECT_THAT(log.lines(), ElementsAre(refused, again, again));
+}
+
+TEST_F(LinkDiary, CountsASingleAttemptToo) {
+    diary.down("refused", 0);
+    diary.down("refused", 3600);
+    EXPECT_EQ(log.count("refused (again, 1 times)"), 1);
 }
 
 TEST_F(LinkDiary, TheHourBeginsWithTheLastChange) {
@@ -57,6 +64,9 @@ TEST_F(LinkDiary, HasNothingToTellWithoutACause) {
     diary.up(1);
     diary.look(100);
     EXPECT_THAT(log.lines(), IsEmpty());
+    diary.down("refused", 101);
+    diary.down("", 102);
+    EXPECT_THAT(log.lines(), ElementsAre(refused));
 }
 
 TEST_F(LinkDiary, SaysNothingOfALinkThatIsUpFromTheStart) {

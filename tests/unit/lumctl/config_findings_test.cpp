@@ -97,6 +97,12 @@ TEST_F(ConfigFindings, BlanksAroundAKeyAreTold) {
                             is_warning(3, "blanks around 'log_file'")));
 }
 
+TEST_F(ConfigFindings, TheAdviceFitsTheFinding) {
+    EXPECT_THAT(complaints_about(std::string(rrm_url) + " log_level=3\nloglevel=3\n"),
+                ElementsAre(Field(&finding::advice, HasSubstr("without blanks")),
+                            Field(&finding::advice, HasSubstr("for the keys"))));
+}
+
 TEST_F(ConfigFindings, AKeyThatStandsTwiceIsTold) {
     EXPECT_THAT(complaints_about(std::string(rrm_url) + "log_level=1\nLog_Level=2\n"),
                 ElementsAre(is_warning(3, "'log_level' stands in line 2 too")));

@@ -531,10 +531,17 @@ TEST_F(WebsockCfgFaults, AreFilesThatCannotBeRead) {
 }
 
 TEST_F(WebsockCfgFaults, OfManyLinesTheFirstAndWhatDecidesOverTheWholeAreKept) {
-    std::string text;
-    for (int i = 0; i < 50; ++i)
-        text += "x\n";
-    const std::vector<std::string> told = faults_of(text + "roam_service_url=wss://h:1/x\n");
+    const auto lines = [](int count) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += "x\n";
+        return text;
+    };
+    const std::string wss = "roam_service_url=wss://h:1/x\n";
+    EXPECT_EQ(faults_of(lines(20) + wss)[20],
+              "21: scheme 'wss' is not usable: lumd reads the file no further");
+    EXPECT_EQ(faults_of(lines(20))[20], "0: no mode is enabled");
+    const std::vector<std::string> told = faults_of(lines(50) + wss);
     ASSERT_EQ(told.size(), websock_cfg_t::most_faults + 3);
     EXPECT_EQ(told[19], "20: has no '=': ignored");
     EXPECT_EQ(told[20], "21: more is wrong from here on");
