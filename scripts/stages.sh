@@ -95,6 +95,7 @@ stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
 stage_musl() { scripts/musl; }
 stage_mips() { scripts/mips; }
 stage_debian13() { scripts/debian13; }
+stage_install() { scripts/install; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
 
@@ -117,6 +118,7 @@ packages_of() {
         musl) echo build musl ;;
         mips) echo build test mips ;;
         debian13) echo root ;;
+        install) echo build root package lint guest ;;
         mutate) echo build test mutate ;;
         *) echo build test ;;
     esac
@@ -141,6 +143,7 @@ declare -A purposes=(
     [musl]="src, platform and tools against OpenWrt's C library"
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
+    [install]="the Debian packages under a real systemd: boot, restart, upgrade, removal, confinement"
     [faults]="every call of the agent fails once"
     [mutate]="12 faults put into one room of src/, to be noticed by its tests"
     [soak]="a day in protocol time"
