@@ -138,7 +138,7 @@ class Agent:
 
     def _plain(self, line):
         line = line.partition(" ")[2].replace(str(self.lab.lab.folder), "")
-        return re.sub(r":\d+>", ">", line).strip()
+        return re.sub(r":\d+(?=[>/])", "", line).strip()
 
     def output(self):
         path = self.lab.lab.lumd.output
