@@ -620,15 +620,27 @@ TEST_F(WebsockLink, SendsAMessageThatWakesItInTheSamePass) {
     peer.set_can_run();
     LwsCalls calls;
     calls.withhold_timers = true;
-    std::thread worker([this] { peer.execute(); });
-    EXPECT_TRUE(wait_until([&] { return calls.withheld_timers == 1; }));
-    peer.enqueue("wake up");
-    EXPECT_TRUE(wait_until([&] {
-        service.pump();
-        return service.texts.size() == 1;
-    }));
-    service.drop();
-    worker.join();
+    bool sent = false;
+    // What the library still had to do may end a pass before there is a message: once more then.
+    for (std::size_t count = 1; count <= 5 && !sent; count++) {
+        std::atomic<bool> over = false;
+        const int before = calls.withheld_timers;
+        std::thread worker([&] {
+            peer.execute();
+            over = true;
+        });
+        EXPECT_TRUE(wait_until([&] { return calls.withheld_timers > before; }));
+        peer.enqueue("wake up");
+        EXPECT_TRUE(wait_until([&] {
+            service.pump();
+            return over || service.texts.size() == count;
+        }));
+        sent = service.texts.size() == count;
+        if (sent)
+            service.drop();
+        worker.join();
+    }
+    EXPECT_TRUE(sent);
 }
 
 TEST_F(WebsockLink, AMessageOfThePartnerAlsoEndsTheRunLoopsWait) {
