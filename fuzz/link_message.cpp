@@ -33,6 +33,7 @@ struct Library {
     bool final_fragment = true;
     int buffered = 0;
     bool write_fails = false;
+    unsigned http_status = 0;
     std::string written;  // all text messages, one after the other
 };
 Library library;
@@ -147,11 +148,15 @@ void Link::step() {
             close();
             break;
         case 6:
-            report(LWS_CALLBACK_CLIENT_CONNECTION_ERROR);
+            library.http_status = input_.byte() * 4;
+            report(LWS_CALLBACK_CLIENT_CONNECTION_ERROR, input_.take(input_.byte()));
             break;
-        default:
-            report(static_cast<lws_callback_reasons>(input_.byte()));
+        default: {
+            const auto reason = static_cast<lws_callback_reasons>(input_.byte());
+            const bool explains = reason == LWS_CALLBACK_WS_PEER_INITIATED_CLOSE;
+            report(reason, explains ? input_.take(input_.byte()) : std::string_view{});
             break;
+        }
     }
 }
 
@@ -171,6 +176,10 @@ int lws_is_final_fragment(lws*) {
 
 int lws_partial_buffered(lws*) {
     return library.buffered;
+}
+
+unsigned lws_http_client_http_response(lws*) {
+    return library.http_status;
 }
 
 lws_sockfd_type lws_get_socket_fd(lws*) {
