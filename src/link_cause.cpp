@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "text.h"
 
@@ -71,7 +72,16 @@ void link_cause::begin() {
     heard_errno = 0;
 }
 
+// This and note() are called from within the library, through whose frames nothing may be thrown: a
+// cause that there is no memory for stays unknown.
 void link_cause::see(lws* wsi, lws_callback_reasons reason, const void* in, std::size_t len) {
+    try {
+        learn(wsi, reason, in, len);
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+void link_cause::learn(lws* wsi, lws_callback_reasons reason, const void* in, std::size_t len) {
     switch (reason) {
         case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
             return note(connection_error(wsi, reported_text(in, len)));
@@ -96,8 +106,13 @@ void link_cause::see_no_beginning() {
 }
 
 void link_cause::note(std::string_view text) {
-    if (text_.empty())
+    if (!text_.empty())
+        return;
+    try {
         text_ = text;
+    } catch (const std::bad_alloc&) {
+        text_.clear();
+    }
 }
 
 void link_cause::hear(const char* line) {

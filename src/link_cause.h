@@ -37,6 +37,7 @@ class link_cause {
     static void hear(const char* line);
 
   private:
+    void learn(lws* wsi, lws_callback_reasons reason, const void* in, std::size_t len);
     [[nodiscard]] std::string connection_error(lws* wsi, const std::string& reported) const;
 
     const char* const subprotocol_;

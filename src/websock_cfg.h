@@ -67,13 +67,15 @@ class websock_cfg_t {
     bool setup_service_config(ws_instance_id id, char* line, int prefix_len);
 
     std::array<config_instance_t, WS_INSTANCE_MAX> instance{};
-    int log_level = 0;                 // from the file
-    int reconnect_retries = 3;         // nothing reads it
-    int error = 0;                     // 1: the file could not be read or held a rejected URL
-    std::string wids_mac_list_id;      // from the file
-    std::string file;                  // that -f named
-    std::vector<config_fault> faults;  // in it, in their order; of single lines so many:
+    int log_level = 0;             // from the file
+    int reconnect_retries = 3;     // nothing reads it
+    int error = 0;                 // 1: the file could not be read or held a rejected URL
+    std::string wids_mac_list_id;  // from the file
+    std::string file;              // that -f named
 
+    // What is wrong with the file, in the order of its lines, then what is wrong with the whole.
+    // Of single lines at most most_faults, then one of the kind `more`.
+    std::vector<config_fault> faults;
     static constexpr std::size_t most_faults = 20;
 
   private:
@@ -83,10 +85,10 @@ class websock_cfg_t {
     void look_at_unknown(const char* text);
     void look_at_scheme(const char* scheme);
     void look_at_endpoint(const char* host, const char* port);
-
-    int line_ = 0;  // that is being read
     // Returns the configuration file's path, null without -f.
     const char* parse_options(int argc, const char** argv);
+
+    int line_ = 0;  // that is being read
 };
 
 // Length of the key, its "=" included, that a line of the configuration file begins with; 0 when it
