@@ -57,19 +57,24 @@ def make_lab(options, show, scenario, mode, record=None):
     return lab
 
 
-async def in_lab(lab, show, take_part):
-    """What `take_part(lab, console)` returns, the lab being up meanwhile and only then."""
+async def in_lab(lab, show, take_part, page=None):
+    """What `take_part(lab, console)` returns, the lab being up meanwhile and only then, on `page` as
+    well if there is one."""
     show.heading(f"{lab.mode} mode, scenario {lab.scenario['name']}: "
                  f"{lab.scenario['description']}")
     try:
         await lab.start()
         console = CONSOLES[lab.mode](lab, show)
         lab.journal.listen(console.notice)
+        if page is not None:
+            page.present_lab(lab, console)
         await console.opening()
         result = await take_part(lab, console)
     except ServiceError as error:
         raise LabError(lab.explain(str(error))) from error
     finally:
+        if page is not None:
+            page.clear()
         lab.journal.listeners.clear()  # the end of the lab itself is of no interest
         status = await asyncio.shield(lab.stop())
     if status != 0:
@@ -101,6 +106,20 @@ async def replayed(options, show):
 
 async def session(options, show, prompt):
     """The whole show; the exit status."""
+    if options.console is None:
+        return await show_all(options, show, prompt, None)
+    try:
+        from labconsole.desk import Desk
+    except ImportError as error:
+        raise LabError(f"--console takes python3-aiohttp ({error})") from error
+    async with Desk(options, show) as page:
+        if options.console:
+            return await page.play(options.console)
+        return await show_all(options, show, prompt, page)
+
+
+async def show_all(options, show, prompt, page):
+    """The same, on a page too unless it is None."""
     scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
     if options.service:
         return await Trial(options, options.mode, scenario, programs(options), show, prompt).run()
@@ -111,11 +130,11 @@ async def session(options, show, prompt):
                      "order of their members are looked at")
     lab = make_lab(options, show, scenario, options.mode, options.record)
     if options.once:
-        await in_lab(lab, show, conversation)
+        await in_lab(lab, show, conversation, page)
         show.heading("done")
         return 0
     async with prompt:
-        while successor := await in_lab(lab, show, prompt.interact):
+        while successor := await in_lab(lab, show, prompt.interact, page):
             lab = make_lab(options, show, *successor)
     show.heading("bye")
     return 0
@@ -137,6 +156,14 @@ def endpoint(text):
         raise argparse.ArgumentTypeError(str(error)) from None
 
 
+def port(text):
+    """Of the option --port."""
+    number = int(text)
+    if not 1 <= number <= 65535:
+        raise argparse.ArgumentTypeError(f"{text} is not 1 to 65535")
+    return number
+
+
 def count(text):
     """Of the option --fleet."""
     number = int(text)
@@ -156,6 +183,10 @@ def arguments():
     parser.add_argument("--json", action="store_true",
                         help="one JSON object an event, and one a command: what became of it")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
+    page = parser.add_argument_group("in a browser")
+    page.add_argument("--console", nargs="?", const="", metavar="FILE",
+                      help="show it on a local page as well; FILE: a recording, and nothing else")
+    page.add_argument("--port", type=port, help="of the page, which a later lab then has again")
     tape = parser.add_argument_group("recordings")
     tape.add_argument("--record", metavar="FILE", help="write there all that passes at the borders")
     tape.add_argument("--replay", metavar="FILE",
@@ -169,9 +200,13 @@ def arguments():
                        help="end after so many seconds")
     trial.add_argument("--report", metavar="FILE", help="write there what was held and what not")
     options = parser.parse_args()
+    if options.port and options.console is None:
+        parser.error("--port goes with --console")
     for name in ("fleet", "for", "report"):
         if not options.service and getattr(options, {"for": "seconds"}.get(name, name)):
             parser.error(f"--{name} goes with --service")
+    if options.console is not None and (options.service or options.replay):
+        parser.error("--console goes with the lab's own service")
     options.fleet = options.fleet or 1
     if options.record and (options.fleet > 1 or options.replay):
         parser.error("--record goes with one access point, and not with --replay")
@@ -193,7 +228,7 @@ def whole(status, prompt):
 async def supervised(options, show):
     """(exit status, what became of the session), which SIGTERM and SIGHUP end early, and a SIGINT
     that ends no command."""
-    prompt = Prompt(show)
+    prompt = Prompt(show, stays=options.console is not None)
     task = asyncio.ensure_future(session(options, show, prompt))
     loop, caught = asyncio.get_running_loop(), []
 

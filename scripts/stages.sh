@@ -115,6 +115,9 @@ stage_install() { scripts/install; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
 
+# Pages in a real browser, with the release build: two at a time, each with a browser of its own.
+stage_console() { stage_release_build && run_pytest release -n 2 tests/console; }
+
 # One room a run: to build the tests of all takes five times as long.
 stage_mutate() {
     local room
@@ -134,6 +137,7 @@ packages_of() {
         musl) echo build musl ;;
         mips) echo build test mips ;;
         debian13) echo root ;;
+        console) echo build test console browser ;;
         install) echo build root package lint guest ;;
         mutate) echo build test mutate ;;
         *) echo build test ;;
@@ -160,6 +164,7 @@ declare -A purposes=(
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [install]="the Debian packages under a real systemd: boot, restart, upgrade, removal, confinement"
+    [console]="the lab's pages in a browser: views, commands, load, access, accessibility"
     [faults]="every call of the agent fails once"
     [mutate]="12 faults put into one room of src/, to be noticed by its tests"
     [soak]="a day in protocol time"

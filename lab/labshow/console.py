@@ -38,6 +38,7 @@ class Console:
         self.has_given_up = False  # lumd's link: it makes none until it is restarted
         # Of the lab that is to follow this one: scenario, mode or None, and where it is recorded.
         self.successor = None
+        self.leaving = asyncio.Event()  # there is one
 
     def commands(self):
         """The methods by the names under which they are typed."""
@@ -103,6 +104,11 @@ class Console:
         elif is_farewell(event) and not self.has_given_up:
             self.has_given_up = True
             self.show.text("lumd makes no link any more until it is restarted (restart)")
+
+    def succeed(self, successor):
+        """Has this lab end and that one follow."""
+        self.successor = successor
+        self.leaving.set()
 
     @property
     def link(self):

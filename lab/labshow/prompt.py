@@ -19,10 +19,11 @@ def split(line):
 
 class Prompt:
     """Takes command lines until quit, the end of the input, or the end of lumd. An asynchronous
-    context: within it the terminal is the prompt's."""
+    context: within it the terminal is the prompt's. `stays`: the end of the input ends nothing,
+    because others give commands too."""
 
-    def __init__(self, show):
-        self.show = show
+    def __init__(self, show, stays=False):
+        self.show, self._stays = show, stays
         self.failed = 0       # commands that are not done
         self.console = None   # of the lab that there is now
         self._running = None  # the command under way, unless it has been told to end
@@ -61,23 +62,28 @@ class Prompt:
         self.show.text("\nhelp lists the commands, quit ends")
         try:
             while console.successor is None:
-                if not await self.carry_out(await self._next_line(lab), console):
+                if not await self.carry_out(await self._next_line(lab, console), console):
                     break
             return console.successor
         finally:
             self.console = None
 
-    async def _next_line(self, lab):
+    async def _next_line(self, lab, console):
+        """An empty one when somebody else has this lab end."""
         typed = asyncio.ensure_future(self._lines.next())
         ended = asyncio.ensure_future(lab.lumd.wait(timeout=None))
+        leaving = asyncio.ensure_future(console.leaving.wait())
         try:
-            await asyncio.wait([typed, ended], return_when=asyncio.FIRST_COMPLETED)
+            await asyncio.wait([typed, ended, leaving], return_when=asyncio.FIRST_COMPLETED)
             if ended.done():
                 raise LabError(lab.explain("lumd has ended"))
-            return typed.result()
+            if typed.done() and typed.result() is None and self._stays:
+                await asyncio.wait([ended, leaving], return_when=asyncio.FIRST_COMPLETED)
+                return ""
+            return typed.result() if typed.done() else ""
         finally:
-            typed.cancel()
-            ended.cancel()
+            for waiting in (typed, ended, leaving):
+                waiting.cancel()
 
     async def carry_out(self, line, console):
         """Whether another line may follow this one; None is the end of all lines."""

@@ -12,6 +12,8 @@ PLACES = {
     "msgbusd.conf": TREE / "packaging" / "msgbusd.conf",
 }
 IS_INSTALLED = INSTALLED.is_dir()
+# Debian's package libjs-d3.
+D3 = pathlib.Path("/usr/share/javascript/d3/d3.min.js")
 
 
 def resource(name: str) -> pathlib.Path:

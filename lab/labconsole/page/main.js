@@ -1,0 +1,143 @@
+// The page: what is open, and what is drawn when.
+
+import {el} from "./dom.js";
+import {Link} from "./link.js";
+import {Message} from "./message.js";
+import {Store} from "./store.js";
+import {Talk} from "./talk.js";
+import * as ap from "./view_ap.js";
+
+const VIEWS = {ap};
+const ALONE = "talk";  // the conversation, which has the whole width as a view of its own
+
+const at = (id) => document.getElementById(id);
+const page = {link: new Link(), store: new Store(), state: null, board: null, live: true, view: "ap",
+  needsAcknowledgement: false, summaries: {}};
+page.message = new Message(at("message"), page.link);
+page.openMessage = (number) => page.message.open(number, page.live);
+page.talk = new Talk(at("talk"), page.store, page.link, page.openMessage);
+window.consolePage = page;  // for whoever looks at the page with a tool
+
+const parts = Object.fromEntries(Object.entries(VIEWS).map(([name, view]) => [name, view.make(page)]));
+
+function names() {
+  const many = (page.board?.views.length ?? 0) > 1;
+  return [...Object.keys(VIEWS).filter((name) => name !== "fleet" || many), ALONE];
+}
+
+function makeTabs() {
+  const titles = {...Object.fromEntries(Object.entries(VIEWS).map(([name, view]) => [name, view.title])),
+    [ALONE]: "Conversation"};
+  at("tabs").replaceChildren(...names().map((name, index) => el("a", {href: `#${name}`, "data-view": name,
+    "aria-keyshortcuts": String(index + 1)}, titles[name], el("kbd", {"aria-hidden": "true"}, String(index + 1)))));
+  choose();
+}
+
+function choose() {
+  const wanted = location.hash.slice(1);
+  page.view = names().includes(wanted) ? wanted : names()[0];
+  document.body.dataset.view = page.view;
+  for (const tab of at("tabs").children) {
+    if (tab.dataset.view === page.view) tab.setAttribute("aria-current", "page");
+    else tab.removeAttribute("aria-current");
+  }
+  const view = VIEWS[page.view];
+  if (view) {
+    at("view-title").textContent = view.title;
+    at("content").replaceChildren(...view.layout(parts[page.view]));
+  }
+  draw();
+  page.talk.draw(true);
+}
+
+function draw() {
+  const view = VIEWS[page.view];
+  if (view && page.state) view.update(parts[page.view], page.state, page);
+}
+
+function tellStatus() {
+  const {link, state} = page;
+  const text = !link.connected ? "No link to the lab: trying again" :
+    !page.board?.views.length ? page.board?.title ?? "" :
+      state ? `${state.about.mode} mode, ${state.link.state}, ` +
+        `${state.link.subscribed ? "subscribed" : "not subscribed"}` : "loading";
+  if (at("status").textContent !== text) at("status").textContent = text;
+  at("status").dataset.good = String(Boolean(link.connected && state?.link.connected));
+}
+
+// Events come faster than frames: what was received is counted at once, and drawn once a frame.
+let frame = 0;
+function drawSoon() {
+  frame ||= requestAnimationFrame(() => {
+    frame = 0;
+    page.talk.draw();
+  });
+}
+
+page.link.addEventListener("link", tellStatus);
+
+page.link.addEventListener("board", ({detail}) => {
+  const same = page.board?.board === detail.board && page.board?.run === detail.run;
+  page.board = detail;
+  at("title").textContent = detail.title;
+  document.title = `${detail.title} · lumd console`;
+  at("chooser").hidden = detail.views.length < 2;
+  at("views").replaceChildren(...detail.views.map((view, index) => el("option", {value: String(index)}, view.name)));
+  makeTabs();
+  if (!detail.views.length) {
+    page.state = null;
+    tellStatus();
+  } else if (same && page.opened !== undefined) {
+    page.link.open(page.opened, page.store.last);
+  } else {
+    openView(0);
+  }
+});
+
+export function openView(number) {
+  page.state = null;
+  page.opened = number;
+  page.live = page.board.views[number].live;
+  at("views").value = String(number);
+  page.store.clear();
+  page.talk.clear(page.live);
+  page.link.open(number, null);
+  tellStatus();
+}
+page.openView = openView;
+
+page.link.addEventListener("events", ({detail}) => {
+  page.store.add(detail.events);
+  page.link.acknowledge(page.store.last, false);
+  drawSoon();
+});
+
+page.link.addEventListener("skipped", ({detail}) => {
+  page.store.skip(detail);
+  drawSoon();
+});
+
+page.link.addEventListener("state", ({detail}) => {
+  page.state = detail.state;
+  page.talk.know(page.state.clients.map((client) => client.mac), page.state.radios.map((radio) => radio.ifname));
+  tellStatus();
+  draw();
+  page.link.acknowledge(page.store.last ?? 0, true);
+});
+
+page.link.addEventListener("summaries", ({detail}) => {
+  Object.assign(page.summaries, detail.summaries);
+  if (page.view === "fleet") draw();
+});
+
+at("views").addEventListener("change", () => openView(Number(at("views").value)));
+addEventListener("hashchange", choose);
+addEventListener("keydown", (event) => {
+  if (event.ctrlKey || event.metaKey || event.altKey || /^(INPUT|SELECT|TEXTAREA)$/.test(event.target.tagName) ||
+      at("message").open) return;
+  const number = Number(event.key);
+  if (number >= 1 && number <= names().length) location.hash = names()[number - 1];
+  else if (event.key === "p") page.talk.pause(!page.talk.paused);
+  else if (event.key === "/") { event.preventDefault(); page.talk.text.focus(); }
+});
+makeTabs();

@@ -1,0 +1,1 @@
+"""What the console's tests have in common."""
