@@ -172,6 +172,14 @@ def count(text):
     return number
 
 
+def number(text):
+    """Of the option --member."""
+    value = int(text)
+    if not 0 <= value < fleet.NUMBERS:
+        raise argparse.ArgumentTypeError(f"{text} is not 0 to {fleet.NUMBERS - 1}")
+    return value
+
+
 def arguments():
     parser = argparse.ArgumentParser(prog="run", description=__doc__.split(". ", maxsplit=1)[0])
     parser.add_argument("--once", action="store_true",
@@ -196,17 +204,23 @@ def arguments():
     trial.add_argument("--service", type=endpoint, metavar="URL",
                        help="ws://HOST:PORT/PATH: it stands in the emulator's place and is judged")
     trial.add_argument("--fleet", type=count, metavar="N", help="so many access points")
+    trial.add_argument("--member", type=number, metavar="N",
+                       help="access point N of a fleet whose others run elsewhere, until it is "
+                       "ended; from 0")
     trial.add_argument("--for", type=speed, dest="seconds", metavar="S",
                        help="end after so many seconds")
     trial.add_argument("--report", metavar="FILE", help="write there what was held and what not")
     options = parser.parse_args()
     if options.port and options.console is None:
         parser.error("--port goes with --console")
-    for name in ("fleet", "for", "report"):
-        if not options.service and getattr(options, {"for": "seconds"}.get(name, name)):
-            parser.error(f"--{name} goes with --service")
     if options.console is not None and (options.service or options.replay):
         parser.error("--console goes with the lab's own service")
+    for name in ("fleet", "member", "for", "report"):
+        given = getattr(options, {"for": "seconds"}.get(name, name))
+        if not options.service and given is not None:
+            parser.error(f"--{name} goes with --service")
+    if options.member is not None and (options.fleet or options.once):
+        parser.error("--member goes neither with --fleet nor with --once")
     options.fleet = options.fleet or 1
     if options.record and (options.fleet > 1 or options.replay):
         parser.error("--record goes with one access point, and not with --replay")

@@ -4,8 +4,12 @@ import re
 
 from . import records
 
-MOST = 250
+MOST = 250  # on one machine
 STEP = 32  # addresses of an access point: its own, and those of two radios with up to 15 VAPs
+NUMBERS = (1 << 24) // STEP  # as many as there are different addresses
+CLIENTS = 1 << 16  # addresses of an access point's clients
+MAKERS_OCTETS = 3  # of an address, that one maker has to give
+CLIENT_OCTETS = 5  # all but the first, which says that nobody gave it
 
 
 def member(scenario: dict, number: int) -> dict:
@@ -20,7 +24,7 @@ def member(scenario: dict, number: int) -> dict:
     for radio in result["radios"]:
         for vap in radio["vaps"]:
             for station in vap["stations"]:
-                station["mac"] = moved(station["mac"], number << 16)
+                station["mac"] = moved(station["mac"], number * CLIENTS, CLIENT_OCTETS)
     return result
 
 
@@ -31,8 +35,8 @@ def counted_up(serial: str, number: int) -> str:
     return f"{text}{int(digits or 0) + number:0{len(digits)}d}"
 
 
-def moved(mac: str, by: int) -> str:
-    """The address that comes so many after this one, within the same maker's."""
+def moved(mac: str, by: int, counted: int = MAKERS_OCTETS) -> str:
+    """The address that comes so many after this one; its last `counted` octets change."""
     octets = records.mac_bytes(mac)
-    low = (int.from_bytes(octets[3:], "big") + by) % (1 << 24)
-    return records.mac_text(octets[:3] + low.to_bytes(3, "big"))
+    low = (int.from_bytes(octets[-counted:], "big") + by) % (1 << 8 * counted)
+    return records.mac_text(octets[:-counted] + low.to_bytes(counted, "big"))

@@ -197,7 +197,7 @@ class Lab:
 
     def mark(self) -> int:
         """A place in the conversation to wait from."""
-        return len(self.journal.events)
+        return self.journal.count
 
     async def wait(self, what: str, since: int = 0, timeout: float = WAIT,
                    predicate: Callable[[dict], bool] | None = None, **match) -> dict:

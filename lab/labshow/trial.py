@@ -18,6 +18,8 @@ STARTING = 4  # access points that are started at the same time
 TOLD_OF_A_FLEET = frozenset({"connected", "disconnected", "subscribe-response", "unreachable",
                              "refused", "VIOLATION", "ADVICE"})
 FLEET_WIDTH = 110  # of an event where no terminal limits it
+KEPT_EVENTS = 1000  # of a member that may run for weeks
+MEMBERS_LOG = "log_level=7"
 
 
 class Trial:
@@ -26,9 +28,14 @@ class Trial:
     def __init__(self, options, mode, scenario, build, show, prompt):
         self.options, self.show, self.prompt = options, show, prompt
         whole = scenarios.load(scenario)
+        self._is_member = options.member is not None
+        numbers = [options.member] if self._is_member else range(options.fleet)
         self.labs = [Lab(fleet.member(whole, number), mode or whole["mode"], build, options.speed,
+                         [MEMBERS_LOG] if self._is_member else (),
                          endpoint=options.service, lumd=options.lumd,
-                         record=options.record) for number in range(options.fleet)]
+                         record=options.record) for number in numbers]
+        if self._is_member:
+            self.labs[0].journal.keep(KEPT_EVENTS)
         self.verdict = Verdict(self.labs, {
             "service": str(options.service), "mode": self.labs[0].mode, "scenario": whole["name"],
             "speed": options.speed})
@@ -75,7 +82,7 @@ class Trial:
         def tell(event):
             if self._silent:
                 return
-            if len(self.labs) == 1:
+            if len(self.labs) == 1 and not self._is_member:
                 if event["what"] not in hidden:
                     self.show.event(event)
             elif options.json:
@@ -90,10 +97,11 @@ class Trial:
         if self.options.once:
             await all_of(visit(lab) for lab in self.labs)
             return
-        await all_of(arrive(lab) for lab in self.labs)
+        if not self._is_member:  # which waits for a service like an access point
+            await all_of(arrive(lab) for lab in self.labs)
         deaths = [asyncio.ensure_future(lab.lumd.wait(timeout=None)) for lab in self.labs]
         try:
-            if self.options.seconds or len(self.labs) > 1:
+            if self.options.seconds or len(self.labs) > 1 or self._is_member:
                 await asyncio.wait(deaths, timeout=self.options.seconds,
                                    return_when=asyncio.FIRST_COMPLETED)
                 self._none_may_be_dead(deaths)

@@ -22,10 +22,16 @@ class Journal:
     to the letter goes to `tapes` only: see labtalk.recording."""
 
     def __init__(self):
-        self.events = []
+        self.events = []  # all of them, or those that are kept
+        self.count = 0    # of all
         self.listeners = []
         self.tapes = []
         self._arrival = asyncio.Event()
+        self._kept = None
+
+    def keep(self, latest: int) -> None:
+        """Forgets from now on what has at least `latest` successors, for a lab that runs for days."""
+        self._kept = latest
 
     def listen(self, listener: Callable[[dict], None]) -> None:
         """`listener(event)` is called for every new event."""
@@ -38,9 +44,12 @@ class Journal:
 
     def add(self, source: str, target: str, what: str, data: object = None) -> dict:
         """The new event."""
-        event = {"n": len(self.events) + 1, "t": time.time(), "from": source, "to": target,
+        self.count += 1
+        event = {"n": self.count, "t": time.time(), "from": source, "to": target,
                  "what": what, "data": data}
         self.events.append(event)
+        if self._kept is not None and len(self.events) > 2 * self._kept:
+            del self.events[:-self._kept]
         for listener in self.listeners:
             listener(event)
         arrival, self._arrival = self._arrival, asyncio.Event()
@@ -50,7 +59,9 @@ class Journal:
     def since(self, number: int, **match) -> list[dict]:
         """Events after event `number` whose members equal those of `match`."""
         match = {key.rstrip("_"): value for key, value in match.items()}
-        return [event for event in self.events[max(number, 0):] if matches(event, match)]
+        forgotten = self.count - len(self.events)
+        return [event for event in self.events[max(number - forgotten, 0):]
+                if matches(event, match)]
 
     async def wait(self, number: int = 0, timeout: float = 10.0,
                    predicate: Callable[[dict], bool] | None = None, **match) -> dict | None:

@@ -193,6 +193,35 @@ def test_what_is_no_service_is_told_in_a_sentence(folder, answer, status, why):
     assert why in trial.report["trouble"]
 
 
+def test_a_conversation_with_somebody_elses_service_is_recorded_and_replayed(folder):
+    recording = folder / "day.jsonl"
+    with example() as port:
+        trial = Trial(folder, f"ws://127.0.0.1:{port}/", "--record", recording, "--for", "3")
+        assert trial.end()[0] == 0
+    said = [json.loads(line) for line in recording.read_text().splitlines()[1:]]
+    texts = [json.loads(entry["text"])["cmd"] for entry in said if entry["what"] == "text"]
+    assert {"subscribe-request", "subscribe-response"} <= set(texts)
+    assert {entry["by"] for entry in said if entry["border"] == "service"} == {"lumd", "lab"}
+    replay = subprocess.run(
+        ["/usr/bin/python3", TREE / "lab" / "run.py", "--bin", BIN, "--replay", recording],
+        stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=PATIENCE, check=False)
+    assert replay.returncode == 0, replay.stdout + replay.stderr
+    assert "acts of the recording, and no other" in replay.stdout
+
+
+def test_a_member_of_a_fleet_waits_for_its_service_until_it_is_ended(folder):
+    port = unused_port()
+    trial = Trial(folder, f"ws://127.0.0.1:{port}/", "--member", "300")
+    trial.read_until("unreachable")
+    with serving(LabService(port=port)) as service:
+        trial.read_until("subscribe-response")
+        trial.process.send_signal(signal.SIGTERM)
+        assert trial.end()[0] == 0
+        request, = service.journal.since(0, what="subscribe-request")
+    assert request["data"]["factory"]["serial"] == "LAB0000301"
+    assert trial.report["access-points"][0]["mac"] == "00:11:22:33:69:d0"
+
+
 def test_the_time_that_is_given_ends_it(folder):
     with example() as port:
         trial = Trial(folder, f"ws://127.0.0.1:{port}/", "--for", "0.1", "--json")
@@ -204,7 +233,8 @@ def test_the_time_that_is_given_ends_it(folder):
 
 @pytest.mark.parametrize("options", [
     ("--service", "wss://127.0.0.1:1/"), ("--service", "ws://127.0.0.1:1/", "--fleet", "0"),
-    ("--fleet", "2"), ("--service", "ws://127.0.0.1:1/", "--for", "-1")])
+    ("--fleet", "2"), ("--member", "2"), ("--service", "ws://127.0.0.1:1/", "--member", "-1"),
+    ("--service", "ws://127.0.0.1:1/", "--fleet", "2", "--member", "3"), ("--service", "ws://127.0.0.1:1/", "--for", "-1")])
 def test_options_that_make_no_sense_are_refused(options):
     result = subprocess.run(["/usr/bin/python3", TREE / "lab" / "run.py", *options], check=False,
                             stdin=subprocess.DEVNULL, capture_output=True, text=True)

@@ -409,6 +409,8 @@ def test_each_access_point_of_a_fleet_is_another():
     assert members[1]["factory"] == {**office["factory"], "serial": "OFC0001235",
                                      "mac": "00:11:22:33:44:70"}
     assert members[7]["seed"] == office["seed"] + 7
+    members += [fleet.member(office, number) for number in (256, 1000, fleet.NUMBERS - 1)]
     clients = [{station["mac"] for radio in scenario["radios"] for vap in radio["vaps"]
                 for station in vap["stations"]} for scenario in members]
     assert len(set().union(*clients)) == sum(map(len, clients))
+    assert fleet.member(office, fleet.NUMBERS - 1)["factory"]["mac"] == "00:11:22:33:44:30"

@@ -127,6 +127,21 @@ def test_what_is_as_the_schemas_want_it_draws_no_complaint():
                                         "whatever": 1}) == []
 
 
+def test_a_journal_that_keeps_the_latest_still_numbers_all():
+    async def talk():
+        events = journal.Journal()
+        events.keep(3)
+        for number in range(1, 21):
+            events.add("lumd", "lab", f"event {number}")
+        assert events.count == 20
+        assert 3 <= len(events.events) <= 6
+        assert [event["what"] for event in events.since(18)] == ["event 19", "event 20"]
+        assert events.since(0)[-1]["n"] == 20
+        assert await events.wait(20, 0.01) is None
+
+    asyncio.run(talk())
+
+
 @pytest.mark.parametrize("border, message, complaint", [
     ("bus-from-lumd", {**NOTICE, "more": 1}, "'more' was unexpected"),
     ("bus-from-lumd", {"interface": "wlan0", "command": "lock-scan"}, "out of order"),
