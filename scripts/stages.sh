@@ -111,6 +111,7 @@ stage_fuzz() { scripts/fuzz "$fuzz_seconds"; }
 stage_musl() { scripts/musl; }
 stage_mips() { scripts/mips; }
 stage_debian13() { scripts/debian13; }
+stage_air() { stage_release_build && run_pytest release tests/air; }
 stage_install() { scripts/install; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
@@ -138,6 +139,7 @@ packages_of() {
         mips) echo build test mips ;;
         debian13) echo root ;;
         console) echo build test console browser ;;
+        air) echo build test air ;;
         install) echo build root package lint guest ;;
         mutate) echo build test mutate ;;
         *) echo build test ;;
@@ -165,6 +167,7 @@ declare -A purposes=(
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [install]="the Debian packages under a real systemd: boot, restart, upgrade, removal, confinement"
     [console]="the lab's pages in a browser: views, commands, load, access, accessibility"
+    [air]="real 802.11 frames in a virtual machine with access points and clients"
     [faults]="every call of the agent fails once"
     [mutate]="12 faults put into one room of src/, to be noticed by its tests"
     [soak]="a day in protocol time"
