@@ -193,7 +193,8 @@ class Agent:
         """The bytes from `offset` on, base64; null when there is no such file."""
         try:
             with open(self._places[place].path(path), "rb") as file:
-                file.seek(offset)
+                if offset:
+                    file.seek(offset)
                 return base64.b64encode(file.read(LINE_LIMIT // 2)).decode()
         except FileNotFoundError:
             return None
