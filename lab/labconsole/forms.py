@@ -3,7 +3,8 @@ and the choices that the prompt completes.
 
 A form is {"name", "help", "line": words of the command before its fields, "fields"}; a field {"name",
 "kind": choice, number or text, "help", "unit", "choices", "lowest", "highest", "default", "optional",
-"before": a word that stands before its value, "by": the field that its choices and limits depend
+"before": a word that stands before its value, "words": its value is several words, "equals": it is
+typed NAME=VALUE, "by": the field that its choices and limits depend
 on}. Of a field with "by" these are in "each", by the value of that field.
 """
 import json
@@ -49,7 +50,8 @@ def _form(line, text, group, *fields):
 
 def _field(name, kind, schema=None, **more):
     schema = schema or {}
-    field = {"name": name, "kind": kind, "help": in_words(schema)}
+    # The control itself shows the limits.
+    field = {"name": name, "kind": kind, "help": schema.get("description", "")}
     if "x-unit" in schema:
         field["unit"] = schema["x-unit"]
     return {**field, **more}
@@ -87,7 +89,7 @@ def _power(radios, lab):
 def _scan(_radios, _lab):
     yield _form("scan", "survey the air", SERVICE, _field(
         "channels", "text", place("rrm-to-lumd", "rrm-update", "rrm-scan-channels"),
-        default=" ".join(map(str, CHANNELS)), optional=True), _field(
+        default=" ".join(map(str, CHANNELS)), optional=True, words=True), _field(
         "path", "choice", place("rrm-to-lumd", "rrm-update", "vexor-rrm-scanning"),
         choices=["", "--vendor"], labels=["generic", "vendor"], optional=True), _field(
         "delay", "number", place("rrm-to-lumd", "rrm-update", "rrm-scan-delay"), lowest=0,

@@ -27,6 +27,7 @@ class LabView(View):
         self._watch = Watch(lab.journal, lab.speed, lambda: lab.ap.air.radios)
         self._turn = asyncio.Lock()
         self._sampled = 0.0
+        self._ssids = {}
 
     def close(self):
         self._watch.close()
@@ -97,7 +98,9 @@ class LabView(View):
                 for mac, station in vap.stations.items()]
 
     def _names(self):
-        return {entry["bssid"]: entry["ssid"] for entry in self.lab.ap.air.neighbours}
+        """SSIDs of neighbours, also of those that have gone."""
+        self._ssids.update((entry["bssid"], entry["ssid"]) for entry in self.lab.ap.air.neighbours)
+        return self._ssids
 
     def _daemons(self):
         files = self.lab.ap.files

@@ -5,9 +5,13 @@ import {Link} from "./link.js";
 import {Message} from "./message.js";
 import {Store} from "./store.js";
 import {Talk} from "./talk.js";
+import * as air from "./view_air.js";
 import * as ap from "./view_ap.js";
+import * as commands from "./view_commands.js";
+import * as fleet from "./view_fleet.js";
+import * as state from "./view_state.js";
 
-const VIEWS = {ap};
+const VIEWS = {fleet, ap, air, state, commands};
 const ALONE = "talk";  // the conversation, which has the whole width as a view of its own
 
 const at = (id) => document.getElementById(id);
@@ -21,7 +25,7 @@ window.consolePage = page;  // for whoever looks at the page with a tool
 const parts = Object.fromEntries(Object.entries(VIEWS).map(([name, view]) => [name, view.make(page)]));
 
 function names() {
-  const many = (page.board?.views.length ?? 0) > 1;
+  const many = (page.board?.views.length ?? 0) > 1;  // otherwise there is nothing to choose from
   return [...Object.keys(VIEWS).filter((name) => name !== "fleet" || many), ALONE];
 }
 
@@ -45,6 +49,7 @@ function choose() {
   if (view) {
     at("view-title").textContent = view.title;
     at("content").replaceChildren(...view.layout(parts[page.view]));
+    view.opened?.(parts[page.view], page);
   }
   draw();
   page.talk.draw(true);
@@ -56,13 +61,13 @@ function draw() {
 }
 
 function tellStatus() {
-  const {link, state} = page;
+  const {link, state: known} = page;
   const text = !link.connected ? "No link to the lab: trying again" :
     !page.board?.views.length ? page.board?.title ?? "" :
-      state ? `${state.about.mode} mode, ${state.link.state}, ` +
-        `${state.link.subscribed ? "subscribed" : "not subscribed"}` : "loading";
+      !known ? "loading" : known.about.recording ? `a recording of the ${known.about.mode} mode` :
+        `${known.about.mode} mode, ${known.link.state}, ${known.link.subscribed ? "subscribed" : "not subscribed"}`;
   if (at("status").textContent !== text) at("status").textContent = text;
-  at("status").dataset.good = String(Boolean(link.connected && state?.link.connected));
+  at("status").dataset.good = String(Boolean(link.connected && (known?.link.connected || known?.about.recording)));
 }
 
 // Events come faster than frames: what was received is counted at once, and drawn once a frame.
@@ -88,7 +93,7 @@ page.link.addEventListener("board", ({detail}) => {
     page.state = null;
     tellStatus();
   } else if (same && page.opened !== undefined) {
-    page.link.open(page.opened, page.store.last);
+    page.link.open(page.opened, page.store.last);  // after a lost link, from where it was
   } else {
     openView(0);
   }

@@ -1,0 +1,86 @@
+// A band as a drawing: each network a shape over its channels, as high as it was heard.
+
+import {BANDS, centre, span} from "./channels.js";
+
+const WEAKEST = -97, STRONGEST = -35;  // dBm
+const HEIGHT = 250, LEFT = 44, RIGHT = 8, TOP = 30, BOTTOM = 56;  // px
+const SLOPE = 0.14;  // of the width that a shape takes to rise
+const LABEL_ROOM = 62;  // px between two names
+const OWN_LABEL = 150;  // px of the text above a radio's channels
+
+// `given`: {band, heard, radios, ownNames: SSIDs of this access point, load: percent by channel}
+export function spectrum(node, given, width) {
+  const {d3} = window;
+  const range = BANDS[given.band];
+  const x = d3.scale.linear().domain([range.from, range.to]).range([LEFT, width - RIGHT]);
+  const y = d3.scale.linear().domain([WEAKEST, STRONGEST]).range([HEIGHT - BOTTOM, TOP]).clamp(true);
+  const svg = d3.select(node).append("svg").attr("class", "spectrum").attr("role", "img")
+    .attr("viewBox", `0 0 ${width} ${HEIGHT}`).attr("aria-label", words(given));
+  drawAxes(svg, x, y, range, given.band, width);
+  drawRadios(svg, x, given);
+  drawHeard(svg, x, y, given);
+  drawLoad(svg, x, given);
+}
+
+function words({band, heard, radios}) {
+  const own = radios.map((radio) => `${radio.ifname} on channel ${radio.channel}`).join(", ") || "no radio";
+  const strongest = heard.length ? `, the strongest at ${Math.max(...heard.map((entry) => entry.rssi))} dBm` : "";
+  return `${band}: ${heard.length} networks heard${strongest}; ${own}. The table below has all of them.`;
+}
+
+function drawAxes(svg, x, y, range, band, width) {
+  const floor = HEIGHT - BOTTOM;
+  for (const level of [-90, -80, -70, -60, -50, -40]) {
+    svg.append("line").attr("class", "grid").attr("x1", LEFT).attr("x2", width - RIGHT).attr("y1", y(level)).attr("y2", y(level));
+    svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", y(level) + 4).attr("text-anchor", "end").text(level);
+  }
+  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", TOP + 4).attr("text-anchor", "end").text("dBm");
+  svg.append("line").attr("class", "floor").attr("x1", LEFT).attr("x2", width - RIGHT).attr("y1", floor).attr("y2", floor);
+  for (const channel of range.ticks) {
+    svg.append("text").attr("class", "tick").attr("x", x(centre(band, channel))).attr("y", floor + 15)
+      .attr("text-anchor", "middle").text(channel);
+  }
+}
+
+function drawRadios(svg, x, {radios, band}) {
+  for (const radio of radios) {
+    const {from, to} = span(band, radio.channel, radio.bandwidth, radio["primary-channel"]);
+    const group = svg.append("g").attr("class", "own").attr("data-radio", radio.ifname);
+    group.append("rect").attr("x", x(from)).attr("y", TOP - 8).attr("width", x(to) - x(from)).attr("height", HEIGHT - BOTTOM - TOP + 8);
+    const atLeft = x(from) < LEFT + OWN_LABEL / 2;
+    group.append("text").attr("x", atLeft ? x(from) : (x(from) + x(to)) / 2).attr("y", TOP - 13)
+      .attr("text-anchor", atLeft ? "start" : "middle").text(`▼ ${radio.ifname}: ${radio.channel}, ${radio.bandwidth} MHz`);
+  }
+}
+
+function drawHeard(svg, x, y, {heard, band, ownNames}) {
+  const floor = HEIGHT - BOTTOM;
+  const labels = [];
+  for (const entry of [...heard].sort((one, other) => other.rssi - one.rssi)) {
+    const {from, to} = span(band, entry.channel, entry.bandwidth, entry["primary-channel"]);
+    const rise = (to - from) * SLOPE, top = y(entry.rssi);
+    const points = [[x(from), floor], [x(from + rise), top], [x(to - rise), top], [x(to), floor]];
+    const own = ownNames.has(entry.ssid);
+    svg.append("path").attr("class", `heard${own ? " same" : ""}${entry.change === null && entry.isNew ? " new" : ""}`)
+      .attr("data-bssid", entry.bssid).attr("d", window.d3.svg.line()(points))
+      .append("title").text(`${entry.ssid || entry.bssid}, channel ${entry.channel}, ${entry.bandwidth} MHz, ${entry.rssi} dBm`);
+    const middle = (x(from) + x(to)) / 2;
+    if (entry.ssid && labels.every(([at, height]) => Math.abs(at - middle) > LABEL_ROOM || Math.abs(height - top) > 14)) {
+      labels.push([middle, top]);
+      svg.append("text").attr("class", `name${own ? " same" : ""}`).attr("x", middle).attr("y", top - 4).attr("text-anchor", "middle").text(entry.ssid);
+    }
+  }
+}
+
+// Below the axis: how busy each channel was, or where nobody measures that, how many were heard there.
+function drawLoad(svg, x, {heard, band, load}) {
+  const counts = new Map();
+  for (const entry of heard) counts.set(entry.channel, (counts.get(entry.channel) ?? 0) + 1);
+  const floor = HEIGHT - 14;
+  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load" : "heard");
+  for (const [channel, count] of counts) {
+    const text = load?.[channel] !== undefined ? `${load[channel]}%` : String(count);
+    svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", 8);
+    svg.append("text").attr("class", "load").attr("x", x(centre(band, channel))).attr("y", floor).attr("text-anchor", "middle").text(text);
+  }
+}
