@@ -1,9 +1,11 @@
 """The lab's bus frames: as the message bus wants them, in either byte order."""
+import os
 import struct
 
 import pytest
 
 from labap import msgbus
+from labshow.policy import write_policy
 
 
 @pytest.mark.parametrize("order", ["<", ">"])
@@ -22,3 +24,10 @@ def test_a_malformed_bus_header_is_refused(offset, value):
     header[offset] = value
     with pytest.raises(msgbus.BusError):
         msgbus.unpack_header(bytes(header[:17]), "<")
+
+
+def test_the_policy_of_the_labs_bus_names_the_user_and_the_group_that_run_the_lab(tmp_path):
+    lines = write_policy(tmp_path / "msgbusd.conf").read_text().splitlines()
+    assert f"group={os.getgid()}" in lines
+    allowed = [line for line in lines if line.startswith("allow=")]
+    assert allowed and all(line.startswith(f"allow={os.getuid()} as ") for line in allowed)
