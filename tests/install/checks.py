@@ -110,13 +110,21 @@ async def wrong_certificates(lab):
         demand(not lab.journal.since(since, what="connected"), "lumd is connected all the same")
 
 
-@check("a conversation of the office over TLS")
+class Conversation(RrmConsole):
+    """Something of everything that goes over the link."""
+
+    def script(self):
+        return ["channel wlan0 1 20", "scan 1 36", "client add wlan0-va0 02:1a:2b:00:00:77 -88",
+                "steer wlan0 1", "status"]
+
+
+@check("a conversation over TLS")
 async def conversation(lab):
     since = lab.mark()
     async with Tls(run) as tls:
         await tls.serve("service")
         await lab.wait_again("subscribe-request", since)
-        await RrmConsole(lab, Show(machine=True)).conversation()
+        await Conversation(lab, Show(machine=True)).conversation()
         demand(not lab.checker.found, f"not as the schemas want it: {lab.checker.found[:1]}")
         since = lab.mark()
     await lab.wait_again("subscribe-request", since)
@@ -180,7 +188,7 @@ async def upgrade(lab):
     since, before = lab.mark(), lab.lumd.pid
     configuration = pathlib.Path("/etc/lumd/lumd.conf").read_bytes()
     packages = sorted(map(str, (TREE / "upgrade").iterdir()))
-    await run("apt-get", "install", "-y", "--no-install-recommends", *packages)
+    await run("dpkg", "--install", *packages)
     await lab.wait_again("subscribe-request", since)
     demand(lab.lumd.pid != before, "lumd was not restarted")
     for package in PACKAGES:
@@ -193,7 +201,7 @@ async def upgrade(lab):
 async def remove(lab):
     demand(PROGRAMS.issubset(running_programs()), "not both programs run before")
     since = lab.mark()
-    await run("apt-get", "remove", "-y", *PACKAGES)
+    await run("dpkg", "--remove", *PACKAGES)
     await lab.wait("disconnected", since)
     left = sorted(PROGRAMS.intersection(running_programs()))
     demand(not left, f"{left} still run")
@@ -205,7 +213,7 @@ async def remove(lab):
 
 @check("purged without a trace")
 async def purge(lab):
-    await run("apt-get", "purge", "-y", "lumd", "msgbus")  # the library has left nothing to purge
+    await run("dpkg", "--purge", "lumd", "msgbus")  # the library has left nothing to purge
     lab.clear_away()
     before = set(FILES_BEFORE.read_text(encoding="utf-8").splitlines())
     left = sorted(set(files_of("/")) - before)

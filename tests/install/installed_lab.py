@@ -63,7 +63,7 @@ class Unit:
 class InstalledLab(Lab):
     """The lab beside lumd.service. Runs on one asyncio loop, until the process ends."""
 
-    def __init__(self, scenario="office"):
+    def __init__(self, scenario=pathlib.Path(__file__).with_name("home.json")):
         super().__init__(scenario, build=Build(pathlib.Path("/usr/sbin"), TREE))
         self.folder, self.bus_path, self.lumd_log = FOLDER, BUS, pathlib.Path(LOG)
         self.lumd = Unit("lumd.service")
@@ -94,6 +94,8 @@ class InstalledLab(Lab):
         TOOLS.mkdir()
         for tool in (TREE / "lab/bin").iterdir():
             (TOOLS / tool.name).symlink_to(tool)
+        (TOOLS / "iwpriv").unlink()
+        (TOOLS / "iwpriv").symlink_to(TREE / "iwpriv")  # the compiled one
 
     async def _keep_joined(self):
         """The daemons come back by themselves when the broker has been restarted."""

@@ -19,7 +19,9 @@ HOSTS = pathlib.Path("/etc/hosts")
 NAME, TLS_PORT = "rrm.example.net", 8443
 # What the journal says of each wrong certificate.
 WRONG = {"other-name": "CERT: Subject checks failed",
-         "other-authority": "CERT: Pre-verification error: unable to get local issuer certificate"}
+         "other-authority": "CERT: Pre-verification error: unable to get local issuer certificate",
+         "self-signed": "CERT: Pre-verification error: self-signed certificate",
+         "expired": "CERT: Pre-verification error: certificate has expired"}
 
 
 def recipe():
