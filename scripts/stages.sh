@@ -113,6 +113,7 @@ stage_mips() { scripts/mips; }
 stage_debian13() { scripts/debian13; }
 stage_air() { stage_release_build && run_pytest release tests/air; }
 stage_install() { scripts/install; }
+stage_oci() { scripts/oci; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
 
@@ -141,6 +142,7 @@ packages_of() {
         console) echo build test console browser ;;
         air) echo build test air ;;
         install) echo build root package lint guest ;;
+        oci) echo build root package schemas oci ;;
         mutate) echo build test mutate ;;
         *) echo build test ;;
     esac
@@ -166,6 +168,7 @@ declare -A purposes=(
     [mips]="unit tests and a part of the system tests on an emulated 32-bit big-endian machine"
     [debian13]="GCC, clang, unit tests and a part of the system tests of Debian 13"
     [install]="the Debian packages under a real systemd: boot, restart, upgrade, removal, confinement"
+    [oci]="the image of one access point of a fleet, started as its Kubernetes manifest has it"
     [console]="the lab's pages in a browser: views, commands, load, access, accessibility"
     [air]="real 802.11 frames in a virtual machine with access points and clients"
     [faults]="every call of the agent fails once"
