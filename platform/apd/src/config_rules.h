@@ -1,0 +1,34 @@
+// Which settings apd.json(5) may hold, and which values. What depends on several settings at once
+// is judged where they are read together (access_point.h).
+#ifndef PLATFORM_APD_CONFIG_RULES_H
+#define PLATFORM_APD_CONFIG_RULES_H
+
+#include <string>
+#include <vector>
+
+#include "json.h"
+
+namespace apd {
+
+// Why a setting is refused, in a sentence that names path, value and bound; empty when it may be.
+[[nodiscard]] std::string why_refused(const std::string& path, json_object* value);
+
+// The same for each setting in the tree; that of the first one refused.
+[[nodiscard]] std::string why_tree_refused(json_object* tree);
+
+// Whether the value is a password or a key, which is not shown to everybody.
+[[nodiscard]] bool is_secret(const std::string& path);
+
+// "wlan0-vap2", as the agent names an access point in some of its paths, made "wlan0-va2".
+[[nodiscard]] std::string canonical_path(const std::string& path);
+
+// A setting for people: path, with R, V and W for the interfaces, and what it takes.
+struct KnownSetting {
+    std::string path;
+    std::string takes;
+};
+[[nodiscard]] std::vector<KnownSetting> known_settings();
+
+}  // namespace apd
+
+#endif

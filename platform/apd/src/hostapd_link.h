@@ -1,0 +1,50 @@
+// HostapdLink holds the one connection to hostapd's global control socket, over which apd sends all
+// commands and hears the events of every BSS.
+//
+// One thread at a time.
+#ifndef PLATFORM_APD_HOSTAPD_LINK_H
+#define PLATFORM_APD_HOSTAPD_LINK_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "hostapd_control.h"
+#include "hostapd_port.h"
+
+namespace apd {
+
+class HostapdLink : public HostapdPort {
+  public:
+    explicit HostapdLink(std::string socket) : socket_(std::move(socket)) {}
+
+    // Connects and asks for events; true when that was done now or before.
+    bool connect();
+    [[nodiscard]] bool is_connected() const { return control_ != nullptr; }
+
+    // Whether hostapd still answers; when not, the link is down.
+    bool check();
+
+    std::optional<std::string> ask(const std::string& command) override;
+    using HostapdPort::ask;
+
+    struct Event {
+        std::string ifname;  // empty: of hostapd as a whole
+        std::string text;
+    };
+    [[nodiscard]] std::optional<Event> next_event();
+
+    // For poll(2): readable when next_event() may have one; -1 when not connected.
+    [[nodiscard]] int fd() const { return control_ ? control_->fd() : -1; }
+
+    // Process id of the one at the other end, told by the kernel; nothing when nobody answers.
+    [[nodiscard]] std::optional<int> pid() const;
+
+  private:
+    const std::string socket_;
+    std::unique_ptr<hostapd_control> control_;
+};
+
+}  // namespace apd
+
+#endif

@@ -1,0 +1,132 @@
+// RadioControl brings one radio to its settings: makes the interfaces, writes hostapd's files and
+// drives hostapd, with as little harm to the clients as hostapd allows.
+//
+//     kDown ──start──► kStarting ──► kUp ◄──► kSwitching (announced change of channel)
+//                        │   ▲
+//                        ▼   │ radar check of a minute
+//                      kRadarCheck
+//
+// Nothing here waits: what takes time goes on at events of hostapd and at tick(). One change at a
+// time; the next waits for its end.
+// One thread at a time. Borrows what its surroundings name.
+#ifndef PLATFORM_APD_RADIO_CONTROL_H
+#define PLATFORM_APD_RADIO_CONTROL_H
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "access_point.h"
+#include "hostapd_config.h"
+#include "hostapd_event.h"
+#include "hostapd_port.h"
+#include "radio_kernel.h"
+
+namespace apd {
+
+class RadioControl {
+  public:
+    using Clock = std::chrono::steady_clock;
+    // Told how a change has ended: an empty text, or why it was refused.
+    using Done = std::function<void(const std::string& reason)>;
+
+    struct Surroundings {
+        HostapdPort& hostapd;
+        RadioKernel& kernel;
+        std::string folder;  // of hostapd's files
+        HostapdPlaces places;
+        std::function<std::optional<Mac>(VapId)> address_of;
+        // The radio came to rest on its own: after a radar check, or where hostapd has moved it.
+        std::function<void(int radio)> settled;
+        // The associations at this access point end with it.
+        std::function<void(const std::string& ifname)> vap_ends;
+        std::function<Clock::time_point()> now = Clock::now;
+    };
+
+    enum class State { kDown, kStarting, kRadarCheck, kSwitching, kUp };
+
+    RadioControl(int radio, Surroundings surroundings);
+
+    // Brings the radio to these settings; without any it stops. `done` may be called at once or
+    // later, and always is. What is wanted while hostapd is not there waits for it, and `done` is
+    // called with that reason.
+    void want(std::optional<RadioConfig> config, Done done);
+
+    // hostapd is there: takes over the access points that run as wanted, and starts the others.
+    void hostapd_came(const std::set<std::string>& interfaces);
+    void hostapd_went();
+
+    // An event of one of this radio's access points.
+    void take(const std::string& ifname, const HostapdEvent& event);
+    void tick();
+
+    // Takes MAC addresses in and out of the list of those that no access point takes.
+    void deny(const std::set<Mac>& added, const std::set<Mac>& removed);
+
+    [[nodiscard]] State state() const { return state_; }
+    // Whether a tick() is wanted soon.
+    [[nodiscard]] bool is_busy() const;
+    // What the radio really does; nothing while it is down.
+    [[nodiscard]] const std::optional<RadioConfig>& applied() const { return applied_; }
+    // Why it is not what was wanted; empty when it is.
+    [[nodiscard]] const std::string& trouble() const { return trouble_; }
+
+  private:
+    struct Change {
+        std::optional<RadioConfig> target;
+        Done done;
+    };
+
+    void next();
+    void begin();
+    std::string check(const RadioConfig& target) const;
+    std::string check_channel(const RadioConfig& target) const;
+    std::string check_power(const RadioConfig& target) const;
+    bool needs_radar_check(const Channel& channel) const;
+    bool must_restart(const RadioConfig& target) const;
+    void change_running(const RadioConfig& target);
+    void change_vaps(const RadioConfig& target);
+    std::string restart_vap(const RadioConfig& target, const VapConfig& vap);
+    std::string change_ft(const VapConfig& before, const VapConfig& now);
+    void change_channel(const RadioConfig& target);
+    void start(const RadioConfig& target);
+    std::string add_all(const RadioConfig& target);
+    std::string add(const RadioConfig& target, const VapConfig& vap);
+    void stop();
+    void look_at_start();
+    void look_at_switch(bool is_over);
+    void came_up();
+    void moved();
+    void finish(const std::string& reason);
+    void fail_start(const std::string& reason);
+    bool write_files(const RadioConfig& target) const;
+    bool files_are(const RadioConfig& target) const;
+    [[nodiscard]] std::string text_of(const RadioConfig& target, const VapConfig& vap) const;
+    [[nodiscard]] std::string file_of(const VapConfig& vap) const;
+    [[nodiscard]] std::string first_vap() const;
+    void enter(State next);
+
+    const int radio_;
+    const std::string name_;
+    const Surroundings at_;
+    bool hostapd_there_ = false;
+    State state_ = State::kDown;
+    Clock::time_point deadline_{};
+    Clock::time_point began_{};
+    RadioAbility ability_;
+    std::optional<RadioConfig> wanted_;    // the last that was accepted or waits for hostapd
+    std::optional<RadioConfig> applied_;   // what is there
+    std::optional<RadioConfig> fallback_;  // to go back to when a start fails
+    std::optional<Change> change_;         // the one under way
+    std::deque<Change> waiting_;
+    std::string trouble_;
+};
+
+[[nodiscard]] const char* state_text(RadioControl::State state);
+
+}  // namespace apd
+
+#endif

@@ -1,0 +1,310 @@
+#include "radio_control.h"
+
+#include <gmock/gmock.h>
+
+#include "apd_support.h"
+#include "temporary_folder.h"
+
+namespace apd {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class ApdRadioControl : public testing::Test {
+  protected:
+    ApdRadioControl() { radio.hostapd_came({}); }
+
+    void put(const std::string& path, const std::string& value) {
+        put_path(tree.get(), path, text_node(value));
+    }
+    void put_radio(const std::string& name, const std::string& value) {
+        put("/interface/wlan0/wlan/radio/" + name, value);
+    }
+    // Wants what the tree says; the answer is in `answers`.
+    void want() {
+        std::string reason;
+        const std::optional<AccessPoint> all = read_access_point(tree.get(), reason);
+        ASSERT_TRUE(all) << reason;
+        radio.want((*all)[0], [this](const std::string& why) { answers.push_back(why); });
+    }
+    void event(const std::string& text) { radio.take("wlan0-va0", *read_event(text)); }
+    void is_on(const Channel& channel) {
+        for (const char* vap : {"wlan0-va0", "wlan0-va2"})
+            kernel.channels[vap] = channel;
+    }
+    // Up on channel 6, and what led there forgotten.
+    void bring_up() {
+        want();
+        is_on({6, 20});
+        event("AP-ENABLED");
+        ASSERT_EQ(radio.state(), RadioControl::State::kUp);
+        answers.clear();
+        hostapd.commands.clear();
+    }
+    [[nodiscard]] std::string last_answer() const {
+        return answers.empty() ? "none yet" : answers.back();
+    }
+
+    TemporaryFolder folder;
+    const Json tree = parse_json(kTwoRadios);
+    FakeHostapdPort hostapd;
+    FakeKernel kernel;
+    RadioControl::Clock::time_point now{};
+    int settled = 0;
+    std::vector<std::string> answers;
+    RadioControl radio{
+        0,
+        {.hostapd = hostapd,
+         .kernel = kernel,
+         .folder = folder.path(),
+         .places = {"/run/hostapd", "/run/apd/black-list"},
+         .address_of =
+             [](VapId id) { return Mac{2, 0, 0, 0, 0, static_cast<std::uint8_t>(0x51 + id.vap)}; },
+         .settled = [this](int) { settled++; },
+         .vap_ends = [](const std::string&) {},
+         .now = [this] { return now; }}};
+};
+
+TEST_F(ApdRadioControl, MakesTheInterfacesAndHandsHostapdAFileForEach) {
+    want();
+    EXPECT_THAT(kernel.vaps, SizeIs(2));
+    EXPECT_EQ(to_text(kernel.vaps["wlan0-va2"]), "02:00:00:00:00:53");
+    EXPECT_THAT(hostapd.told("ADD"),
+                ElementsAre("ADD bss_config=phy0:" + (folder / "wlan0-va0.conf"),
+                            "ADD bss_config=phy0:" + (folder / "wlan0-va2.conf")));
+    EXPECT_THAT(folder.read("wlan0-va0.conf"), HasSubstr("channel=6\n"));
+    EXPECT_THAT(answers, IsEmpty());
+    event("AP-ENABLED");
+    EXPECT_THAT(answers, ElementsAre(""));
+}
+
+TEST_F(ApdRadioControl, AsksHostapdWhenItMissedTheEvent) {
+    hostapd.state = "COUNTRY_UPDATE";
+    want();
+    radio.tick();
+    EXPECT_THAT(answers, IsEmpty());
+    hostapd.state = "ENABLED";
+    radio.tick();
+    EXPECT_THAT(answers, ElementsAre(""));
+}
+
+TEST_F(ApdRadioControl, ChangesTheChannelByAnnouncement) {
+    bring_up();
+    put_radio("channel", "11");
+    want();
+    EXPECT_THAT(hostapd.told(""),
+                ElementsAre("IFNAME=wlan0-va0 CHAN_SWITCH 5 2462 bandwidth=20 ht"));
+    EXPECT_THAT(answers, IsEmpty());
+    is_on({11, 20});
+    event("AP-CSA-FINISHED freq=2462 dfs=0");
+    EXPECT_THAT(answers, ElementsAre(""));
+    EXPECT_THAT(folder.read("wlan0-va0.conf"), HasSubstr("channel=11\n"));
+    EXPECT_EQ(settled, 0);
+}
+
+TEST_F(ApdRadioControl, SaysSoWhenTheKernelDidNotFollowTheAnnouncement) {
+    bring_up();
+    put_radio("channel", "11");
+    want();
+    now += std::chrono::seconds{6};
+    radio.tick();
+    EXPECT_EQ(last_answer(), "channel 11 was announced, and the radio is on 6");
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+}
+
+TEST_F(ApdRadioControl, StartsAnewWhereTheDriverCannotAnnounce) {
+    kernel.abilities["wlan0"].csa = false;
+    bring_up();
+    put_radio("channel", "11");
+    want();
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), IsEmpty());
+    EXPECT_THAT(hostapd.told("REMOVE"), ElementsAre("REMOVE wlan0-va2", "REMOVE wlan0-va0"));
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+    is_on({11, 20});
+    event("AP-ENABLED");
+    EXPECT_EQ(last_answer(), "");
+}
+
+TEST_F(ApdRadioControl, StartsAnewWhenHostapdRefusesToAnnounce) {
+    bring_up();
+    hostapd.answers["IFNAME=wlan0-va0 CHAN_SWITCH"] = "FAIL";
+    put_radio("channel", "11");
+    want();
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+}
+
+TEST_F(ApdRadioControl, LetsHostapdLookForOthersBefore40MhzAt24Ghz) {
+    bring_up();
+    put_radio("bandwidth", "40");
+    want();
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), IsEmpty());
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+    is_on({6, 20});  // hostapd has found others
+    event("AP-ENABLED");
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_EQ(radio.applied()->channel, (Channel{6, 20}));
+}
+
+TEST_F(ApdRadioControl, RefusesWhatTheRegulatoryDomainDoesNotHave) {
+    bring_up();
+    kernel.abilities["wlan0"].channels.erase(kernel.abilities["wlan0"].channels.begin() + 12);
+    put_radio("channel", "13");
+    want();
+    EXPECT_EQ(last_answer(), "channel 13 is not available on wlan0 in DE");
+    put_radio("channel", "6");
+    put_radio("tx-power", "30");
+    want();
+    EXPECT_EQ(last_answer(), "tx-power 30 dBm is above the 20 dBm of channel 6");
+    EXPECT_THAT(hostapd.commands, IsEmpty());
+}
+
+TEST_F(ApdRadioControl, SetsThePowerAlone) {
+    bring_up();
+    put_radio("tx-power", "9");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_EQ(kernel.powers["phy0"], 9);
+    EXPECT_THAT(hostapd.commands, IsEmpty());
+}
+
+TEST_F(ApdRadioControl, EntersARadarChannelByAStartAndAnswersWhenTheCheckBegins) {
+    put_radio("channel", "36");
+    want();
+    is_on({36, 20});
+    event("AP-ENABLED");
+    put_radio("channel", "52");
+    want();
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), IsEmpty());
+    hostapd.state = "DFS";
+    event("DFS-CAC-START freq=5260 chan=52 sec_chan=0, width=0, seg0=0, seg1=0, cac_time=60s");
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_EQ(radio.state(), RadioControl::State::kRadarCheck);
+    EXPECT_EQ(settled, 0);
+    is_on({52, 20});
+    hostapd.state = "ENABLED";
+    event("AP-ENABLED");
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+    EXPECT_EQ(settled, 1);
+}
+
+TEST_F(ApdRadioControl, FollowsHostapdAndTellsWhereItWent) {
+    bring_up();
+    is_on({1, 20});
+    event("AP-CSA-FINISHED freq=2412 dfs=0");
+    EXPECT_EQ(settled, 1);
+    EXPECT_EQ(radio.applied()->channel.number, 1);
+}
+
+TEST_F(ApdRadioControl, GoesBackWhenAStartFails) {
+    bring_up();
+    put_radio("channel", "36");
+    hostapd.state = "DISABLED";
+    want();
+    radio.tick();
+    EXPECT_EQ(last_answer(), "hostapd cannot start channel 36");
+    EXPECT_THAT(folder.read("wlan0-va0.conf"), HasSubstr("channel=6\n"));
+    event("AP-ENABLED");
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+}
+
+TEST_F(ApdRadioControl, GivesUpAStartThatHangs) {
+    hostapd.state = "HT_SCAN";
+    want();
+    now += std::chrono::seconds{16};
+    radio.tick();
+    EXPECT_THAT(last_answer(), HasSubstr("does not start within 15 s (it is at HT_SCAN)"));
+    EXPECT_EQ(radio.state(), RadioControl::State::kDown);
+}
+
+TEST_F(ApdRadioControl, StartsOneAccessPointAnewForItsOwnSettings) {
+    bring_up();
+    put("/interface/wlan0-va2/vap/ssid", "visitors");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_THAT(hostapd.told(""), ElementsAre("REMOVE wlan0-va2", "ADD bss_config=phy0:" +
+                                                                      (folder / "wlan0-va2.conf")));
+}
+
+TEST_F(ApdRadioControl, SetsKeyHoldersWithTheClientsConnected) {
+    bring_up();
+    const std::string key(64, 'a');
+    put_path(tree.get(), "/interface/wlan0-va0/vap/ft-config/mac",
+             parse_json(R"({"02:00:00:00:99:51": {"r0-kh-id": "ap2", "r0-kh-key": ")" + key +
+                        R"(", "r1-kh-key": ")" + key + R"("}})"));
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_THAT(
+        hostapd.told(""),
+        ElementsAre("IFNAME=wlan0-va0 SET r0kh 02:00:00:00:99:51 ap2 " + key,
+                    "IFNAME=wlan0-va0 SET r1kh 02:00:00:00:99:51 02:00:00:00:99:51 " + key));
+    hostapd.commands.clear();
+    put_path(tree.get(), "/interface/wlan0-va0/vap/ft-config/mac", nullptr);
+    want();
+    EXPECT_THAT(hostapd.told("SET r0kh"), SizeIs(1));
+    EXPECT_THAT(hostapd.told("SET r0kh " + key), IsEmpty());
+    EXPECT_THAT(hostapd.told("RELOAD"), IsEmpty());
+}
+
+TEST_F(ApdRadioControl, ReloadsForAnotherMobilityDomain) {
+    bring_up();
+    put("/interface/wlan0-va0/vap/ft-config/mobility-domain", "4660");
+    want();
+    EXPECT_THAT(hostapd.told("SET mobility_domain 1234"), SizeIs(1));
+    EXPECT_EQ(hostapd.commands.back(), "IFNAME=wlan0-va0 RELOAD");
+}
+
+TEST_F(ApdRadioControl, TakesOverWhatRunsAsWanted) {
+    bring_up();
+    RadioControl again{
+        0,
+        {.hostapd = hostapd,
+         .kernel = kernel,
+         .folder = folder.path(),
+         .places = {"/run/hostapd", "/run/apd/black-list"},
+         .address_of =
+             [](VapId id) { return Mac{2, 0, 0, 0, 0, static_cast<std::uint8_t>(0x51 + id.vap)}; },
+         .settled = [](int) {},
+         .vap_ends = [](const std::string&) {}}};
+    again.want(radio.applied(), [](const std::string&) {});
+    again.hostapd_came({"wlan0-va0", "wlan0-va2"});
+    EXPECT_EQ(again.state(), RadioControl::State::kUp);
+    EXPECT_THAT(hostapd.told("REMOVE"), IsEmpty());
+    EXPECT_THAT(hostapd.told("ADD"), IsEmpty());
+}
+
+TEST_F(ApdRadioControl, StartsAgainWhenHostapdComesBack) {
+    bring_up();
+    radio.hostapd_went();
+    EXPECT_EQ(radio.state(), RadioControl::State::kDown);
+    radio.hostapd_came({});
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+}
+
+TEST_F(ApdRadioControl, AnswersAChangeThatHostapdsEndCutsOff) {
+    bring_up();
+    put_radio("channel", "11");
+    want();
+    radio.hostapd_went();
+    EXPECT_EQ(last_answer(), "hostapd is not running");
+}
+
+TEST_F(ApdRadioControl, MakesOneChangeAfterTheOther) {
+    bring_up();
+    put_radio("channel", "11");
+    want();
+    put_radio("channel", "1");
+    want();
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), SizeIs(1));
+    is_on({11, 20});
+    event("AP-CSA-FINISHED freq=2462 dfs=0");
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), SizeIs(2));
+    is_on({1, 20});
+    event("AP-CSA-FINISHED freq=2412 dfs=0");
+    EXPECT_THAT(answers, ElementsAre("", ""));
+}
+
+}  // namespace
+}  // namespace apd
