@@ -115,14 +115,23 @@ async def session(options, show, prompt):
     async with Desk(options, show) as page:
         if options.console:
             return await page.play(options.console)
+        if options.fleet > 1 and not options.service:
+            return await fleet_on_page(options, show, page)
         return await show_all(options, show, prompt, page)
+
+
+async def fleet_on_page(options, show, page):
+    from labconsole.fleet import Fleet
+    scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
+    return await Fleet(options, scenario, options.mode, programs(options),
+                       lambda lab, told: CONSOLES[lab.mode](lab, told)).run(page, show)
 
 
 async def show_all(options, show, prompt, page):
     """The same, on a page too unless it is None."""
     scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
     if options.service:
-        return await Trial(options, options.mode, scenario, programs(options), show, prompt).run()
+        return await Trial(options, options.mode, scenario, programs(options), show, prompt, page).run()
     if options.replay:
         return await replayed(options, show)
     if not contract.IS_COMPLETE:
@@ -213,11 +222,12 @@ def arguments():
     options = parser.parse_args()
     if options.port and options.console is None:
         parser.error("--port goes with --console")
-    if options.console is not None and (options.service or options.replay):
-        parser.error("--console goes with the lab's own service")
+    if options.console is not None and (options.replay or options.console and options.service):
+        parser.error("--console shows one thing: labs or a recording")
     for name in ("fleet", "member", "for", "report"):
         given = getattr(options, {"for": "seconds"}.get(name, name))
-        if not options.service and given is not None:
+        on_page = options.console is not None and name in ("fleet", "for")
+        if not options.service and not on_page and given is not None:
             parser.error(f"--{name} goes with --service")
     if options.member is not None and (options.fleet or options.once):
         parser.error("--member goes neither with --fleet nor with --once")

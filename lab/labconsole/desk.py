@@ -40,9 +40,17 @@ class Desk:
     async def __aexit__(self, *_):
         await self.server.stop()
 
+    def present(self, views, title):
+        self.board.present(views, title)
+
     def present_lab(self, lab, console):
         """One lab with the commands of its prompt."""
-        self.board.present([LabView(lab, console)], lab.scenario["name"])
+        self.present([LabView(lab, console)], lab.scenario["name"])
+
+    def present_labs(self, labs, consoles, title):
+        """Several, by their serial numbers."""
+        self.present([LabView(lab, console, lab.scenario["factory"]["serial"])
+                      for lab, console in zip(labs, consoles)], title)
 
     async def play(self, path):
         """A recording until the program is ended."""
@@ -50,5 +58,5 @@ class Desk:
         self._show.text("Ctrl-C ends it")
         await asyncio.get_running_loop().create_future()
 
-    def clear(self):
-        self.board.clear(NOTHING_YET)
+    def clear(self, text=NOTHING_YET):
+        self.board.clear(text)

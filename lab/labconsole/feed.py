@@ -26,7 +26,7 @@ class Feed:
 
     def __init__(self, board, view, send, since=None):
         self._board, self._view, self._send = board, view, send
-        newest = len(view.journal.events)
+        newest = view.journal.count
         self._sent = max(newest - BACKLOG, 0) if since is None else min(max(since, 0), newest)
         self._acknowledged = self._sent
         self._state, self._state_is_taken = None, True
@@ -57,24 +57,24 @@ class Feed:
         await asyncio.gather(self._send_events(), self._send_states(), self._send_summaries())
 
     async def _send_events(self):
-        events = self._view.journal.events
+        journal = self._view.journal
         while True:
             self._arrival.clear()
-            if len(events) - self._sent > LIMIT:
-                await self._skip(len(events) - BATCH)
-            room = WINDOW - (self._sent - self._acknowledged)
-            batch = events[self._sent:self._sent + min(BATCH, room)] if room > 0 else []
+            if journal.count - self._sent > LIMIT:
+                await self._skip(journal.count - BATCH)
+            room = min(WINDOW - (self._sent - self._acknowledged), BATCH)
+            batch = journal.between(self._sent, self._sent + room) if room > 0 else []
             if not batch:
                 await self._arrival.wait()
                 continue
-            self._sent += len(batch)
+            self._sent = batch[-1]["n"]
             await self._send({"type": "events", "events": [brief(event) for event in batch]})
             if len(batch) < BATCH:
                 await asyncio.sleep(EVENT_PAUSE)
 
     async def _skip(self, number):
         """Goes on behind event `number`, telling what is left out."""
-        left_out = self._view.journal.events[self._sent:number]
+        left_out = self._view.journal.between(self._sent, number)
         first, self._sent = self._sent + 1, number
         await self._send({"type": "skipped", "first": first, "last": number,
                           "kinds": collections.Counter(map(kind, left_out))})

@@ -127,7 +127,7 @@ class LabView(View):
                 "subscribed": bool(known and known.subscribed), "radios": radios,
                 "clients": sum(len(vap.stations) for radio in self.lab.ap.air.radios
                                for vap in radio.vaps),
-                "events": len(self.journal.events), "complaints": len(self.lab.checker.found),
+                "events": self.journal.count, "complaints": len(self.lab.checker.found),
                 "faults": len(misbehaviour.present(self.lab.ap))}
 
     # Commands

@@ -106,15 +106,16 @@ class Session:
 
     async def _event(self, message):
         number = int(message["number"])
-        events = self._view.journal.events
-        if not 1 <= number <= len(events):
-            return {"error": f"there are events 1 to {len(events)}"}
-        return {"event": explain.opened(events[number - 1], self._view.mode)}
+        found = self._view.journal.between(number - 1, number)
+        if not found:
+            return {"error": f"event {number} is not kept"}
+        return {"event": explain.opened(found[0], self._view.mode)}
 
     async def _earlier(self, message):
         before = max(int(message["before"]), 1)
         first = max(before - 1 - PAGE_OF_EVENTS, 0)
-        return {"events": [brief(event) for event in self._view.journal.events[first:before - 1]]}
+        return {"events": [brief(event)
+                           for event in self._view.journal.between(first, before - 1)]}
 
     async def _forms(self, _message):
         return {"forms": self._view.forms()}
@@ -127,7 +128,7 @@ class Session:
         line = str(message["line"])
         if self._command is not None:
             return {"outcome": Outcome(line, FAILED, "another command is under way").as_json()}
-        view, since = self._view, len(self._view.journal.events)
+        view, since = self._view, self._view.journal.count
         transcript = Transcript(lambda text, share: self._progress(message, text, share))
         self._command = asyncio.ensure_future(view.execute(line, transcript))
         try:
@@ -139,7 +140,7 @@ class Session:
                                                  "was told")
         finally:
             self._command = None
-        said = [brief(event) for event in view.journal.events[since:]]
+        said = [brief(event) for event in view.journal.between(since, view.journal.count)]
         return {"outcome": outcome.as_json(), "lines": transcript.lines,
                 "said": [event for event in said if event[8] != "reads"][:PAGE_OF_EVENTS]}
 

@@ -153,7 +153,7 @@ class TapeView(View):
     def summary(self):
         return {"link": "recording", "connected": self._links > 0,
                 "subscribed": self._known.subscribed, "radios": "",
-                "clients": len(self._known.clients), "events": len(self.journal.events),
+                "clients": len(self._known.clients), "events": self.journal.count,
                 "complaints": 0, "faults": 0}
 
 

@@ -23,10 +23,11 @@ MEMBERS_LOG = "log_level=7"
 
 
 class Trial:
-    """`options`: those of ./run. Its end, whatever it is, leaves a verdict."""
+    """`options`: those of ./run. `page`: what shows it in a browser, None for nothing. Its end,
+    whatever it is, leaves a verdict."""
 
-    def __init__(self, options, mode, scenario, build, show, prompt):
-        self.options, self.show, self.prompt = options, show, prompt
+    def __init__(self, options, mode, scenario, build, show, prompt, page=None):
+        self.options, self.show, self.prompt, self.page = options, show, prompt, page
         whole = scenarios.load(scenario)
         self._is_member = options.member is not None
         numbers = [options.member] if self._is_member else range(options.fleet)
@@ -74,6 +75,9 @@ class Trial:
                 await lab.start()
 
         await all_of(start(number, lab) for number, lab in enumerate(self.labs))
+        self.consoles = [ForeignConsole(lab, self.show) for lab in self.labs]
+        if self.page is not None:
+            self.page.present_labs(self.labs, self.consoles, str(self.options.service))
 
     def _printer(self, number):
         options = self.options
@@ -106,13 +110,12 @@ class Trial:
                                    return_when=asyncio.FIRST_COMPLETED)
                 self._none_may_be_dead(deaths)
             else:
-                await self._take_commands(self.labs[0])
+                await self._take_commands(self.labs[0], self.consoles[0])
         finally:
             for death in deaths:
                 death.cancel()
 
-    async def _take_commands(self, lab):
-        console = ForeignConsole(lab, self.show)
+    async def _take_commands(self, lab, console):
         lab.journal.listen(console.notice)
         async with self.prompt:
             await self.prompt.interact(lab, console)
@@ -124,6 +127,8 @@ class Trial:
 
     async def _end(self):
         self._silent = True  # the end of the labs is of no interest
+        if self.page is not None:
+            self.page.clear()
         for lab in self.labs:
             if lab.service is not None:
                 lab.service.rules.link_lost()

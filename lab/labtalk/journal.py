@@ -63,6 +63,11 @@ class Journal:
         return [event for event in self.events[max(number - forgotten, 0):]
                 if matches(event, match)]
 
+    def between(self, after: int, last: int) -> list[dict]:
+        """Those of the events `after` + 1 to `last` that are kept."""
+        forgotten = self.count - len(self.events)
+        return self.events[max(after - forgotten, 0):max(last - forgotten, 0)]
+
     async def wait(self, number: int = 0, timeout: float = 10.0,
                    predicate: Callable[[dict], bool] | None = None, **match) -> dict | None:
         """The first event after `number` that matches; None when none came in time."""

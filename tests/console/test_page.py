@@ -110,6 +110,6 @@ def test_access_point_stands_on_the_page(office, page):
 def test_conversation_is_on_the_page_as_it_happens(office, page):
     handle, console = office
     page.open(console, "talk")
-    page.until_text("#talk .rows", "subscribe-request", "subscribe-response")
+    page.until_text("#talk .rows", "ping")
     handle.send({"cmd": "rrm-request-mode"})
     page.until_text("#talk .rows", "rrm-request-mode", "rrm-mode-response")

@@ -80,6 +80,7 @@ def test_client_has_a_history_of_its_signal(own_office, page):
 def test_message_opens_with_what_its_schema_says(office, page):
     _, console = office
     page.open(console, "talk")
+    page.fill("[aria-label='Filter by text']", "subscribe-request")
     page.until_text("#talk .rows", "subscribe-request")
     next(row for row in page.all(ROWS) if "subscribe-request" in row.text).click()
     page.until_text("#message", "power-max", "Most that may be set", "dBm", "office-floor-2",
@@ -91,7 +92,6 @@ def test_message_opens_with_what_its_schema_says(office, page):
 def test_conversation_is_filtered_by_kind_client_radio_and_text(office, page):
     handle, console = office
     page.open(console, "talk")
-    page.until_text("#talk .rows", "subscribe-request")
     page.until(lambda: page.all("[aria-label='Filter by radio'] option[value=wlan1]"), "radios")
 
     def shown():
@@ -115,7 +115,7 @@ def test_conversation_is_filtered_by_kind_client_radio_and_text(office, page):
 def test_conversation_pauses_and_goes_on(office, page):
     handle, console = office
     page.open(console, "talk")
-    page.until_text("#talk .rows", "subscribe-request")
+    page.until(lambda: page.all(ROWS), "events")
     page.keys("p")
     assert page.one(".pause").get_attribute("aria-pressed") == "true"
     top = page.script("return document.querySelector('.rows').scrollTop")
@@ -162,7 +162,7 @@ def test_keyboard_alone_reaches_a_message(office, page):
     page.keys("2")
     page.until(lambda: page.script("return document.body.dataset.view") == "air", "the second view")
     page.keys("5")
-    page.until_text("#talk .rows", "subscribe-request")
+    page.until(lambda: page.all(ROWS), "events")
     page.keys(Keys.END, selector=".rows")
     page.keys(Keys.ARROW_UP, Keys.ENTER, selector=".rows")
     page.until(lambda: page.one("#message").is_displayed(), "a message is open")
@@ -173,10 +173,11 @@ def test_state_shows_link_timers_daemons_and_the_log(office, page):
     page.open(console, "state")
     page.until_text("#content", "connected", "subscribed", "office-floor-2", "ping",
                     "until lumd pings", "hubd", "guardd is away", "Nothing is made to fail")
-    page.until(lambda: len(page.all(".log li")) > 10, "lines of the log")
-    page.fill("[aria-label='Filter the log']", "subscribe")
-    page.until(lambda: page.all(".log li") and all(
-        "subscribe" in line.text.lower() for line in page.all(".log li")), "those that are wanted")
+    page.until(lambda: len(page.all(".log div")) > 10, "lines of the log")
+    page.fill("[aria-label='Filter the log']", "receive_pong")
+    page.until(lambda: page.text(".log div") and all(
+        "receive_pong" in line for line in page.text(".log div").splitlines() if line),
+        "those that are wanted")
 
 
 def test_timer_of_a_survey_runs_and_ends(own_office, page):

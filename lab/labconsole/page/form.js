@@ -72,7 +72,7 @@ function tellLimits(control, given) {
 
 // Messages that can be taken as a beginning, with what their members are.
 function examples(control) {
-  const about = el("dl.members-of", {});
+  const about = el("dl", {});
   const chooser = el("select", {"aria-label": "Example", onchange: () => take()},
     control.field.examples.map(({name, title}, index) => el("option", {value: String(index)}, `${name}: ${title}`)));
   const take = () => {
@@ -81,7 +81,8 @@ function examples(control) {
     about.replaceChildren(...example.about.map(([name, said]) => el("div", {}, el("dt", {}, el("code", {}, name)), el("dd", {}, said))));
   };
   take();
-  return el("div.examples", {}, el("span", {}, "Begin with "), chooser, about);
+  return el("div.examples", {}, el("span", {}, "Begin with "), chooser,
+    el("div.members-of", {tabIndex: 0, role: "region", "aria-label": "Members of the message"}, about));
 }
 
 function lineOf(form, controls) {

@@ -60,6 +60,8 @@ function draw() {
   if (view && page.state) view.update(parts[page.view], page.state, page);
 }
 
+page.draw = draw;
+
 function tellStatus() {
   const {link, state: known} = page;
   const text = !link.connected ? "No link to the lab: trying again" :
@@ -70,13 +72,15 @@ function tellStatus() {
   at("status").dataset.good = String(Boolean(link.connected && (known?.link.connected || known?.about.recording)));
 }
 
-// Events come faster than frames: what was received is counted at once, and drawn once a frame.
-let frame = 0;
+// Events come faster than anybody reads: what was received is counted at once, and drawn a few times a
+// second.
+const DRAW_PAUSE = 100;  // ms
+let drawing = 0;
 function drawSoon() {
-  frame ||= requestAnimationFrame(() => {
-    frame = 0;
+  drawing ||= setTimeout(() => requestAnimationFrame(() => {
+    drawing = 0;
     page.talk.draw();
-  });
+  }), DRAW_PAUSE);
 }
 
 page.link.addEventListener("link", tellStatus);

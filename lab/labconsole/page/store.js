@@ -30,7 +30,8 @@ export class Store {
     for (const event of events) {
       if (this.last !== null && event[N] <= this.last) continue;  // sent again after a lost link
       if (this.last !== null && event[N] !== this.last + 1 && !this.holes.has(event[N])) {
-        this.holes.set(event[N], event[N] - this.last - 1);
+        this.holes.set(event[N], event[N] - this.last - 1);  // the lab keeps them no longer
+        this.skipped += event[N] - this.last - 1;
       }
       this.last = event[N];
       this.received++;

@@ -147,12 +147,12 @@ export class Talk {
 
   makeRow() {
     const parts = {time: el("span.time"), mark: el("span.mark", {"aria-hidden": "true"}),
-      what: el("span.what"), text: el("span.text"), gap: el("span.gap")};
+      what: el("span.what"), text: el("span.text"), gap: el("span.gap"), who: el("span.unseen")};
     const arrow = el("span.arrow");
     parts.arrow = arrow;
     parts.mark.append(...LANES.map((lane) => el("span.rail", {"data-lane": lane})), arrow);
     const node = el("div.row", {role: "option", onclick: () => this.choose(row.event[N], true)},
-      parts.gap, parts.time, parts.mark, el("span.words", {}, parts.what, parts.text));
+      parts.gap, parts.time, parts.who, parts.mark, el("span.words", {}, parts.what, parts.text));
     const row = {node, parts, event: null};
     this.list.append(node);
     return row;
@@ -180,8 +180,7 @@ export class Talk {
     node.classList.toggle("after-gap", Boolean(gap));
     node.setAttribute("aria-selected", String(selected));
     node.id = `event-${event[N]}`;
-    node.setAttribute("aria-label",
-      `${event[FROM]} to ${event[TO]}: ${event[WHAT]} ${event[TEXT]}${gap ? `, after ${gap}` : ""}`);
+    parts.who.textContent = `${event[FROM]} to ${event[TO]}`;
     node.title = `${event[N]}: ${event[FROM]} → ${event[TO]}`;
   }
 

@@ -7,9 +7,12 @@ import {spectrum} from "./spectrum.js";
 export const title = "Air";
 const NARROWEST = 560;  // px of a drawing; a narrower page scrolls it
 
-export function make() {
+export function make(page) {
   const parts = {about: el("p"), bands: el("div"), changes: el("div"), heard: el("div")};
-  addEventListener("resize", () => { delete parts.bands.dataset.key; });
+  addEventListener("resize", () => {
+    delete parts.bands.dataset.key;
+    page.draw();
+  });
   return parts;
 }
 

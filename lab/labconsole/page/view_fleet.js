@@ -4,9 +4,12 @@ import {badge, el} from "./dom.js";
 
 export const title = "Fleet";
 
-export function make() {
+export function make(page) {
   const parts = {totals: el("p.totals", {role: "status"}), tiles: el("div.tiles"), made: new Map()};
-  parts.trouble = el("input", {type: "checkbox", id: "only-trouble", onchange: () => { parts.changed = true; }});
+  parts.trouble = el("input", {type: "checkbox", id: "only-trouble", onchange: () => {
+    parts.changed = true;
+    page.draw();
+  }});
   parts.head = el("p", {}, parts.trouble, " ", el("label", {for: "only-trouble"}, "only those with trouble"));
   return parts;
 }

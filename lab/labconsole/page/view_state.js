@@ -5,11 +5,11 @@ import {badge, duration, el, show} from "./dom.js";
 export const title = "State";
 const BAD_LINE = /\b(err|error|crit|alert|emerg|warn|warning)\b/i;
 
-export function make() {
+export function make(page) {
   const parts = {link: el("div.cards.columns"), log: el("div"), timers: el("div.timers")};
-  parts.lines = el("ol.log", {tabIndex: 0, role: "log", "aria-label": "lumd's log"});
+  parts.lines = el("div.log", {tabIndex: 0, role: "log", "aria-label": "lumd's log"});
   parts.logText = el("input", {type: "search", placeholder: "filter", "aria-label": "Filter the log",
-    oninput: () => { delete parts.lines.dataset.key; }});
+    oninput: () => page.draw()});
   parts.timerCard = el("article.card", {}, el("h3", {}, "Timers"), parts.timers);
   parts.log.append(el("div.log-head", {}, el("h3", {}, "lumd's log"), parts.logText), parts.lines);
   return parts;
@@ -27,7 +27,7 @@ export function update(parts, state, page) {
   const wanted = parts.logText.value.trim().toLowerCase();
   show(parts.lines, JSON.stringify([log.at(-1), log.length, wanted]), () => log
     .filter((line) => line.toLowerCase().includes(wanted))
-    .map((line) => el(BAD_LINE.test(line) ? "li.bad" : "li", {}, line)));
+    .map((line) => el(BAD_LINE.test(line) ? "div.bad" : "div", {}, line)));
   if (parts.lines.matches(":not(:focus):not(:hover)")) parts.lines.scrollTop = parts.lines.scrollHeight;
 }
 
