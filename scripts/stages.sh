@@ -117,8 +117,13 @@ stage_oci() { scripts/oci; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
 
-# Pages in a real browser, with the release build: two at a time, each with a browser of its own.
-stage_console() { stage_release_build && run_pytest release -n 2 tests/console; }
+# Pages in a real browser, with the release build: two at a time, each with a browser of its own. With
+# LUMD_CONSOLE_IMAGES=docs/images it makes the screenshots anew.
+stage_console() {
+    stage_release_build &&
+        run_pytest release -n 2 -rP tests/console \
+            ${LUMD_CONSOLE_IMAGES:+--images "$LUMD_CONSOLE_IMAGES"}
+}
 
 # One room a run: to build the tests of all takes five times as long.
 stage_mutate() {

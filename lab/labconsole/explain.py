@@ -75,7 +75,7 @@ def in_words(schema):
     if "x-unit" in schema:
         limits.append(schema["x-unit"])
     if limits:
-        parts.append("(" + ", ".join(limits) + ")")
+        parts.append("(" + ", ".join(limits).replace(", to ", " to ") + ")")
     return " ".join(parts)
 
 

@@ -21,7 +21,7 @@ from labshow.handle import running_lab  # noqa: E402
 from labshow.rrm_console import RrmConsole  # noqa: E402
 from labshow.show import Show  # noqa: E402
 
-SPEED = 20  # times faster than real time, where a test does not say otherwise
+SPEED = 10  # times faster than real time, where a test does not say otherwise
 
 
 def pytest_configure(config):

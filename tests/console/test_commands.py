@@ -212,7 +212,7 @@ def test_command_under_way_can_be_left(desk):
         page.press(".became .log-head button")
         page.until(lambda: page.all("[data-outcome=interrupted]"), "it was left")
     finally:
-        handle.set_speed(20)
+        handle.set_speed(10)
         run(page, "fault clear")
 
 

@@ -2,6 +2,7 @@
 import inspect
 import json
 import os
+import pathlib
 import re
 import shutil
 import subprocess
@@ -60,6 +61,9 @@ def test_an_installed_lab_brings_the_files_that_it_needs(installed):
     for path in listing.split():
         assert path.startswith(str(installed)) and os.path.exists(path)
     assert os.access(installed / "labtalk" / "data" / "bin" / "wpa_cli", os.X_OK)
+    page = pathlib.Path("labconsole") / "page"
+    assert {path.name for path in (installed / page).iterdir()} == \
+        {path.name for path in (ROOT / "lab" / page).iterdir()}
     version = re.search(r"lumd VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
     assert (installed / f"lumd_lab-{version}.dist-info").exists()
 

@@ -22,7 +22,7 @@ export function update(parts, state, page) {
       vap.up ? badge("good", "up") : badge("warn", "down"), yes(vap["80211k"]), yes(vap["80211r"]),
     {cell: String(vap.clients ?? "–"), class: "number"}])));
   show(parts.clients, JSON.stringify(state.clients), () => table("Clients",
-    ["client", "on", "SSID", "signal", "last two minutes", "known to the service", "802.11v"],
+    ["client", "on", "SSID", "signal", "two minutes", "known", "802.11v"],
     state.clients.map((client) => [mono(client.mac), client.vap ?? client.radio, client.ssid,
       {cell: `${client.rssi} dBm`, class: "number"}, spark(client.signal ?? []),
       client.known === undefined ? "–" : client.known ? badge("good", "yes") : badge("warn", "no"),
