@@ -251,6 +251,20 @@ void Manager::want_with(const std::string& path, Json tree, const std::function<
     }
 }
 
+// The agent takes back what the service has set when hostapd stays away: the next one begins with
+// what is stored. False while hostapd is there.
+bool Manager::take_back_later(const std::vector<std::string>& paths) {
+    if (has_hostapd())
+        return false;
+    for (const std::string& path : paths)
+        at_.store.reset_service(path);
+    std::string reason;
+    const std::optional<AccessPoint> access_point = read_access_point(at_.store.running(), reason);
+    for (std::size_t radio = 0; access_point && radio < radios_.size(); radio++)
+        radios_[radio]->want_later((*access_point)[radio]);
+    return true;
+}
+
 void Manager::update_radio(const std::string& ifname, const Params& params, const Done& done) {
     const std::string path = radio_path(ifname);
     if (!parse_radio(ifname) || find_path(at_.store.running(), path) == nullptr) {
@@ -278,6 +292,7 @@ void Manager::update_radio(const std::string& ifname, const Params& params, cons
             for (const auto& [name, text] : kept)
                 at_.store.set_service(path + '/' + name,
                                       Json{json_object_new_string(text.c_str())});
+            at_.files.config_updated();
         },
         done);
 }
@@ -289,6 +304,10 @@ void Manager::reset_radio(const std::string& ifname, const Done& done) {
         done("there is no radio " + for_log(ifname));
         return;
     }
+    if (take_back_later({path})) {
+        done("");
+        return;
+    }
     Json tree = copy_of(at_.store.running());
     put_path(tree.get(), path, copy_of(stored));
     want_with(
@@ -298,11 +317,18 @@ void Manager::reset_radio(const std::string& ifname, const Done& done) {
 void Manager::update_ft(const std::map<std::string, json_object*>& configs, const Done& done) {
     Json tree = copy_of(at_.store.running());
     std::map<std::string, std::string> texts;  // of what is to be kept; empty: taken back
+    std::vector<std::string> taken_back;
     for (const auto& [ifname, config] : configs) {
         const std::string path = ft_path(ifname);
         json_object* const stored = find_path(at_.store.stored(), path);
         put_path(tree.get(), path, copy_of(config != nullptr ? config : stored));
         texts[path] = config != nullptr ? compact(config) : "";
+        if (config == nullptr)
+            taken_back.push_back(path);
+    }
+    if (taken_back.size() == configs.size() && take_back_later(taken_back)) {
+        done("");
+        return;
     }
     want_with(
         "", std::move(tree),

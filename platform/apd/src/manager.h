@@ -77,6 +77,7 @@ class Manager {
     [[nodiscard]] RadioControl::Surroundings surroundings_of_radios();
     [[nodiscard]] std::optional<Mac> address_of(VapId id);
     void apply(bool patiently);
+    [[nodiscard]] bool take_back_later(const std::vector<std::string>& paths);
     void apply_radio(std::size_t radio, const std::optional<RadioConfig>& config);
     void want_with(const std::string& path, Json tree, const std::function<void()>& keep,
                    const Done& done);

@@ -326,6 +326,8 @@ void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
         applied_ = target;
         if (const std::optional<Channel> channel = at_.kernel.channel(first_vap()))
             applied_->channel = *channel;
+        if (target.tx_power)
+            applied_->tx_power = at_.kernel.power(first_vap());
         enter(State::kUp);
         logsink_message(SINK_INFO, "%s: takes over the access points that run", name_.c_str());
     } else {

@@ -55,6 +55,9 @@ class RadioControl {
     // called with that reason.
     void want(std::optional<RadioConfig> config, Done done);
 
+    // hostapd is away: what the radio is brought to when it comes back.
+    void want_later(const std::optional<RadioConfig>& config) { wanted_ = config; }
+
     // hostapd is there: takes over the access points that run as wanted, and starts the others.
     void hostapd_came(const std::set<std::string>& interfaces);
     void hostapd_went();

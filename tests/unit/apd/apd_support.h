@@ -67,7 +67,7 @@ class FakeKernel : public RadioKernel {
         powers[ability.phy] = power;
         return "";
     }
-    std::optional<int> power(const std::string&) override { return 20; }
+    std::optional<int> power(const std::string&) override { return sent_with; }
     std::optional<Channel> channel(const std::string& ifname) override {
         const auto found = channels.find(ifname);
         return found != channels.end() ? std::optional{found->second} : std::nullopt;
@@ -77,6 +77,7 @@ class FakeKernel : public RadioKernel {
     std::map<std::string, Mac> vaps;
     std::map<std::string, std::optional<int>> powers;
     std::map<std::string, Channel> channels;  // by access point
+    int sent_with = 20;                       // dBm
 };
 
 // Takes everything, unless a refusal or another answer is prepared for what a command begins with.

@@ -121,6 +121,33 @@ TEST_F(ApdManager, GoesBackToWhatIsStored) {
     EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/channel"), "6");
 }
 
+TEST_F(ApdManager, TellsTheAgentWhatHasBecomeOfASetting) {
+    manager.update_radio("wlan0", {{"tx-power", "12"}}, answer());
+    EXPECT_THAT(answers, ElementsAre(""));
+    EXPECT_TRUE(there(".orvanta_notify_config_updated"));
+}
+
+TEST_F(ApdManager, BeginsWithWhatIsStoredAfterAResetWithoutHostapd) {
+    manager.update_radio("wlan0", {{"channel", "11"}}, answer());
+    is_on("wlan0", {11, 20});
+    manager.take_event("wlan0-va0", "AP-CSA-FINISHED freq=2462 dfs=0");
+    manager.hostapd_went();
+    manager.reset_radio("wlan0", answer());
+    EXPECT_THAT(answers, ElementsAre("", ""));
+    EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/channel"), "6");
+    manager.hostapd_came(4712);
+    EXPECT_THAT(folder.read("wlan0-va0.conf"), HasSubstr("\nchannel=6\n"));
+}
+
+TEST_F(ApdManager, TakesFastTransitionBackWithoutHostapd) {
+    const Json config = parse_json(R"({"enabled": "true", "mobility-domain": 4660})");
+    manager.update_ft({{"wlan0-va0", config.get()}}, answer());
+    manager.hostapd_went();
+    manager.update_ft({{"wlan0-va0", nullptr}, {"wlan0-va1", nullptr}}, answer());
+    EXPECT_THAT(answers, ElementsAre("", ""));
+    EXPECT_EQ(in_force("/interface/wlan0-va0/vap/ft-config/mobility-domain"), "");
+}
+
 TEST_F(ApdManager, PutsTheBlackListIntoEveryAccessPoint) {
     const Json lists = parse_json(R"({"Name": "x", "black-list": ["02:00:00:00:00:01"]})");
     manager.set_mac_lists(lists.get());

@@ -268,9 +268,13 @@ TEST_F(ApdRadioControl, TakesOverWhatRunsAsWanted) {
              [](VapId id) { return Mac{2, 0, 0, 0, 0, static_cast<std::uint8_t>(0x51 + id.vap)}; },
          .settled = [](int) {},
          .vap_ends = [](const std::string&) {}}};
-    again.want(radio.applied(), [](const std::string&) {});
+    std::optional<RadioConfig> wanted = radio.applied();
+    wanted->tx_power = 15;
+    kernel.powers.clear();
+    again.want(wanted, [](const std::string&) {});
     again.hostapd_came({"wlan0-va0", "wlan0-va2"});
     EXPECT_EQ(again.state(), RadioControl::State::kUp);
+    EXPECT_EQ(kernel.powers["phy0"], 15) << "the kernel sends with " << kernel.sent_with << " dBm";
     EXPECT_THAT(hostapd.told("REMOVE"), IsEmpty());
     EXPECT_THAT(hostapd.told("ADD"), IsEmpty());
 }
