@@ -1,10 +1,12 @@
 """The lab away from its tree: installed as a Python package, and each program by hand."""
+import contextlib
 import inspect
 import json
 import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -104,10 +106,14 @@ class Shell:
         self._shell.stdin.flush()
 
     def end(self):
-        """Everything that was started ends by what a person would type."""
+        """Everything that was started ends by what a person would type, or else is ended."""
         self.type("wait %4; kill %1 %2 %3; wait")
         self._shell.stdin.close()
-        self._shell.wait()
+        try:
+            self._shell.wait(timeout=30)
+        finally:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(self._shell.pid, signal.SIGKILL)
 
 
 def lines_by_hand(folder, port):
