@@ -76,7 +76,7 @@ struct rrm_sta_s {
     bool roam_attempt = false;                // the driver has already tried to roam the client
     std::array<std::int32_t, chains> rssi{};  // dBm per receive chain
     std::int32_t max_rssi = 0;                // dBm, the largest of them
-    std::int32_t tx_rate = 0;
+    std::int32_t tx_rate = 0;                 // 100 kbit/s; 0 when not told
     std::int32_t rx_rate = 0;
     bool need_ack = false;
     bool is_enterprise = false;  // the VAP uses 802.1X security
@@ -91,7 +91,7 @@ struct ap_info {
     std::int32_t signal = 0;  // dBm
     std::int32_t channel = 0;
     std::int32_t bw = 0;               // MHz
-    std::int32_t tx_power = 0;         // dBm; 0 from the generic scan, which does not tell it
+    std::int32_t tx_power = 0;         // dBm; 0 when not told
     std::int32_t primary_channel = 0;  // control sub-band bits of its chanspec
 };
 

@@ -5,6 +5,7 @@
 
 #include "factorydata.h"
 #include "krds.h"
+#include "nl80211_backend.h"
 
 namespace {
 
@@ -25,7 +26,9 @@ driver_interface& make_driver(volatile bool& run_flag) {
 }
 
 driver_realtek::driver_realtek(volatile bool& process_run_flag)
-    : driver_interface(ORVANTAMOD, bus_timeout, &process_run_flag), run_flag(process_run_flag) {
+    : driver_interface(ORVANTAMOD, bus_timeout, &process_run_flag),
+      run_flag(process_run_flag),
+      nl80211(make_nl80211_radios()) {
     factorydata_record record{};
     if (factorydata_load(&record) == 0) {
         copy_text(factory.board, record.board);

@@ -12,6 +12,8 @@
 #include "driver_interface.h"
 #include "ioctl_ops.h"
 
+class nl80211_radios;
+
 inline constexpr int realtek_max_radios = 2;
 inline constexpr int realtek_max_vaps = 7;  // per radio
 
@@ -158,6 +160,8 @@ class driver_realtek final : public driver_interface {
     // --- driver_realtek_station.cpp: chip families, stations and interface state ---
     // Family of the chip behind an interface, by the part of its name before the first "-".
     ioctl_ops_type get_ioctl_type(const char* ifname) const;
+    // What the back-end for mac80211 keeps; null in a build without it.
+    nl80211_radios* get_nl80211_radios() const { return nl80211.get(); }
     int get_obss_coex(const char* ifname) const override;
     bool get_status(const char* ifname) const override;
     bool interface_is_up(const std::string& ifname) const;
@@ -263,6 +267,7 @@ class driver_realtek final : public driver_interface {
     bool in_progress = false;     // a scan was started and not stopped
     bool hostapd_status = false;  // hostapd is up
     std::array<interface_context, realtek_max_radios> interfaces;
+    const std::shared_ptr<nl80211_radios> nl80211;
     cfgtree_ptr realtek_fbt_msg;        // fast-transition parameters being staged; null when none
     bool guardd_sentry_status = false;  // guardd scans on all radios
 };

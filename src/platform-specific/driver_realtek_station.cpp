@@ -10,6 +10,7 @@
 #include "ioctl_ops_factory.h"
 #include "krds.h"
 #include "lum_trace.h"
+#include "nl80211_backend.h"
 #include "rrm_sta_realtek.h"
 
 namespace {
@@ -32,6 +33,15 @@ bool is_usable(const driver_realtek& driver, const char* ifname) {
     return ifname != nullptr && driver.is_enabled(driver.get_radio_id(ifname));
 }
 
+bool has_nl80211_radio() {
+    bool found = false;
+    KRDS::for_each_radio([&found](const std::string&, const KRDS::RadioDescription& radio) {
+        found = radio.driver == KRDS::Driver::NL80211;
+        return found;
+    });
+    return found;
+}
+
 template <typename Visit>
 void for_each_enabled_vap(const driver_realtek& driver, const char* ifname, const Visit& visit) {
     if (!is_usable(driver, ifname))
@@ -50,7 +60,14 @@ ioctl_ops_type driver_realtek::get_ioctl_type(const char* ifname) const {
     const std::string name{ifname == nullptr ? "" : ifname};
     const std::optional<KRDS::RadioDescription> radio =
         KRDS::find_radio(name.substr(0, name.find('-')));
-    return radio && radio->driver == KRDS::Driver::G6 ? G6 : RTL8192CD;
+    switch (radio ? radio->driver : KRDS::Driver::RTL8192CD) {
+        case KRDS::Driver::G6:
+            return G6;
+        case KRDS::Driver::NL80211:
+            return NL80211;
+        default:
+            return RTL8192CD;
+    }
 }
 
 std::unique_ptr<ioctl_ops> driver_realtek::make_ops(const char* ifname) const {
@@ -124,7 +141,10 @@ bool driver_realtek::interface_is_up(const std::string& ifname) const {
     return flags != -1 && (bits & interface_up) != 0;
 }
 
-int driver_realtek::process_driver_events(const driver_event_callback&) const {
+int driver_realtek::process_driver_events(const driver_event_callback& callback) const {
+    // The chip families' drivers deliver none.
+    if (has_nl80211_radio())
+        return process_nl80211_events(*this, nl80211.get(), event_wait_us, callback);
     timeval pace{0, event_wait_us};
     return select(0, nullptr, nullptr, nullptr, &pace);
 }

@@ -13,7 +13,7 @@
 
 class rrm_sta_realtek;
 
-enum ioctl_ops_type : std::int32_t { RTL8192CD = 0, G6 = 1 };
+enum ioctl_ops_type : std::int32_t { RTL8192CD = 0, G6 = 1, NL80211 = 2 };
 
 // A back-end serves one interface and is used by one thread, one command at a time. Results of
 // type int are 0 or negative for failure; the reason is logged.

@@ -1,7 +1,7 @@
 /*
  * KRDS: the radio-description registry, which radios this unit has, read from radios.json in
  * $LUMD_PLATFORM_DIR (default /etc/lumd):
- *     {"radios": [{"ifname": "wlan0", "driver": "rtl8192cd" | "g6",
+ *     {"radios": [{"ifname": "wlan0", "driver": "rtl8192cd" | "g6" | "nl80211",
  *                  "bands": ["2.4GHz" | "5GHz" | "6GHz", ...],
  *                  "antenna-gain": {"type": "fixed", "value": 3} | {"type": "configurable"}
  *                                | {"type": "none"}}]}
@@ -20,7 +20,9 @@
 
 namespace KRDS {
 
-enum class Driver : std::int32_t { RTL8192CD = 0, G6 = 1 };
+// NL80211: a driver of Linux itself (mac80211), in builds that have the libraries for it; in others
+// its name is unknown.
+enum class Driver : std::int32_t { RTL8192CD = 0, G6 = 1, NL80211 = 2 };
 
 enum class Band : std::int32_t { UNSUPPORTED = 0, BAND_24G = 1, BAND_5G = 2, BAND_6G = 3 };
 

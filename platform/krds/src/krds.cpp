@@ -29,7 +29,13 @@ struct Name {
     Value value;
 };
 
-constexpr Name<Driver> kDrivers[] = {{"rtl8192cd", Driver::RTL8192CD}, {"g6", Driver::G6}};
+constexpr Name<Driver> kDrivers[] = {
+    {"rtl8192cd", Driver::RTL8192CD},
+    {"g6", Driver::G6},
+#ifdef LUMD_NL80211
+    {"nl80211", Driver::NL80211},
+#endif
+};
 constexpr Name<Band> kBands[] = {
     {"2.4GHz", Band::BAND_24G}, {"5GHz", Band::BAND_5G}, {"6GHz", Band::BAND_6G}};
 constexpr Name<AntennaGainType> kGainTypes[] = {{"fixed", AntennaGainType::FIXED},

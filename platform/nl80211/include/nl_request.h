@@ -27,6 +27,8 @@ class nl_request {
     nl_request& put_text(int type, std::string_view value);  // with a NUL behind it
     // An array of numbers, whose elements are attributes of the types 1, 2, ...
     nl_request& put_list(int type, std::span<const std::uint32_t> values);
+    // The same of byte strings, which get no NUL.
+    nl_request& put_strings(int type, std::span<const std::string_view> values);
 
     [[nodiscard]] bool is_whole() const { return whole_ && message_ != nullptr; }
     [[nodiscard]] std::uint8_t command() const { return command_; }
@@ -39,6 +41,10 @@ class nl_request {
         void operator()(nl_msg* message) const;
     };
     nl_request& put(int type, const void* value, std::size_t size);
+    template <typename Value>
+    nl_request& put_nested(int type, std::span<const Value> values);
+    void put_element(int number, std::uint32_t value);
+    void put_element(int number, std::string_view value);
 
     std::unique_ptr<nl_msg, releaser> message_;
     std::uint8_t command_;

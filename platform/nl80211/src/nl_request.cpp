@@ -50,15 +50,32 @@ nl_request& nl_request::put_text(int type, std::string_view value) {
     return put(type, text.c_str(), text.size() + 1);
 }
 
-nl_request& nl_request::put_list(int type, std::span<const std::uint32_t> values) {
+void nl_request::put_element(int number, std::uint32_t value) {
+    put_u32(number, value);
+}
+
+void nl_request::put_element(int number, std::string_view value) {
+    put(number, value.data(), value.size());
+}
+
+template <typename Value>
+nl_request& nl_request::put_nested(int type, std::span<const Value> values) {
     nlattr* const list = is_whole() ? nla_nest_start(message_.get(), type) : nullptr;
     whole_ = list != nullptr;
     int number = 0;
-    for (const std::uint32_t value : values)
-        put_u32(++number, value);
+    for (const Value& value : values)
+        put_element(++number, value);
     if (is_whole())
         nla_nest_end(message_.get(), list);
     return *this;
+}
+
+nl_request& nl_request::put_list(int type, std::span<const std::uint32_t> values) {
+    return put_nested(type, values);
+}
+
+nl_request& nl_request::put_strings(int type, std::span<const std::string_view> values) {
+    return put_nested(type, values);
 }
 
 std::span<const std::uint8_t> nl_request::attributes() const {

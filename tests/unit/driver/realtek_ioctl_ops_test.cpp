@@ -653,7 +653,7 @@ TEST_F(FactoryTest, MakesTheBackEndOfAFamily) {
 }
 
 TEST_F(FactoryTest, MakesNothingForAnUnknownFamily) {
-    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(2), driver(), "wlan0"), nullptr);
+    EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(3), driver(), "wlan0"), nullptr);
     EXPECT_EQ(ioctl_ops_factory::get(static_cast<ioctl_ops_type>(-1), driver(), "wlan0"), nullptr);
 }
 

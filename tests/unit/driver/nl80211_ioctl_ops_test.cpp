@@ -1,0 +1,407 @@
+// The back-end for radios of mac80211, on what a real kernel with simulated radios and a real
+// hostapd said: wlan0 with wlan0-va0 on channel 6, wlan1 with wlan1-va0 on channel 36 with 80 MHz.
+#include "platform-specific/nl80211_ioctl_ops.h"
+
+#include <gmock/gmock.h>
+#include <linux/nl80211.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "fake_hostapd.h"
+#include "fake_nl80211.h"
+#include "krds.h"
+#include "log_capture.h"
+#include "platform-specific/rrm_sta_realtek.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using libhubd::MacAddr;
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::Field;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr std::uint32_t kWlan0Index = 2;
+constexpr char kStation[] = "02:00:00:00:04:00";
+const MacAddr kNeighbour = MacAddr::from_str("02:00:00:00:12:00");
+
+class Nl80211IoctlOps : public testing::Test {
+  protected:
+    Nl80211IoctlOps() {
+        setenv("LUMD_PLATFORM_DIR", folder.path().c_str(), 1);
+        folder.write("radios.json",
+                     R"({"radios": [{"ifname": "wlan0", "driver": "nl80211", "bands": ["2.4GHz"]},
+                                    {"ifname": "wlan1", "driver": "nl80211", "bands": ["5GHz"]}]})");
+        KRDS::reload();
+        kernel->answers[NL80211_CMD_GET_INTERFACE] = FakeNl80211::recording("interfaces");
+        kernel->answers[NL80211_CMD_GET_WIPHY] = FakeNl80211::recording("wiphy");
+        kernel->answers[NL80211_CMD_GET_SCAN] = FakeNl80211::recording("scan_2ghz");
+        kernel->answers[NL80211_CMD_GET_SURVEY] = FakeNl80211::recording("survey");
+        kernel->answers[NL80211_CMD_GET_STATION] = FakeNl80211::recording("stations");
+    }
+    ~Nl80211IoctlOps() override {
+        unsetenv("LUMD_PLATFORM_DIR");
+        KRDS::reload();
+    }
+
+    // hostapd as it answers from here on.
+    void start_hostapd(FakeHostapd::Answer answer) { hostapd.emplace(socket, std::move(answer)); }
+    nl80211_ioctl_ops ops(const std::string& ifname) { return {ifname, radios}; }
+
+    // The MIB of an interface; empty when it is refused.
+    std::optional<std::int32_t> mib(const std::string& ifname, const std::string& name) {
+        std::int32_t value = 0;
+        const auto out = std::as_writable_bytes(std::span{&value, 1});
+        return ops(ifname).get_mib(name, out, ifname) == 0 ? std::optional{value} : std::nullopt;
+    }
+    std::vector<std::uint32_t> scanned(std::size_t call = 0) {
+        std::vector<std::uint32_t> frequencies;
+        kernel->calls_of(NL80211_CMD_TRIGGER_SCAN)
+            .at(call)
+            .read()
+            .nested(NL80211_ATTR_SCAN_FREQUENCIES)
+            .for_each([&](int, nl_attributes::bytes data) {
+                std::uint32_t frequency = 0;
+                std::memcpy(&frequency, data.data(), sizeof frequency);
+                frequencies.push_back(frequency);
+            });
+        return frequencies;
+    }
+
+    TemporaryFolder folder;
+    const std::string socket = folder / "global";
+    std::unique_ptr<FakeNl80211> made = std::make_unique<FakeNl80211>();
+    FakeNl80211* const kernel = made.get();
+    nl80211_radios radios{std::move(made), std::make_unique<FakeNl80211>(), socket};
+    std::optional<FakeHostapd> hostapd;
+    LogCapture log;
+};
+
+// --- MIBs ---
+
+TEST_F(Nl80211IoctlOps, TheChannelOfARadioIsThatOfItsAccessPoints) {
+    EXPECT_EQ(mib("wlan0", "chanspec"), LWLIO_CHANSPEC_BW_20 | 6);
+    EXPECT_EQ(mib("wlan0-va0", "chanspec"), LWLIO_CHANSPEC_BW_20 | 6);
+    EXPECT_EQ(mib("wlan1", "chanspec"), LWLIO_CHANSPEC_BW_80 | 42);
+}
+
+TEST_F(Nl80211IoctlOps, ThePowerIsInDbm) {
+    EXPECT_EQ(mib("wlan0", "actual_tx_power"), 20);
+    std::int32_t power = 0;
+    const auto out = std::as_writable_bytes(std::span{&power, 1});
+    EXPECT_EQ(ops("wlan1").get_actual_tx_power(out, "wlan1"), 0);
+    EXPECT_EQ(power, 23);
+}
+
+TEST_F(Nl80211IoctlOps, OtherMibsAreRefusedInTheUsualWords) {
+    EXPECT_EQ(mib("wlan0", "use40M"), std::nullopt);
+    EXPECT_EQ(ops("wlan0").set_mib("use40M", "1", "wlan0"), -1);
+    EXPECT_TRUE(
+        log.contains("cannot get MIB parametr 'use40M'(errno = (95)Operation not supported)"));
+    EXPECT_TRUE(log.contains("cannot set MIB parametr 'use40M=1'"));
+}
+
+TEST_F(Nl80211IoctlOps, AnInterfaceThatVanishedHasNoMib) {
+    EXPECT_EQ(mib("wlan7", "chanspec"), std::nullopt);
+    EXPECT_TRUE(log.contains("wlan7: no such wireless interface"));
+}
+
+TEST_F(Nl80211IoctlOps, AMibThatFitsNotIsCut) {
+    std::array<std::byte, 1> out{};
+    EXPECT_EQ(ops("wlan0").get_mib("actual_tx_power", out, "wlan0"), 0);
+    EXPECT_EQ(ops("wlan0").get_mib("actual_tx_power", {}, "wlan0"), 0);
+}
+
+TEST_F(Nl80211IoctlOps, CoexistenceIsThatOfHtAt2GHz) {
+    start_hostapd([](const std::string&) { return "state=ENABLED\nieee80211n=1\n"; });
+    EXPECT_TRUE(ops("wlan0").get_obss_coex("wlan0"));
+    EXPECT_FALSE(ops("wlan1").get_obss_coex("wlan1"));
+    EXPECT_THAT(hostapd->commands(), ElementsAre("IFNAME=wlan0-va0 STATUS"));
+}
+
+// --- scans ---
+
+TEST_F(Nl80211IoctlOps, AvailableAreChannelsOfTheRadiosBandThatMayBeSentOn) {
+    std::set<unsigned> channels;
+    EXPECT_EQ(ops("wlan0").get_available_channels(channels), 0);
+    EXPECT_EQ(channels, (std::set<unsigned>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
+    channels.clear();
+    EXPECT_EQ(ops("wlan1").get_available_channels(channels), 0);
+    EXPECT_THAT(channels, AllOf(Contains(36U), Contains(52U), Contains(100U)));
+    EXPECT_EQ(*channels.begin(), 36U);
+}
+
+TEST_F(Nl80211IoctlOps, AScanAsksForTheChannelsThatTheRadioMayUse) {
+    EXPECT_EQ(ops("wlan0").start_scan({1, 6, 14, 36, 4000000000U}), 0);
+    EXPECT_THAT(scanned(), ElementsAre(2412, 2437));
+    const FakeNl80211::Call call = kernel->calls_of(NL80211_CMD_TRIGGER_SCAN).at(0);
+    EXPECT_EQ(call.read().get<std::uint32_t>(NL80211_ATTR_IFINDEX), kWlan0Index);
+    EXPECT_TRUE(call.read().has(NL80211_ATTR_SCAN_SSIDS)) << "an active scan";
+}
+
+TEST_F(Nl80211IoctlOps, AScanOfNoChannelIsAScanOfAll) {
+    EXPECT_EQ(ops("wlan0").start_scan({}), 0);
+    EXPECT_THAT(scanned(), SizeIs(13));
+}
+
+TEST_F(Nl80211IoctlOps, AScanOfForeignChannelsIsRefused) {
+    EXPECT_EQ(ops("wlan0").start_scan({36}), -1);
+    EXPECT_THAT(kernel->calls_of(NL80211_CMD_TRIGGER_SCAN), IsEmpty());
+    EXPECT_TRUE(log.contains("wlan0: none of the channels can be scanned"));
+}
+
+TEST_F(Nl80211IoctlOps, AScanWaitsForTheEndOfAnAbortedOne) {
+    kernel->results[NL80211_CMD_TRIGGER_SCAN] = {-EBUSY, -EBUSY};
+    EXPECT_EQ(ops("wlan0").start_scan({1}), 0);
+    EXPECT_THAT(kernel->calls_of(NL80211_CMD_TRIGGER_SCAN), SizeIs(3));
+}
+
+TEST_F(Nl80211IoctlOps, AScanThatTheKernelRefusesIsAFailure) {
+    kernel->results[NL80211_CMD_TRIGGER_SCAN] = {-EPERM};
+    EXPECT_EQ(ops("wlan0").start_scan({1}), -1);
+    EXPECT_TRUE(log.contains("wlan0: cannot start a scan: Operation not permitted"));
+}
+
+TEST_F(Nl80211IoctlOps, StoppingWithoutAScanIsNoFailure) {
+    kernel->results[NL80211_CMD_ABORT_SCAN] = {-ENOENT, -EIO};
+    EXPECT_EQ(ops("wlan0").stop_scan(), 0);
+    EXPECT_EQ(ops("wlan0").stop_scan(), -1);
+    EXPECT_TRUE(log.contains("wlan0: cannot stop a scan"));
+}
+
+TEST_F(Nl80211IoctlOps, WhatWasHeardIsAppended) {
+    ap_table table(1);
+    EXPECT_EQ(ops("wlan0").get_scan_result(table), 0);
+    ASSERT_THAT(table, SizeIs(2));
+    EXPECT_THAT(table[1].bssid, ElementsAre(2, 0, 0, 0, 0x12, 0));
+    EXPECT_EQ(table[1].signal, -30);
+    EXPECT_EQ(table[1].channel, 11);
+    EXPECT_EQ(table[1].bw, 20);
+    EXPECT_EQ(table[1].tx_power, 20);
+}
+
+TEST_F(Nl80211IoctlOps, AWideNeighbourIsToldWithItsPrimaryChannel) {
+    kernel->answers[NL80211_CMD_GET_SCAN] = FakeNl80211::recording("scan_5ghz");
+    ap_table table;
+    EXPECT_EQ(ops("wlan1").get_scan_result(table), 0);
+    ASSERT_THAT(table, SizeIs(1));
+    EXPECT_EQ(table[0].channel, 44);
+    EXPECT_EQ(table[0].bw, 80);
+    EXPECT_EQ(table[0].primary_channel, LWLIO_CHANSPEC_CTL_SB_UL);
+}
+
+TEST_F(Nl80211IoctlOps, ADumpThatChangedIsAskedForAgainAndToldOnce) {
+    kernel->results[NL80211_CMD_GET_SCAN] = {-EINTR, -ENOBUFS};
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_scan_result(table), 0);
+    EXPECT_THAT(table, SizeIs(1));
+    EXPECT_THAT(kernel->calls_of(NL80211_CMD_GET_SCAN), SizeIs(3));
+    EXPECT_FALSE(log.contains("incomplete"));
+}
+
+TEST_F(Nl80211IoctlOps, ADumpThatAlwaysChangesIsTakenWithAWarning) {
+    kernel->results[NL80211_CMD_GET_SCAN] = {-EINTR, -EINTR, -EINTR};
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_scan_result(table), 0);
+    EXPECT_THAT(table, SizeIs(1));
+    EXPECT_TRUE(log.contains("the answer is incomplete"));
+}
+
+TEST_F(Nl80211IoctlOps, ASilentKernelIsAFailure) {
+    kernel->results[NL80211_CMD_GET_SCAN] = {-ETIMEDOUT};
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_scan_result(table), -1);
+    kernel->results[NL80211_CMD_GET_INTERFACE] = {-ETIMEDOUT};
+    EXPECT_EQ(ops("wlan0").get_scan_result(table), -1);
+    EXPECT_TRUE(log.contains("wlan0: cannot read the interfaces"));
+}
+
+// --- the measurement ---
+
+TEST_F(Nl80211IoctlOps, AMeasurementIsPassiveAndDwells) {
+    EXPECT_EQ(ops("wlan0").start_rrm_scan(11, "wlan0"), 0);
+    EXPECT_THAT(scanned(), ElementsAre(2462));
+    const FakeNl80211::Call call = kernel->calls_of(NL80211_CMD_TRIGGER_SCAN).at(0);
+    EXPECT_FALSE(call.read().has(NL80211_ATTR_SCAN_SSIDS));
+    EXPECT_GT(call.read().get<std::uint16_t>(NL80211_ATTR_MEASUREMENT_DURATION), 100);
+    EXPECT_EQ(mib("wlan0", "rrm_scan_chan"), 11);
+}
+
+TEST_F(Nl80211IoctlOps, ARadioThatTakesNoDwellTimeMeasuresWithout) {
+    kernel->results[NL80211_CMD_TRIGGER_SCAN] = {-EOPNOTSUPP};
+    EXPECT_EQ(ops("wlan0").start_rrm_scan(11, "wlan0"), 0);
+    const auto calls = kernel->calls_of(NL80211_CMD_TRIGGER_SCAN);
+    ASSERT_THAT(calls, SizeIs(2));
+    EXPECT_FALSE(calls[1].read().has(NL80211_ATTR_MEASUREMENT_DURATION));
+}
+
+TEST_F(Nl80211IoctlOps, AMeasurementTellsItsChannelAloneAndLogsTheSurvey) {
+    ASSERT_EQ(ops("wlan0").start_rrm_scan(11, "wlan0"), 0);
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_rrm_scan_result(table), 0);
+    EXPECT_THAT(table, SizeIs(1));
+    EXPECT_TRUE(log.contains("wlan0: channel 11: noise -92 dBm, busy "));
+
+    ASSERT_EQ(ops("wlan0").start_rrm_scan(1, "wlan0"), 0);
+    table.clear();
+    EXPECT_EQ(ops("wlan0").get_rrm_scan_result(table), 0);
+    EXPECT_THAT(table, IsEmpty());
+}
+
+TEST_F(Nl80211IoctlOps, AStoppedMeasurementHasNoResult) {
+    ASSERT_EQ(ops("wlan0").start_rrm_scan(11, "wlan0"), 0);
+    EXPECT_EQ(ops("wlan0").stop_rrm_scan("wlan0"), 0);
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_rrm_scan_result(table), 0);
+    EXPECT_THAT(table, IsEmpty());
+    EXPECT_EQ(mib("wlan0", "rrm_scan_chan"), 0);
+}
+
+// --- stations ---
+
+TEST_F(Nl80211IoctlOps, AStationHasItsSignalRatesAndTransitionSupport) {
+    start_hostapd([](const std::string&) { return "ext_capab=04004a0201\n"; });
+    std::vector<rrm_sta_realtek> stations;
+    EXPECT_EQ(ops("wlan0-va0").get_assoc_sta(stations), 0);
+    ASSERT_THAT(stations, SizeIs(1));
+    EXPECT_EQ(stations[0].mac, kStation);
+    EXPECT_EQ(stations[0].max_rssi, -30);
+    EXPECT_THAT(stations[0].rssi, Contains(-30));
+    EXPECT_GT(stations[0].tx_rate, 0);
+    EXPECT_FALSE(stations[0].is_no_balance);
+    EXPECT_FALSE(stations[0].roam_attempt);
+    EXPECT_THAT(hostapd->commands(), ElementsAre("IFNAME=wlan0-va0 STA 02:00:00:00:04:00"));
+}
+
+TEST_F(Nl80211IoctlOps, AStationThatHostapdDoesNotKnowIsNotBalanced) {
+    start_hostapd([](const std::string&) { return "FAIL\n"; });
+    std::vector<rrm_sta_realtek> stations;
+    EXPECT_EQ(ops("wlan0-va0").get_assoc_sta(stations), 0);
+    ASSERT_THAT(stations, SizeIs(1));
+    EXPECT_TRUE(stations[0].is_no_balance);
+}
+
+TEST_F(Nl80211IoctlOps, WithoutHostapdStationsAreToldAllTheSame) {
+    std::vector<rrm_sta_realtek> stations;
+    EXPECT_EQ(ops("wlan0-va0").get_assoc_sta(stations), 0);
+    EXPECT_THAT(stations, SizeIs(1));
+    EXPECT_TRUE(log.contains("wlan0-va0: hostapd does not answer"));
+}
+
+TEST_F(Nl80211IoctlOps, ASilentHostapdIsAskedOnceForAWhile) {
+    start_hostapd([](const std::string&) { return std::nullopt; });
+    std::vector<rrm_sta_realtek> stations;
+    ops("wlan0-va0").get_assoc_sta(stations);
+    ops("wlan0-va0").get_assoc_sta(stations);
+    EXPECT_THAT(stations, SizeIs(2));
+    EXPECT_THAT(hostapd->commands(), SizeIs(1));
+}
+
+// --- neighbours ---
+
+TEST_F(Nl80211IoctlOps, ANeighbourGoesToHostapd) {
+    start_hostapd(nullptr);
+    EXPECT_EQ(ops("wlan0-va0").set_rrm_nbr_ap("wlan0-va0", kNeighbour, "air", 11, 0, 0, 255, 1, 0),
+              0);
+    EXPECT_THAT(hostapd->commands(),
+                ElementsAre("IFNAME=wlan0-va0 SET_NEIGHBOR 02:00:00:00:12:00 ssid=616972 "
+                            "nr=020000001200af080000510b07"));
+}
+
+TEST_F(Nl80211IoctlOps, ARefusedNeighbourIsAFailure) {
+    start_hostapd([](const std::string&) { return "FAIL\n"; });
+    EXPECT_EQ(ops("wlan0-va0").set_rrm_nbr_ap("wlan0-va0", kNeighbour, "air", 11, 0, 0, 255, 1, 0),
+              -1);
+    EXPECT_TRUE(log.contains("wlan0-va0: hostapd refuses 'SET_NEIGHBOR"));
+}
+
+TEST_F(Nl80211IoctlOps, TheOwnEntryIsHostapds) {
+    start_hostapd(nullptr);
+    const MacAddr own = MacAddr::from_str("02:00:00:00:10:00");
+    EXPECT_EQ(ops("wlan0-va0").set_rrm_nbr_ap("wlan0-va0", own, "air", 6, 0, 0, 255, 1, 0), 0);
+    EXPECT_THAT(hostapd->commands(), IsEmpty());
+}
+
+TEST_F(Nl80211IoctlOps, ClearingRemovesOneByOneAndLeavesTheOwnEntry) {
+    std::vector<std::string> list{"02:00:00:00:10:00", "02:00:00:00:12:00", "02:00:00:00:13:00"};
+    start_hostapd([&list](const std::string& command) {
+        const std::string bssid = command.substr(command.rfind(' ') + 1);
+        std::erase(list, bssid);
+        std::string answer;
+        // Cut after two, as hostapd cuts.
+        for (std::size_t i = 0; i < list.size() && i < 2; ++i)
+            answer += list[i] + " ssid=616972 nr=00\n";
+        return bssid == "SHOW_NEIGHBOR" ? answer : "OK\n";
+    });
+    EXPECT_EQ(ops("wlan0-va0").clear_rrm_nbr_ap_list("wlan0-va0"), 0);
+    hostapd.reset();
+    EXPECT_THAT(list, ElementsAre("02:00:00:00:10:00"));
+}
+
+TEST_F(Nl80211IoctlOps, AListThatDoesNotShrinkIsGivenUp) {
+    start_hostapd([](const std::string& command) {
+        return command.ends_with("SHOW_NEIGHBOR") ? "02:00:00:00:12:00 ssid=61 nr=00\n" : "OK\n";
+    });
+    EXPECT_EQ(ops("wlan0-va0").clear_rrm_nbr_ap_list("wlan0-va0"), -1);
+    EXPECT_TRUE(log.contains("wlan0-va0: hostapd keeps neighbours"));
+}
+
+TEST_F(Nl80211IoctlOps, NamesThatAreNoInterfacesReachNoSocket) {
+    start_hostapd(nullptr);
+    const std::string name = "wlan0-va0 DISABLE";
+    EXPECT_EQ(ops(name).clear_rrm_nbr_ap_list(name), -1);
+    EXPECT_EQ(ops(name).set_rrm_nbr_ap(name, kNeighbour, "air", 11, 0, 0, 255, 1, 0), -1);
+    EXPECT_EQ(ops(name).send_bsstrans_request(name, kStation, 1), -1);
+    EXPECT_THAT(hostapd->commands(), IsEmpty());
+}
+
+// --- transitions ---
+
+TEST_F(Nl80211IoctlOps, ARequestNamesTheCandidatesOfItsVap) {
+    start_hostapd([](const std::string&) { return "5\n"; });
+    ops("wlan0-va0").set_rrm_nbr_ap("wlan0-va0", kNeighbour, "air", 11, 0, 0, 255, 200, 1);
+    ops("wlan1-va0").set_rrm_nbr_ap("wlan1-va0", kNeighbour, "air", 11, 0, 0, 255, 9, 1);
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", kStation, 1), 0);
+    EXPECT_THAT(hostapd->commands(),
+                ElementsAre("IFNAME=wlan0-va0 BSS_TM_REQ 02:00:00:00:04:00 pref=1 abridged=1 "
+                            "neighbor=02:00:00:00:12:00,0x8af,81,11,7,0301c8"));
+}
+
+TEST_F(Nl80211IoctlOps, AClearedListHasNoCandidates) {
+    start_hostapd(nullptr);
+    ops("wlan0-va0").set_rrm_nbr_ap("wlan0-va0", kNeighbour, "air", 11, 0, 0, 255, 200, 1);
+    EXPECT_EQ(ops("wlan0-va0").clear_vexor_nbr_ap_list("wlan0-va0"), 0);
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", kStation, 1), 0);
+    EXPECT_THAT(hostapd->commands(), ElementsAre("IFNAME=wlan0-va0 BSS_TM_REQ 02:00:00:00:04:00"));
+}
+
+TEST_F(Nl80211IoctlOps, AClientElsewhereIsNotFound) {
+    start_hostapd([](const std::string&) { return "FAIL\n"; });
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", kStation, 1), -1);
+    EXPECT_TRUE(log.contains("Error: 02:00:00:00:04:00 not found on wlan0-va0"));
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", "02:00:00:00:04:0", 1), -1);
+}
+
+TEST_F(Nl80211IoctlOps, AClientCountsAsAskedForTheTimeout) {
+    start_hostapd([](const std::string&) { return "5\n"; });
+    const auto attempted = [this] {
+        std::vector<rrm_sta_realtek> stations;
+        ops("wlan0-va0").get_assoc_sta(stations);
+        return !stations.empty() && stations[0].roam_attempt;
+    };
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", kStation, 1), 0);
+    EXPECT_FALSE(attempted()) << "without a timeout";
+    EXPECT_EQ(ops("wlan0-va0").set_vexor_roam_attempt_timeout("wlan0-va0", 3600), 0);
+    EXPECT_EQ(mib("wlan0-va0", "roam_attempt_timeout"), 3600);
+    EXPECT_EQ(ops("wlan0-va0").send_bsstrans_request("wlan0-va0", kStation, 1), 0);
+    EXPECT_TRUE(attempted());
+}
+
+}  // namespace
