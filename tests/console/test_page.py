@@ -64,12 +64,16 @@ def test_socket_is_for_the_servers_own_page(played):
     assert socket_status(played, token="wrong", **own_origin(played)) == 403
 
 
+class Quiet(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, *_):
+        """Nobody reads it."""
+
+
 @pytest.fixture
 def elsewhere(tmp_path):
     """The address of another server's page."""
     (tmp_path / "index.html").write_text("<title>elsewhere</title>", encoding="utf-8")
-    handler = functools.partial(http.server.SimpleHTTPRequestHandler, directory=tmp_path)
-    handler.log_message = lambda *_: None
+    handler = functools.partial(Quiet, directory=tmp_path)
     with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
         threading.Thread(target=server.serve_forever, daemon=True).start()
         yield f"http://127.0.0.1:{server.server_port}/"
