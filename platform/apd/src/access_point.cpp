@@ -116,11 +116,12 @@ std::string read_vaps(json_object* tree, RadioConfig& radio) {
     for (int number = 0; number < kVaps; number++) {
         VapConfig vap;
         vap.id = {radio.id, number};
-        const std::string where = "/interface/" + vap_name(vap.id);
+        std::string where = "/interface/";
+        where += vap_name(vap.id);
         if (!is_true(tree, where + "/common/enabled"))
             continue;
         if (const std::string reason = read_vap(find_path(tree, where), vap); !reason.empty())
-            return where + ": " + reason;
+            return where.append(": ").append(reason);
         radio.vaps.push_back(std::move(vap));
     }
     return "";
@@ -138,10 +139,11 @@ std::optional<AccessPoint> read_access_point(json_object* tree, std::string& rea
             return std::nullopt;
         if (radio.vaps.empty())
             continue;
-        const std::string where = "/interface/" + radio_name(id) + "/wlan/radio";
+        std::string where = "/interface/";
+        where.append(radio_name(id)).append("/wlan/radio");
         reason = read_radio(find_path(tree, where), radio);
         if (!reason.empty()) {
-            reason = where + ": " + reason;
+            reason.insert(0, where + ": ");
             return std::nullopt;
         }
         all[static_cast<std::size_t>(id)] = std::move(radio);

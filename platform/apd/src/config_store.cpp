@@ -134,7 +134,7 @@ std::string ConfigStore::set(const std::string& path, Json value) {
         return "there is nothing at " + path;
     Json changed = copy_of(candidate_.get());
     put_path(changed.get(), where, std::move(value));
-    if (const std::string reason = why_tree_refused(changed.get()); !reason.empty())
+    if (std::string reason = why_tree_refused(changed.get()); !reason.empty())
         return reason;
     candidate_ = std::move(changed);
     return "";

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstring>
 
 #include "logsink.h"
@@ -14,7 +15,8 @@ namespace apd {
 
 namespace {
 
-constexpr int kAnswerMs = 1000;
+// An ADD goes through the kernel's setting up of a radio before it is answered.
+constexpr std::chrono::milliseconds kAnswerWait{5000};
 
 class Socket {
   public:
@@ -60,7 +62,7 @@ std::optional<int> sender_of(int fd) {
 bool HostapdLink::connect() {
     if (control_)
         return true;
-    auto control = std::make_unique<hostapd_control>(socket_);
+    auto control = std::make_unique<hostapd_control>(socket_, kAnswerWait);
     if (!control->is_open() || !control->attach())
         return false;
     control_ = std::move(control);
@@ -119,7 +121,8 @@ std::optional<int> HostapdLink::pid() const {
                reinterpret_cast<const sockaddr*>(&other), sizeof other) < 0)
         return std::nullopt;
     pollfd entry{probe.get(), POLLIN, 0};
-    return poll(&entry, 1, kAnswerMs) == 1 ? sender_of(probe.get()) : std::nullopt;
+    return poll(&entry, 1, static_cast<int>(kAnswerWait.count())) == 1 ? sender_of(probe.get())
+                                                                       : std::nullopt;
 }
 
 }  // namespace apd

@@ -61,7 +61,7 @@ std::vector<std::string> split_path(const std::string& path) {
         names.push_back(path.substr(begin, end - begin));
         begin = end + 1;
     }
-    return path.back() == '/' ? std::vector<std::string>{} : names;
+    return path.back() == '/' || names.size() > kDeepest ? std::vector<std::string>{} : names;
 }
 
 json_object* find_path(json_object* tree, const std::string& path) {

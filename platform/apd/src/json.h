@@ -1,7 +1,7 @@
 // JSON values of json-c with an owner, and the few operations that apd needs on trees of objects.
 //
-// A path is "/a/b/c": names of members, each non-empty. Borrowed nodes live as long as their tree.
-// One thread at a time.
+// A path is "/a/b/c": names of members, each non-empty, and not more than kDeepest of them.
+// Borrowed nodes live as long as their tree. One thread at a time.
 #ifndef PLATFORM_APD_JSON_H
 #define PLATFORM_APD_JSON_H
 
@@ -18,6 +18,9 @@ namespace apd {
 struct JsonReleaser {
     void operator()(json_object* node) const { json_object_put(node); }
 };
+// Levels of a tree; some walks of json-c go down by recursion.
+inline constexpr std::size_t kDeepest = 16;
+
 using Json = std::unique_ptr<json_object, JsonReleaser>;
 
 [[nodiscard]] Json new_object();

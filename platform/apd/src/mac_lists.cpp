@@ -7,7 +7,7 @@ namespace apd {
 
 namespace {
 
-constexpr int kDeepest = 8;  // levels; more would be no list of MAC addresses
+constexpr int kDeepestList = 8;  // levels; more would be no list of MAC addresses
 
 bool is_black(std::string name) {
     std::transform(name.begin(), name.end(), name.begin(),
@@ -22,7 +22,7 @@ void add(const std::string& text, std::set<Mac>& macs) {
 
 // Everything below that reads as a MAC address.
 void collect(json_object* node, std::set<Mac>& macs, int depth) {
-    if (depth > kDeepest)
+    if (depth > kDeepestList)
         return;
     if (json_object_is_type(node, json_type_array) != 0)
         for (std::size_t i = 0; i < json_object_array_length(node); i++)
@@ -37,7 +37,7 @@ void collect(json_object* node, std::set<Mac>& macs, int depth) {
 }
 
 void look_for_lists(json_object* node, std::set<Mac>& macs, int depth) {
-    if (depth > kDeepest)
+    if (depth > kDeepestList)
         return;
     for_each_member(node, [&](const std::string& name, json_object* child) {
         if (is_black(name))

@@ -95,7 +95,6 @@ void Manager::hostapd_came(int pid) {
     for (const std::string& line : lines)
         for (const std::string& word : split_words(line))
             there.insert(word);
-    apply(false);  // what is wanted, for the radios to compare
     for (const auto& radio : radios_)
         radio->hostapd_came(there);
     announce();
@@ -162,7 +161,7 @@ void Manager::tick() {
     const Clock::time_point now = at_.now();
     std::erase_if(locks_, [now](const auto& lock) { return lock.second <= now; });
     if (waits_for_unlock_ && locks_.empty())
-        apply(true);
+        apply();
     announce();
 }
 
@@ -174,16 +173,16 @@ bool Manager::is_busy() const {
 std::string Manager::commit() {
     if (std::string reason = at_.store.commit(); !reason.empty())
         return reason;
-    apply(true);
+    apply();
     return "";
 }
 
 void Manager::reloaded() {
-    apply(true);
+    apply();
 }
 
-void Manager::apply(bool patiently) {
-    waits_for_unlock_ = patiently && !locks_.empty();
+void Manager::apply() {
+    waits_for_unlock_ = has_hostapd() && !locks_.empty();
     if (waits_for_unlock_)
         return;
     std::string reason;
@@ -202,10 +201,13 @@ void Manager::apply(bool patiently) {
 }
 
 void Manager::apply_radio(std::size_t radio, const std::optional<RadioConfig>& config) {
+    if (!has_hostapd()) {
+        radios_[radio]->expect(config);
+        return;
+    }
     const std::string name = radio_name(static_cast<int>(radio));
-    const bool there = has_hostapd();
-    radios_[radio]->want(config, [name, there](const std::string& reason) {
-        if (!reason.empty() && there)
+    radios_[radio]->want(config, [name](const std::string& reason) {
+        if (!reason.empty())
             logsink_message(SINK_ERROR, "%s: %s", name.c_str(), reason.c_str());
     });
 }
@@ -261,7 +263,7 @@ bool Manager::take_back_later(const std::vector<std::string>& paths) {
     std::string reason;
     const std::optional<AccessPoint> access_point = read_access_point(at_.store.running(), reason);
     for (std::size_t radio = 0; access_point && radio < radios_.size(); radio++)
-        radios_[radio]->want_later((*access_point)[radio]);
+        radios_[radio]->expect((*access_point)[radio]);
     return true;
 }
 
@@ -377,7 +379,7 @@ void Manager::lock_scan(const std::string& ifname) {
 void Manager::unlock_scan(const std::string& ifname) {
     locks_.erase(ifname);
     if (waits_for_unlock_ && locks_.empty())
-        apply(true);
+        apply();
 }
 
 Json Manager::status_of(const RadioControl& radio) const {

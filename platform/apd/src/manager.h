@@ -76,7 +76,7 @@ class Manager {
   private:
     [[nodiscard]] RadioControl::Surroundings surroundings_of_radios();
     [[nodiscard]] std::optional<Mac> address_of(VapId id);
-    void apply(bool patiently);
+    void apply();
     [[nodiscard]] bool take_back_later(const std::vector<std::string>& paths);
     void apply_radio(std::size_t radio, const std::optional<RadioConfig>& config);
     void want_with(const std::string& path, Json tree, const std::function<void()>& keep,

@@ -86,8 +86,6 @@ void RadioControl::begin() {
         return;
     }
     if (!hostapd_there_) {
-        if (!wanted_)
-            wanted_ = target;
         finish(kNoHostapd);
         return;
     }
@@ -150,10 +148,15 @@ bool RadioControl::must_restart(const RadioConfig& target) const {
     if (state_ != State::kUp || !applied_ || !same_but_channel_and_power(*applied_, target) ||
         (target.auto_channel && !applied_->auto_channel))
         return true;
-    // The first access point carries the others.
-    if (target.vaps.front().id != applied_->vaps.front().id ||
-        !differ_in_ft_alone(target.vaps.front(), applied_->vaps.front()))
+    // The first access point carries the others. Seen with hostapd 2.10: to an interface that is up
+    // ADD answers FAIL for an access point that was removed before.
+    if (target.vaps.front().id != applied_->vaps.front().id)
         return true;
+    for (const VapConfig& vap : target.vaps) {
+        const VapConfig* const before = find_vap(*applied_, vap.id);
+        if (before == nullptr || !differ_in_ft_alone(vap, *before))
+            return true;
+    }
     if (target.auto_channel || target.channel == applied_->channel)
         return false;
     // At 2.4 GHz the wider channel wants hostapd's scan for others before it.
@@ -189,12 +192,10 @@ void RadioControl::change_vaps(const RadioConfig& target) {
             at_.vap_ends(vap_name(vap.id));
         }
     for (const VapConfig& vap : target.vaps) {
-        const VapConfig* const before = find_vap(*applied_, vap.id);
-        if (before != nullptr && *before == vap)
+        const VapConfig& before = *find_vap(*applied_, vap.id);
+        if (before == vap)
             continue;
-        const std::string reason = before != nullptr && differ_in_ft_alone(*before, vap)
-                                       ? change_ft(*before, vap)
-                                       : restart_vap(target, vap);
+        const std::string reason = change_ft(before, vap);
         if (trouble_.empty())
             trouble_ = reason;
     }
@@ -203,15 +204,6 @@ void RadioControl::change_vaps(const RadioConfig& target) {
     RadioConfig now = target;
     now.channel = applied_->channel;
     write_files(now);
-}
-
-std::string RadioControl::restart_vap(const RadioConfig& target, const VapConfig& vap) {
-    const std::string ifname = vap_name(vap.id);
-    at_.hostapd.tell("REMOVE " + ifname);
-    at_.vap_ends(ifname);
-    RadioConfig now = target;
-    now.channel = applied_->channel;
-    return add(now, vap);
 }
 
 std::string RadioControl::change_ft(const VapConfig& before, const VapConfig& now) {
@@ -381,7 +373,8 @@ void RadioControl::take(const std::string& ifname, const HostapdEvent& event) {
                 logsink_message(SINK_WARNING, "%s: the radar check was ended", name_.c_str());
             break;
         case EventKind::kApDisabled:
-            if (state_ == State::kUp) {
+            // The event may be older than what was asked for since.
+            if (state_ == State::kUp && !is_enabled()) {
                 began_ = at_.now();
                 deadline_ = began_ + kRadarPatience;
                 enter(State::kRadarCheck);  // after radar hostapd begins anew by itself
@@ -417,6 +410,11 @@ void RadioControl::tick() {
 bool RadioControl::is_busy() const {
     return state_ == State::kStarting || state_ == State::kSwitching ||
            state_ == State::kRadarCheck;
+}
+
+bool RadioControl::is_enabled() const {
+    const std::optional<std::string> status = at_.hostapd.ask(first_vap(), "STATUS");
+    return status && value_of(split_lines(*status), "state") == "ENABLED";
 }
 
 // Events may have come before we listened, so hostapd is asked as well.
@@ -507,7 +505,8 @@ void RadioControl::finish(const std::string& reason) {
 void RadioControl::fail_start(const std::string& reason) {
     stop();
     const std::optional<RadioConfig> before = std::exchange(fallback_, std::nullopt);
-    logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
+    if (!change_)
+        logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
     if (before && hostapd_there_)
         waiting_.push_front({before, [](const std::string&) {}});
     if (change_)

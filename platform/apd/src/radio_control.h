@@ -50,13 +50,12 @@ class RadioControl {
 
     RadioControl(int radio, Surroundings surroundings);
 
-    // Brings the radio to these settings; without any it stops. `done` may be called at once or
-    // later, and always is. What is wanted while hostapd is not there waits for it, and `done` is
-    // called with that reason.
-    void want(std::optional<RadioConfig> config, Done done);
+    // What hostapd_came() is to bring the radio to.
+    void expect(std::optional<RadioConfig> config) { wanted_ = std::move(config); }
 
-    // hostapd is away: what the radio is brought to when it comes back.
-    void want_later(const std::optional<RadioConfig>& config) { wanted_ = config; }
+    // Brings the radio to these settings; without any it stops. `done` may be called at once or
+    // later, and always is.
+    void want(std::optional<RadioConfig> config, Done done);
 
     // hostapd is there: takes over the access points that run as wanted, and starts the others.
     void hostapd_came(const std::set<std::string>& interfaces);
@@ -92,13 +91,13 @@ class RadioControl {
     bool must_restart(const RadioConfig& target) const;
     void change_running(const RadioConfig& target);
     void change_vaps(const RadioConfig& target);
-    std::string restart_vap(const RadioConfig& target, const VapConfig& vap);
     std::string change_ft(const VapConfig& before, const VapConfig& now);
     void change_channel(const RadioConfig& target);
     void start(const RadioConfig& target);
     std::string add_all(const RadioConfig& target);
     std::string add(const RadioConfig& target, const VapConfig& vap);
     void stop();
+    [[nodiscard]] bool is_enabled() const;
     void look_at_start();
     void look_at_switch(bool is_over);
     void came_up();
@@ -120,7 +119,7 @@ class RadioControl {
     Clock::time_point deadline_{};
     Clock::time_point began_{};
     RadioAbility ability_;
-    std::optional<RadioConfig> wanted_;    // the last that was accepted or waits for hostapd
+    std::optional<RadioConfig> wanted_;    // the last that was accepted or is expected
     std::optional<RadioConfig> applied_;   // what is there
     std::optional<RadioConfig> fallback_;  // to go back to when a start fails
     std::optional<Change> change_;         // the one under way

@@ -64,28 +64,28 @@ std::map<std::string, json_object*> vap_members(const Request& request) {
 }  // namespace
 
 struct Requests::Row {
-    Module module;
     const char* command;
     Handler handler;
+    Module module;
     bool changes_settings;
 };
 
 const Requests::Row Requests::kRows[] = {
-    {kStore, "get", &Requests::get, false},
-    {kStore, "show", &Requests::show, false},
-    {kStore, "set", &Requests::set, true},
-    {kStore, "changes", &Requests::changes, false},
-    {kStore, "commit", &Requests::commit, true},
-    {kStore, "revert", &Requests::revert, true},
-    {kStore, "status", &Requests::status, false},
-    {kStore, "settings", &Requests::settings, false},
-    {kManager, "update-orvanta", &Requests::update_radio, false},
-    {kManager, "reset-orvanta", &Requests::reset_radio, false},
-    {kManager, "update-orvanta-fbt", &Requests::update_ft, false},
-    {kManager, "reset-orvanta-fbt", &Requests::reset_ft, false},
-    {kManager, "update-wids-mac-lists", &Requests::update_mac_lists, false},
-    {kScan, "lock-scan", &Requests::lock_scan, false},
-    {kScan, "unlock-scan", &Requests::unlock_scan, false},
+    {"get", &Requests::get, kStore, false},
+    {"show", &Requests::show, kStore, false},
+    {"set", &Requests::set, kStore, true},
+    {"changes", &Requests::changes, kStore, false},
+    {"commit", &Requests::commit, kStore, true},
+    {"revert", &Requests::revert, kStore, true},
+    {"status", &Requests::status, kStore, false},
+    {"settings", &Requests::settings, kStore, false},
+    {"update-orvanta", &Requests::update_radio, kManager, false},
+    {"reset-orvanta", &Requests::reset_radio, kManager, false},
+    {"update-orvanta-fbt", &Requests::update_ft, kManager, false},
+    {"reset-orvanta-fbt", &Requests::reset_ft, kManager, false},
+    {"update-wids-mac-lists", &Requests::update_mac_lists, kManager, false},
+    {"lock-scan", &Requests::lock_scan, kScan, false},
+    {"unlock-scan", &Requests::unlock_scan, kScan, false},
 };
 
 void Requests::take(Module module, const Request& request) {

@@ -2,12 +2,13 @@
 #ifndef PLATFORM_APD_STORED_FILE_H
 #define PLATFORM_APD_STORED_FILE_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 namespace apd {
 
-inline constexpr std::size_t kMaxFileBytes = 1024 * 1024;
+inline constexpr std::size_t kMaxFileBytes = std::size_t{1024} * 1024;
 
 // Nothing, with errno set, when it cannot be read; EFBIG when it is longer than kMaxFileBytes.
 [[nodiscard]] std::optional<std::string> read_file(const std::string& path);

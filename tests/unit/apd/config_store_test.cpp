@@ -79,6 +79,11 @@ TEST_F(ApdConfigStore, RefusesWhatCannotBeWithPathValueAndBound) {
     EXPECT_THAT(store.set("/interface/wlan0-va0/vap/ssid", text_node("a\nb")),
                 HasSubstr("1 to 32 bytes"));
     EXPECT_THAT(store.set("", text_node("1")), HasSubstr("no path"));
+    std::string deep;
+    for (int level = 0; level < 10000; level++)
+        deep += "/a";
+    EXPECT_THAT(store.set(deep, text_node("1")), HasSubstr("no path"));
+    EXPECT_EQ(store.get(deep), nullptr);
     EXPECT_THAT(store.set("/orvanta/tpc", nullptr), HasSubstr("nothing at"));
     EXPECT_THAT(store.changes(), IsEmpty());
 }

@@ -19,6 +19,7 @@ class ApdManager : public testing::Test {
     ApdManager() {
         folder.write("apd.json", kTwoRadios);
         EXPECT_TRUE(store.load());
+        manager.reloaded();
         manager.hostapd_came(4711);
         is_on("wlan0", {6, 20});
         is_on("wlan1", {36, 80});
@@ -165,7 +166,7 @@ TEST_F(ApdManager, LeavesARadioAloneThatIsScannedWith) {
     ASSERT_EQ(manager.commit(), "");
     EXPECT_THAT(hostapd.commands, IsEmpty());
     manager.unlock_scan("wlan0");
-    EXPECT_THAT(hostapd.told("ADD"), SizeIs(1));
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
 }
 
 TEST_F(ApdManager, WaitsForAnUnlockNoLongerThanASurveyLasts) {
@@ -174,7 +175,7 @@ TEST_F(ApdManager, WaitsForAnUnlockNoLongerThanASurveyLasts) {
     ASSERT_EQ(manager.commit(), "");
     now += std::chrono::minutes{3};
     manager.tick();
-    EXPECT_THAT(hostapd.told("ADD"), SizeIs(1));
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
 }
 
 TEST_F(ApdManager, SendsTheAgentWhatClientsDo) {
