@@ -130,6 +130,9 @@ async def fleet_on_page(options, show, page):
 async def show_all(options, show, prompt, page):
     """The same, on a page too unless it is None."""
     scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
+    if not IS_INSTALLED and options.air:
+        from labair.report import show_tour  # it needs the tree, which an installed lab has not
+        return await show_tour(show, programs(options).bin)
     if options.service:
         return await Trial(options, options.mode, scenario, programs(options), show, prompt, page).run()
     if options.replay:
@@ -200,6 +203,9 @@ def arguments():
     parser.add_argument("--json", action="store_true",
                         help="one JSON object an event, and one a command: what became of it")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
+    if not IS_INSTALLED:
+        parser.add_argument("--air", action="store_true",
+                            help="a tour with real 802.11 frames, in a virtual machine")
     page = parser.add_argument_group("in a browser")
     page.add_argument("--console", nargs="?", const="", metavar="FILE",
                       help="show it on a local page as well; FILE: a recording, and nothing else")

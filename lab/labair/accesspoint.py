@@ -2,6 +2,7 @@
 import asyncio
 import dataclasses
 import json
+import signal
 import time
 from collections.abc import Callable
 from typing import Any
@@ -18,7 +19,7 @@ HOSTAPD = "/run/hostapd"         # control sockets: one for each BSS
 GLOBAL = f"{HOSTAPD}/global"
 BUS = "/run/msgbus.sock"
 HOST = "10.0.2.2"                # this machine, as the guest reaches it
-EVERY_LOG_LEVEL = 65535
+LOG_LEVEL = 7  # all but the link's own
 DAEMONS = ("msgbusd", "hostapd", "apd", "lumd")  # in the order in which they start
 STOP_WAIT = 30.0
 BANDS = ("2.4GHz", "5GHz")
@@ -82,7 +83,7 @@ class AirAccessPoint:
         policy = "allow=root as any to any\n"
         lumd = [f"orvanta_service_url=ws://{HOST}:{self.service.port}{self.service.path}",
                 "initial_connection_delay=1", "max_connection_delay=4", "ap_location=air",
-                f"log_level={EVERY_LOG_LEVEL}", "log_file=/tmp/lumd.log"]
+                f"log_level={LOG_LEVEL}", "log_file=/tmp/lumd.log"]
         radios = [{"ifname": f"wlan{number}", "driver": "nl80211", "bands": [band],
                    "antenna-gain": {"type": "none"}} for number, band in enumerate(BANDS)]
         factory = {"board": "air", "hw": "1.0", "serial": self.name, "mac": self.mac}
@@ -109,14 +110,15 @@ class AirAccessPoint:
 
     def fast_transition(self) -> dict:
         """Keys are made from the passphrase until the service brings key holders."""
-        return {"enabled": True, "over-ds": False, "generate-local": True,
+        return {"enabled": True, "ft-over-ds": False, "ft-psk-generate-local": True,
                 "mobility-domain": self.network.mobility_domain}
 
     def command(self, daemon: str) -> list[str]:
         """With which a daemon is started."""
         return {"msgbusd": ["/srv/msgbusd", "-c", f"{FOLDER}/msgbusd.conf"],
                 "hostapd": ["hostapd", "-g", GLOBAL],
-                "apd": ["/srv/apd", "-c", f"{FOLDER}/apd.json", "-s", f"{FOLDER}/state"],
+                "apd": ["/srv/apd", "-c", f"{FOLDER}/apd.json", "-s", f"{FOLDER}/state",
+                        "-l", "/tmp/apd.log"],
                 "lumd": ["/srv/lumd", "-f", f"{FOLDER}/lumd.conf"]}[daemon]
 
     # Its daemons
@@ -137,10 +139,10 @@ class AirAccessPoint:
             if name == "msgbusd":
                 await self.wait_path(BUS)
 
-    async def kill(self, name: str, signal: str = "SIGTERM") -> int:
+    async def kill(self, name: str, number: int = signal.SIGTERM) -> int:
         """Ends a daemon; its status. GuestError when it does not end."""
         pid, since = self.pids.pop(name), len(self.machine.events)
-        await self.machine.call("signal", pid=pid, number=signal)
+        await self.machine.call("signal", pid=pid, number=int(number))
         event = await self.machine.wait_event(
             since, lambda event: event["event"] == "end" and event["pid"] == pid, STOP_WAIT)
         if event is None:
@@ -181,18 +183,23 @@ class AirAccessPoint:
 
     async def until(self, problem: str, ask: Callable, predicate: Callable[[Any], bool],
                     timeout: float = 60.0) -> Any:
-        """What `ask()` gives once it is as it should be; GuestError tells what it was."""
+        """What `ask()` gives once it is as it should be; GuestError tells what it was. An interface
+        that is just not there is none that is as it should be."""
         deadline, answer = time.monotonic() + timeout, None
         while time.monotonic() < deadline:
             try:
                 answer = await ask()
                 if predicate(answer):
                     return answer
-            except GuestError as error:
+            except (GuestError, KeyError) as error:
                 answer = error
             await asyncio.sleep(LOOK_PAUSE)
         raise GuestError(f"{self.name}: {problem} within {timeout:g} s: {answer}\n"
                          f"{await self.last_words()}")
+
+    async def read(self, path: str) -> str:
+        """A file of its place; empty when there is none."""
+        return (await self.machine.read(self.name, path) or b"").decode(errors="replace")
 
     async def last_words(self) -> str:
         """The end of what its daemons and its service said."""
@@ -200,8 +207,10 @@ class AirAccessPoint:
         for name in DAEMONS:
             text = await self.machine.read("", self.log_of(name)) or b""
             parts.append(f"--- {name}\n" + text.decode(errors="replace")[-1500:])
-        log = await self.machine.read(self.name, "/tmp/lumd.log") or b""
-        parts.append("--- lumd.log\n" + log.decode(errors="replace")[-3000:])
+        parts.append("--- apd.log\n" + (await self.read("/tmp/apd.log"))[-3000:])
+        log = (line for line in (await self.read("/tmp/lumd.log")).splitlines()
+               if "libwebsocket-debug" not in line)
+        parts.append("--- lumd.log\n" + "\n".join(list(log)[-30:]))
         return "\n".join(parts)
 
     # What the service says and hears

@@ -17,7 +17,7 @@ WANTED = "type mgt and not subtype beacon and not subtype probe-req and not subt
 RADIOS_A_POINT = 2
 DEBUG = "/sys/kernel/debug/ieee80211"
 MODULUS = 1 << 64  # the kernel takes negative numbers only so
-NEAR, FAR = -40, -65  # dBm
+NEAR, FAR = 55, 85  # dB that are lost on the way
 
 
 @dataclasses.dataclass(frozen=True)
@@ -56,11 +56,12 @@ class Air:
         await self.machine.start()
         await self.machine.run("", "iw", "reg", "set", self.plan.network.country)
         await self.machine.call("start", place="", log="/tmp/tcpdump.log", command=[
-            "tcpdump", "-i", "hwsim0", "-Z", "root", "-U", "-w", CAPTURE, WANTED])
+            "tcpdump", "-i", "hwsim0", "--immediate-mode", "-Z", "root", "-U", "-w", CAPTURE,
+            WANTED])
         await asyncio.gather(*(point.start() for point in self.points))
         for number, point in enumerate(self.points):
             for radio in point.radios:
-                await self.set_signal(radio, NEAR if number == 0 else FAR)
+                await self.set_loss(radio, NEAR if number == 0 else FAR)
 
     async def start_daemons(self) -> None:
         """Those of every access point."""
@@ -78,10 +79,10 @@ class Air:
 
     # The medium
 
-    async def set_signal(self, radio: int, dbm: int) -> None:
-        """At which everybody hears a radio of the machine's."""
+    async def set_loss(self, radio: int, loss: int) -> None:
+        """Everybody hears a radio of the machine's so many dB below the power it sends with."""
         await self.machine.call("write", place="", path=f"{DEBUG}/phy{radio}/hwsim/rx_rssi",
-                                text=str(dbm % MODULUS))
+                                text=str(-loss % MODULUS))
 
     async def set_group(self, radio: int, groups: int) -> None:
         """Two radios hear each other when they have a bit of this mask in common."""
