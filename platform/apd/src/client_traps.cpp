@@ -64,13 +64,6 @@ std::vector<Json> ClientTraps::make(const HostapdEvent& event, const TrapVap& va
             return one(trap("auth-fail", vap, event.station));
         case EventKind::kEapFailure:
             return one(trap("8021x-fail", vap, event.station));
-        case EventKind::kTransitionAnswer:
-            if (event.status == 0 && event.target) {
-                Json message = trap("80211v-roam", vap, event.station);
-                set_text(member(message.get(), "event"), "target-mac", to_text(*event.target));
-                return one(std::move(message));
-            }
-            break;
         case EventKind::kEapSuccess:  // AP-STA-CONNECTED follows when the keys are there
         case EventKind::kApEnabled:
         case EventKind::kApDisabled:

@@ -25,7 +25,6 @@ constexpr Known kKnown[] = {
     {"CTRL-EVENT-EAP-FAILURE2", EventKind::kEapFailure, true},
     {"CTRL-EVENT-EAP-TIMEOUT-FAILURE", EventKind::kEapFailure, true},
     {"CTRL-EVENT-EAP-TIMEOUT-FAILURE2", EventKind::kEapFailure, true},
-    {"BSS-TM-RESP", EventKind::kTransitionAnswer, true},
     {"AP-ENABLED", EventKind::kApEnabled, false},
     {"AP-DISABLED", EventKind::kApDisabled, false},
     {"AP-CSA-FINISHED", EventKind::kSwitchFinished, false},
@@ -42,15 +41,12 @@ int number_of(const std::vector<std::string>& words, const char* name) {
 }
 
 void read_members(const std::vector<std::string>& words, HostapdEvent& event) {
-    event.status = number_of(words, "status_code");
     event.frequency = number_of(words, "freq");
     event.success = number_of(words, "success") == 1;
     if (const std::optional<std::string> time = value_of(words, "cac_time"))
         event.seconds =
             parse_number(time->ends_with('s') ? time->substr(0, time->size() - 1) : *time)
                 .value_or(0);
-    if (const std::optional<std::string> target = value_of(words, "target_bssid"))
-        event.target = parse_mac(*target);
 }
 
 }  // namespace

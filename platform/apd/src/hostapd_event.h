@@ -16,7 +16,6 @@ enum class EventKind {
     kStationRejected,  // black list, or no room
     kEapSuccess,
     kEapFailure,
-    kTransitionAnswer,  // of 802.11v
     kApEnabled,
     kApDisabled,
     kSwitchFinished,  // a change of channel
@@ -29,12 +28,10 @@ enum class EventKind {
 
 struct HostapdEvent {
     EventKind kind{};
-    Mac station{};              // of the kinds that concern one
-    int status = 0;             // of kTransitionAnswer: IEEE 802.11-2020 table 9-428, 0 accepts
-    std::optional<Mac> target;  // of kTransitionAnswer: the BSSID that the station goes to
-    int frequency = 0;          // MHz, of the kinds that concern a channel; 0: not told
-    bool success = false;       // of kCacEnd
-    int seconds = 0;            // of kCacStart: how long the check takes
+    Mac station{};         // of the kinds that concern one
+    int frequency = 0;     // MHz, of the kinds that concern a channel; 0: not told
+    bool success = false;  // of kCacEnd
+    int seconds = 0;       // of kCacStart: how long the check takes
 };
 
 // Of one event without its level. Nothing for those that concern nobody here and for malformed

@@ -25,13 +25,18 @@ std::string ft_path(const std::string& ifname) {
     return "/interface/" + ifname + "/vap/ft-config";
 }
 
+std::string below(std::string path, const std::string& name) {
+    return path.append("/").append(name);
+}
+
 // The settings of a radio with the service's in them, its sideband as the channel wants it.
 std::string put_params(json_object* tree, const std::string& path, const Manager::Params& params) {
     for (const auto& [name, text] : params) {
         Json value{json_object_new_string(text.c_str())};
-        if (std::string reason = why_refused(path + '/' + name, value.get()); !reason.empty())
+        const std::string setting = below(path, name);
+        if (std::string reason = why_refused(setting, value.get()); !reason.empty())
             return reason;
-        put_path(tree, path + '/' + name, std::move(value));
+        put_path(tree, setting, std::move(value));
     }
     return "";
 }
@@ -292,7 +297,7 @@ void Manager::update_radio(const std::string& ifname, const Params& params, cons
         path, std::move(tree),
         [this, path, kept] {
             for (const auto& [name, text] : kept)
-                at_.store.set_service(path + '/' + name,
+                at_.store.set_service(below(path, name),
                                       Json{json_object_new_string(text.c_str())});
             at_.files.config_updated();
         },

@@ -386,7 +386,6 @@ void RadioControl::take(const std::string& ifname, const HostapdEvent& event) {
         case EventKind::kStationRejected:
         case EventKind::kEapSuccess:
         case EventKind::kEapFailure:
-        case EventKind::kTransitionAnswer:
         case EventKind::kTerminating:
             break;
     }
