@@ -6,7 +6,7 @@ import pytest
 
 from lumdtest.programs import ROOT
 
-PROGRAMS = ["lumctl", "lumd", "msgbusctl", "msgbusd"]
+PROGRAMS = ["apctl", "apd", "lumctl", "lumd", "msgbusctl", "msgbusd"]
 # In roff a hyphen stands behind a backslash.
 NAMED = re.compile(r"(?<![\w./@-])/(?:usr|opt|etc)(?:/(?:[\w.+-]|\\-)+)+")
 
