@@ -186,6 +186,10 @@ list_stages() {
     for name in "${all_stages[@]}"; do
         printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
     done
+    echo "By --only alone:"
+    for name in "${hand_stages[@]}"; do
+        printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
+    done
 }
 
 # Number of tests that a stage's log tells of, as "passed failed".
