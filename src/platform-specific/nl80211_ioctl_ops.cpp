@@ -57,7 +57,7 @@ std::optional<interface_record> nl80211_ioctl_ops::find_interface(const std::str
 }
 
 std::optional<interface_record> nl80211_ioctl_ops::access_point_of(const std::string& ifname) {
-    const std::optional<interface_record> own = find_interface(ifname);
+    std::optional<interface_record> own = find_interface(ifname);
     if (!own || own->is_ap)
         return own;
     std::vector<interface_record> all;
