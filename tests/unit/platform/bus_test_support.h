@@ -58,7 +58,7 @@ class RawPeer {
   public:
     explicit RawPeer(int fd) : fd_(fd) {}
     explicit RawPeer(const std::string& path)
-        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        : RawPeer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);

@@ -6,6 +6,8 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,6 +49,18 @@ class Msgbusd : public testing::Test {
     TemporaryFolder folder;
     const std::string path = folder / "bus";
 };
+
+// A test that tries until the daemon listens must not run out of descriptors meanwhile.
+TEST_F(Msgbusd, IsTriedManyTimesBeforeItListensWithoutKeepingADescriptor) {
+    const auto open_descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"},
+                             std::filesystem::directory_iterator{});
+    };
+    const auto before = open_descriptors();
+    for (int attempt = 0; attempt < 10; attempt++)
+        EXPECT_THROW(RawPeer{path}, std::runtime_error);
+    EXPECT_EQ(open_descriptors(), before);
+}
 
 TEST_F(Msgbusd, ServesUntilASignalAndRemovesItsSocket) {
     for (const int signal : {SIGTERM, SIGINT}) {
