@@ -29,6 +29,9 @@ LIST_FIELD = "nr="
 GRACE = 60.0  # seconds that lumd waits for hostapd to come back
 TOGETHER, APART = 1, 2  # groups of radios that hear one another
 LOST = 95     # dB on the way from the client that is to move
+TIMES_ASKED = 3
+MOVE_WAIT = 20.0   # seconds
+LOOKS_AWAY = 12.0  # after a failure wpa_supplicant leaves an access point out for 10 s
 
 
 @dataclasses.dataclass(frozen=True)
@@ -240,6 +243,27 @@ class Tour:
             await self.air.set_loss(radio, FAR)
         for radio in self.second.radios:
             await self.air.set_loss(radio, NEAR)
+        moved = await self._steer(client, target)
+        self._row(f"{client.name} to leave {self.first.name} wlan0",
+                  f"request, response {frames.transition_response(moved.response).status}, fast "
+                  f"transition to {target}",
+                  f"{self.first.name}: rrm-sta-roam, {self.second.name}: rrm-client-assoc",
+                  self.seconds["transition request"])
+        return moved
+
+    async def _steer(self, client, target):
+        """Asked until it goes. One that comes back (its fast transition met an access point that
+        was too slow for its patience, and began anew) looks away from the target for a while."""
+        for _ in range(TIMES_ASKED - 1):
+            try:
+                return await self._ask_to_leave(client, target)
+            except GuestError as error:
+                self._tell(str(error).partition("\n")[0] + "; it is asked again")
+            await asyncio.sleep(LOOKS_AWAY)
+            await self.seated(client)
+        return await self._ask_to_leave(client, target)
+
+    async def _ask_to_leave(self, client, target):
         await self._weaken(client)
         since, arrivals = len(await self.air.frames()), len(self.second.journal.events)
         started = time.time() + await self.air.machine.clock_ahead()
@@ -249,10 +273,10 @@ class Tour:
             "radios": [{"id": BAND_24, "roam-count": 1}]})
         request = await self.frame(since, "no BSS transition request", lambda frame:
                                    frame.is_action(frames.WNM, frames.BSS_TRANSITION_REQUEST))
+        self.seconds["transition request"] = request.time - started
         response = await self.frame(since, "no BSS transition response", lambda frame:
                                     frame.is_action(frames.WNM, frames.BSS_TRANSITION_RESPONSE))
-        self.seconds["transition request"] = request.time - started
-        status = await client.wait(bssid=target)
+        status = await client.wait(MOVE_WAIT, bssid=target)
         left = await self.first.heard("rrm-sta-roam", departures, data={"sta-mac": client.address})
         arrived = await self.second.heard("rrm-client-assoc", arrivals,
                                           data={"sta-mac": client.address})
@@ -261,11 +285,6 @@ class Tour:
         taken = [frame for frame in (await self.air.frames())[since:]
                  if client.address in (frame.receiver, frame.transmitter)
                  and target in (frame.receiver, frame.transmitter)]
-        self._row(f"{client.name} to leave {self.first.name} wlan0",
-                  f"request, response {frames.transition_response(response).status}, fast "
-                  f"transition to {target}",
-                  f"{self.first.name}: rrm-sta-roam, {self.second.name}: rrm-client-assoc",
-                  self.seconds["transition request"])
         return Moved(request, response, taken, status, left["data"], arrived["data"])
 
     async def _weaken(self, client):
