@@ -17,6 +17,7 @@ using std::chrono::seconds;
 // The agent waits 20 s for an answer.
 constexpr seconds kStartPatience{15};   // country, channel scans
 constexpr seconds kSwitchPatience{5};   // five beacons
+constexpr seconds kWatchPace{10};       // a radio that is up
 constexpr seconds kRadarPatience{700};  // weather radar channels are listened to for ten minutes
 constexpr const char* kNoHostapd = "hostapd is not running";
 
@@ -400,10 +401,32 @@ void RadioControl::tick() {
         case State::kSwitching:
             look_at_switch(at_.now() >= deadline_);
             break;
-        case State::kDown:
         case State::kUp:
+            if (at_.now() >= deadline_)
+                watch();
+            break;
+        case State::kDown:
             break;
     }
+}
+
+// Seen with Linux 6.1 after an announced change of channel on a machine without time: the kernel
+// has no beacons any more, and hostapd, which could not set them, believes that all is well.
+void RadioControl::watch() {
+    deadline_ = at_.now() + kWatchPace;
+    if (at_.kernel.channel(first_vap())) {
+        lost_ = false;
+        return;
+    }
+    if (!std::exchange(lost_, true))
+        return;
+    logsink_message(SINK_WARNING, "%s: the kernel no longer sends for it, starts it anew",
+                    name_.c_str());
+    enter(State::kDown);
+    want(applied_, [this](const std::string& reason) {
+        if (!reason.empty())
+            logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
+    });
 }
 
 bool RadioControl::is_busy() const {
@@ -556,6 +579,10 @@ void RadioControl::enter(State next) {
         logsink_message(SINK_DEBUG, "%s: %s -> %s", name_.c_str(), state_text(state_),
                         state_text(next));
     state_ = next;
+    if (next == State::kUp) {
+        deadline_ = at_.now() + kWatchPace;
+        lost_ = false;
+    }
 }
 
 const char* state_text(RadioControl::State state) {

@@ -100,6 +100,7 @@ class RadioControl {
     [[nodiscard]] bool is_enabled() const;
     void look_at_start();
     void look_at_switch(bool is_over);
+    void watch();
     void came_up();
     void moved();
     void finish(const std::string& reason);
@@ -116,7 +117,8 @@ class RadioControl {
     const Surroundings at_;
     bool hostapd_there_ = false;
     State state_ = State::kDown;
-    Clock::time_point deadline_{};
+    Clock::time_point deadline_{};  // of what is under way; in kUp: the next look at the kernel
+    bool lost_ = false;             // the last look found no channel
     Clock::time_point began_{};
     RadioAbility ability_;
     std::optional<RadioConfig> wanted_;    // the last that was accepted or is expected

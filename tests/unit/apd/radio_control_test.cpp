@@ -115,6 +115,28 @@ TEST_F(ApdRadioControl, SaysSoWhenTheKernelDidNotFollowTheAnnouncement) {
     EXPECT_EQ(radio.state(), RadioControl::State::kUp);
 }
 
+TEST_F(ApdRadioControl, StartsAnewWhatTheKernelNoLongerSends) {
+    bring_up();
+    const auto look = [this] {
+        now += std::chrono::seconds{10};
+        radio.tick();
+    };
+    look();
+    kernel.channels.clear();
+    look();
+    is_on({6, 20});
+    look();
+    kernel.channels.clear();
+    look();
+    EXPECT_THAT(hostapd.commands, IsEmpty()) << "once may be a dump that was cut short";
+    look();
+    EXPECT_THAT(hostapd.told("REMOVE"), SizeIs(2));
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+    is_on({6, 20});
+    event("AP-ENABLED");
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+}
+
 TEST_F(ApdRadioControl, StartsAnewWhereTheDriverCannotAnnounce) {
     kernel.abilities["wlan0"].csa = false;
     bring_up();
