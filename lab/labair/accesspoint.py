@@ -211,6 +211,8 @@ class AirAccessPoint:
         log = (line for line in (await self.read("/tmp/lumd.log")).splitlines()
                if "libwebsocket-debug" not in line)
         parts.append("--- lumd.log\n" + "\n".join(list(log)[-30:]))
+        kernel = await self.machine.run("", "dmesg", status=None)
+        parts.append("--- kernel\n" + "\n".join(kernel.splitlines()[-15:]))
         return "\n".join(parts)
 
     # What the service says and hears

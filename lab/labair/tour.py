@@ -14,7 +14,7 @@ from collections.abc import Callable
 from labshow.process import LabError
 
 from . import frames
-from .accesspoint import AirAccessPoint
+from .accesspoint import DAEMONS, AirAccessPoint
 from .air import FAR, NEAR, Air
 from .machine import GuestError
 from .station import LOOK_PAUSE, Station, frequency
@@ -160,7 +160,7 @@ class Tour:
             entry, here = found[bssid], (await self.second.kernel())[f"wlan{radio}-va0"]
             self._row(f"survey of {SURVEYED}", f"{bssid} sends on channel "
                       f"{channel_of(here['frequency'])} with {here['power']} dBm, {FAR} dB away",
-                      f"channel {entry['channel']} at {entry['rssi']} dBm")
+                      f"channel {entry['channel']} at {entry['rssi']} dBm", self.seconds["survey"])
         return event["data"]
 
     async def channels(self) -> dict[int, tuple[dict, list[dict]]]:
@@ -211,8 +211,8 @@ class Tour:
     async def neighbours(self) -> dict[int, tuple[str, tuple[frames.Neighbor, ...]]]:
         """The 802.11k list reaches hostapd; a client that asks is told it. By radio: the list of
         hostapd, and the elements of the frame."""
-        started, seen = time.monotonic(), {}
-        self.listed = await self.neighbour_list()
+        self.listed, seen = await self.neighbour_list(), {}
+        started = time.monotonic()
         await self.configure(self.first)
         for radio in (BAND_24, BAND_5):
             bssid = await self.second.bssid(radio)
@@ -232,7 +232,7 @@ class Tour:
             told = " ".join(f"{entry.bssid} (class {entry.operating_class}, channel "
                             f"{entry.channel})" for entry in seen[radio][1])
             self._row(f"802.11k list for {self.first.name} wlan{radio}",
-                      f"{client.name} is told {told}", "-")
+                      f"{client.name} is told {told}", "-", self.seconds["neighbours"])
         return seen
 
     async def steering(self) -> Moved:
@@ -340,8 +340,19 @@ class Tour:
                       self._reported(told, radio))
         return kernel
 
+    async def memory(self) -> dict[tuple[str, str], dict | None]:
+        """What the daemons have taken; by access point and name."""
+        seen = {}
+        for point in self.air.points:
+            for name in DAEMONS:
+                facts = seen[point.name, name] = await point.facts(name)
+                if facts is not None:
+                    self._row(f"{point.name} {name}", f"{facts['private']} KiB of its own, "
+                              f"{facts['threads']} threads, {facts['descriptors']} descriptors", "-")
+        return seen
+
     STEPS = ("boot", "subscription", "association", "survey", "channels", "power", "neighbours",
-             "steering", "hostapd_restart", "reset")
+             "steering", "hostapd_restart", "reset", "memory")
 
     # What they share
 

@@ -2,6 +2,7 @@
 in the frames."""
 import pytest
 from labair import frames
+from labair.accesspoint import DAEMONS
 from labair.air import FAR
 from labair.tour import BAND_5, BAND_24, CHANNELS, POWERS, channel_of
 
@@ -125,6 +126,12 @@ def test_what_the_service_has_set_is_taken_back_when_hostapd_stays_away(seen):
         here = kernel[f"wlan{radio}-va0"]
         assert (channel_of(here["frequency"]), here["width"], here["power"]) == \
             (channel.number, channel.bandwidth, channel.power)
+
+
+def test_every_daemon_lives_to_the_end(seen):
+    facts = seen("memory")
+    assert len(facts) == 2 * len(DAEMONS)
+    assert all(facts.values())
 
 
 def test_all_that_was_said_is_as_the_schemas_want_it(seen):
