@@ -22,8 +22,9 @@ from labtalk.resources import resource
 from .explain import in_words, place
 
 SERVICE, LAB, FAULTS = "service", "access point", "faults"
+DROPS = "close the connection; lumd comes back by itself"
 # What the prompt has and a page shows otherwise, or cannot.
-LEFT_OUT = frozenset({"show", "log", "help", "record", "quit", "report"})
+LEFT_OUT = frozenset({"show", "log", "help", "record", "quit"})
 
 
 def is_noise(line):
@@ -38,6 +39,15 @@ def of(console):
     named = {form["line"].split()[0] for form in made}
     return made + [_form(name, _help(command), LAB) for name, command in known.items()
                    if name not in named | LEFT_OUT]
+
+
+def of_air(mode, daemons):
+    """Of an access point of the second lab, whose daemons are those named."""
+    return [*_sending(mode), *_plain("drop-link", DROPS, FAULTS)(None, None),
+            _form("daemon", "a daemon ends or starts", FAULTS, {
+                "name": "daemon", "kind": "choice", "choices": list(daemons),
+                "help": "Of the access point."}, {
+                "name": "action", "kind": "choice", "choices": ["stop", "start"], "help": ""})]
 
 
 def _help(command):
@@ -60,6 +70,12 @@ def _field(name, kind, schema=None, **more):
 def _radio_field(radios):
     return _field("radio", "choice", place("rrm-to-lumd", "rrm-info", "radios[].id"),
                   choices=[radio.ifname for radio in radios])
+
+
+def _status(_radios, lab):
+    """Elsewhere it tells what the lab knows and asks nobody."""
+    return _plain("status", "ask lumd for its radios", SERVICE)(None, lab) \
+        if lab.mode == "rrm" and lab.endpoint is None else []
 
 
 def _channel(radios, _lab):
@@ -115,7 +131,11 @@ def _plain(name, text, group):
 
 
 def _send(_radios, lab):
-    border = f"{lab.mode}-to-lumd"
+    return _sending(lab.mode)
+
+
+def _sending(mode):
+    border = f"{mode}-to-lumd"
     if border not in contract.borders():
         return
     yield _form("send", "a message as it stands; a header is filled in where it has none", SERVICE,
@@ -218,7 +238,7 @@ def _text(name, text):
 
 
 MAKERS = {
-    "status": _plain("status", "ask lumd for its radios", SERVICE), "channel": _channel,
+    "status": _status, "channel": _channel,
     "power": _power, "scan": _scan, "steer": _steer,
     "neighbours": _plain("neighbours", "load the 802.11k neighbour lists", SERVICE), "ft": _ft,
     "clients": _plain("clients", "who is associated, as the access point and the service see it",
@@ -227,7 +247,7 @@ MAKERS = {
     "up": _text("up", "the portal module sends, the service must get it"),
     "unlink": _plain("unlink", "the portal module ends the link for good", SERVICE),
     "send": _send, "client": _client, "scenario": _scenario,
-    "drop-link": _plain("drop-link", "close the connection; lumd comes back by itself", FAULTS),
+    "drop-link": _plain("drop-link", DROPS, FAULTS),
     "hostapd": _hostapd,
     "restart": _plain("restart", "end lumd and start it again", FAULTS), "fault": _fault,
 }

@@ -9,7 +9,7 @@ from labshow.outcome import REFUSED, Outcome
 from labshow.prompt import split
 from labservice.server import ServiceError
 
-from . import apstate, forms
+from . import apstate, forms, modes
 from .source import View
 from .watch import Watch
 
@@ -25,12 +25,15 @@ class LabView(View):
         super().__init__(name or lab.scenario["name"], lab.mode, lab.journal)
         self.lab, self._console = lab, console
         self._watch = Watch(lab.journal, lab.speed, lambda: lab.ap.air.radios)
+        self._follower = modes.follower(lab.mode, lab.journal)
         self._turn = asyncio.Lock()
         self._sampled = 0.0
         self._ssids = {}
 
     def close(self):
         self._watch.close()
+        if self._follower is not None:
+            self._follower.close()
 
     # State
 
@@ -56,12 +59,23 @@ class LabView(View):
                 "survey": self._watch.survey(self._names()),
                 "timers": list(self._watch.timers.values()), "daemons": self._daemons(),
                 "faults": [misbehaviour.line(fault) for fault in misbehaviour.present(lab.ap)],
-                "complaints": len(lab.checker.found), "log": self._log()}
+                "complaints": len(lab.checker.found), "log": self._log(), **self._of_the_mode()}
+
+    def _of_the_mode(self):
+        return modes.state(self._follower, {
+            "waits-for": self.lab.scenario["mac-list-id"],
+            "module": self.lab.ap.daemons["portal"].running})
+
+    @property
+    def _subscribed(self):
+        """None in a mode that has no subscription."""
+        known = self._known
+        return bool(known and known.subscribed) if self.mode == "rrm" else None
 
     def _link(self):
         known, service = self._known, self.lab.service
         return {"state": self._console.link, "connected": bool(service.links),
-                "subscribed": bool(known and known.subscribed),
+                "subscribed": self._subscribed,
                 "domain": known.domain if known else "", "mac": known.mac if known else "",
                 "factory": known.factory if known else {},
                 "connections": service.connections,
@@ -88,10 +102,12 @@ class LabView(View):
                 for radio in self.lab.ap.air.radios for vap in radio.vaps]
 
     def _clients(self):
-        """Those at the access point; whether the service knows of each."""
-        known, now = (self._known.clients if self._known else {}), self.lab.clock.now()
+        """Those at the access point; whether the service knows of each, in the mode that tells it."""
+        now = self.lab.clock.now()
+        known = (self._known.clients if self._known else {}) if self.mode == "rrm" else None
         return [{"mac": mac, "vap": vap.ifname, "radio": radio.ifname, "ssid": vap.ssid,
-                 "rssi": max(station.signal(now)), "known": mac in known,
+                 "rssi": max(station.signal(now)),
+                 "known": None if known is None else mac in known,
                  "roam": station.roam, "asked": station.roam_attempt,
                  "80211v": not station.no_balance}
                 for radio in self.lab.ap.air.radios for vap in radio.vaps
@@ -122,9 +138,8 @@ class LabView(View):
     def summary(self):
         radios = " ".join(f"{radio.channel}/{radio.bandwidth}" if radio.up else "down"
                           for radio in self.lab.ap.air.radios)
-        known = self._known
         return {"link": self._console.link, "connected": bool(self.lab.service.links),
-                "subscribed": bool(known and known.subscribed), "radios": radios,
+                "subscribed": self._subscribed, "radios": radios,
                 "clients": sum(len(vap.stations) for radio in self.lab.ap.air.radios
                                for vap in radio.vaps),
                 "events": self.journal.count, "complaints": len(self.lab.checker.found),

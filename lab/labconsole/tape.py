@@ -6,7 +6,7 @@ from labservice.model import ApModel
 from labshow.recording import load
 from labtalk.journal import Journal
 
-from . import apstate
+from . import apstate, modes
 from .source import View
 from .watch import Watch
 
@@ -36,9 +36,12 @@ class TapeView(View):
         for entry in entries:
             self._read(entry)
         self._watch = Watch(self.journal, head["speed"])
+        self._follower = modes.follower(self.mode, self.journal)
 
     def close(self):
         self._watch.close()
+        if self._follower is not None:
+            self._follower.close()
 
     # Events
 
@@ -141,18 +144,24 @@ class TapeView(View):
                           "speed": self._head["speed"], "description": scenario["description"],
                           "recording": True},
                 "link": {"state": "connected" if self._links else "no link",
-                         "connected": self._links > 0, "subscribed": known.subscribed,
+                         "connected": self._links > 0, "subscribed": self._subscribed,
                          "domain": known.domain, "mac": known.mac, "factory": known.factory,
                          "connections": self._connections,
                          "lumd": "ended" if self._ended else "running"},
                 "radios": apstate.radios(known), "vaps": apstate.vaps(known),
                 "clients": apstate.clients(known), "roams": list(self._watch.roams),
                 "survey": self._watch.survey(names), "timers": [], "daemons": {}, "faults": [],
-                "complaints": 0, "log": []}
+                "complaints": 0, "log": [],
+                **modes.state(self._follower, {"waits-for": scenario["mac-list-id"]})}
+
+    @property
+    def _subscribed(self):
+        """None in a mode that has no subscription."""
+        return self._known.subscribed if self.mode == "rrm" else None
 
     def summary(self):
         return {"link": "recording", "connected": self._links > 0,
-                "subscribed": self._known.subscribed, "radios": "",
+                "subscribed": self._subscribed, "radios": "",
                 "clients": len(self._known.clients), "events": self.journal.count,
                 "complaints": 0, "faults": 0}
 

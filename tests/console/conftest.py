@@ -18,9 +18,12 @@ from labconsole.labview import LabView  # noqa: E402
 from labconsole.server import Server  # noqa: E402
 from labconsole.source import Board  # noqa: E402
 from labshow.handle import running_lab  # noqa: E402
+from labshow.portal_console import PortalConsole  # noqa: E402
 from labshow.rrm_console import RrmConsole  # noqa: E402
 from labshow.show import Show  # noqa: E402
+from labshow.wids_console import WidsConsole  # noqa: E402
 
+CONSOLES = {"rrm": RrmConsole, "wids": WidsConsole, "portal": PortalConsole}
 SPEED = 10  # times faster than real time, where a test does not say otherwise
 
 
@@ -77,16 +80,20 @@ class LiveConsole:
 
 
 @contextlib.contextmanager
-def lab_on_a_page(scenario="office", **options):
-    """(LabHandle, LiveConsole) of a lab that is subscribed."""
+def lab_on_a_page(scenario="office", commands=None, **options):
+    """(LabHandle, LiveConsole) of a lab that is subscribed, or connected where there is no
+    subscription. `commands`: the class of its console, by default that of the mode."""
     with running_lab(scenario, **{"speed": SPEED, **options}) as handle:
-        handle.wait_subscribed()
+        if handle.lab.mode == "rrm":
+            handle.wait_subscribed()
+        handle.wait("connected")
         handle.settle()
+        commands = commands or CONSOLES[handle.lab.mode]
         console = LiveConsole(handle.run)
         console.start()
         try:
             async def view():
-                return LabView(handle.lab, RrmConsole(handle.lab, Show(machine=True)))
+                return LabView(handle.lab, commands(handle.lab, Show(machine=True)))
             console.view = handle.run(view())
             console.present([console.view], handle.lab.scenario["name"])
             yield handle, console

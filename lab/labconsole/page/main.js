@@ -9,9 +9,11 @@ import * as air from "./view_air.js";
 import * as ap from "./view_ap.js";
 import * as commands from "./view_commands.js";
 import * as fleet from "./view_fleet.js";
+import * as lists from "./view_lists.js";
+import * as relay from "./view_relay.js";
 import * as state from "./view_state.js";
 
-const VIEWS = {fleet, ap, air, state, commands};
+const VIEWS = {fleet, ap, air, lists, relay, state, commands};
 const ALONE = "talk";  // the conversation, which has the whole width as a view of its own
 
 const at = (id) => document.getElementById(id);
@@ -24,9 +26,12 @@ window.consolePage = page;  // for whoever looks at the page with a tool
 
 const parts = Object.fromEntries(Object.entries(VIEWS).map(([name, view]) => [name, view.make(page)]));
 
+// Those that have something to show in the mode of the access point that is open.
 function names() {
-  const many = (page.board?.views.length ?? 0) > 1;  // otherwise there is nothing to choose from
-  return [...Object.keys(VIEWS).filter((name) => name !== "fleet" || many), ALONE];
+  const views = page.board?.views ?? [];
+  const mode = views[page.opened]?.mode ?? "rrm";
+  return [...Object.keys(VIEWS).filter((name) => (name !== "fleet" || views.length > 1) &&
+    (VIEWS[name].modes ?? [mode]).includes(mode)), ALONE];
 }
 
 function makeTabs() {
@@ -67,7 +72,8 @@ function tellStatus() {
   const text = !link.connected ? "No link to the lab: trying again" :
     !page.board?.views.length ? page.board?.title ?? "" :
       !known ? "loading" : known.about.recording ? `a recording of the ${known.about.mode} mode` :
-        `${known.about.mode} mode, ${known.link.state}, ${known.link.subscribed ? "subscribed" : "not subscribed"}`;
+        `${known.about.mode} mode, ${known.link.state}` +
+          (known.link.subscribed === null ? "" : known.link.subscribed ? ", subscribed" : ", not subscribed");
   if (at("status").textContent !== text) at("status").textContent = text;
   at("status").dataset.good = String(Boolean(link.connected && (known?.link.connected || known?.about.recording)));
 }
@@ -92,11 +98,12 @@ page.link.addEventListener("board", ({detail}) => {
   document.title = `${detail.title} · lumd console`;
   at("chooser").hidden = detail.views.length < 2;
   at("views").replaceChildren(...detail.views.map((view, index) => el("option", {value: String(index)}, view.name)));
-  makeTabs();
   if (!detail.views.length) {
     page.state = null;
+    makeTabs();
     tellStatus();
   } else if (same && page.opened !== undefined) {
+    makeTabs();
     page.link.open(page.opened, page.store.last);  // after a lost link, from where it was
   } else {
     openView(0);
@@ -110,6 +117,7 @@ export function openView(number) {
   at("views").value = String(number);
   page.store.clear();
   page.talk.clear(page.live);
+  makeTabs();
   page.link.open(number, null);
   tellStatus();
 }

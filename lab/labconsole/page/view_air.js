@@ -5,6 +5,7 @@ import {bandOf} from "./channels.js";
 import {spectrum} from "./spectrum.js";
 
 export const title = "Air";
+export const modes = ["rrm"];  // the others survey nothing
 const NARROWEST = 560;  // px of a drawing; a narrower page scrolls it
 
 export function make(page) {

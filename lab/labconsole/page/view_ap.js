@@ -15,7 +15,8 @@ export function layout(parts) {
 
 export function update(parts, state, page) {
   show(parts.radios, JSON.stringify(state.radios), () => state.radios.length ? state.radios.map(radio) :
-    [el("p.empty", {}, "The service was told of no radio yet.")]);
+    [el("p.empty", {}, state.link.subscribed === null ? "The service is told of no radio in this mode." :
+      "The service was told of no radio yet.")]);
   show(parts.vaps, JSON.stringify(state.vaps), () => table("VAPs",
     ["VAP", "SSID", "BSSID", "security", "state", "802.11k", "802.11r", "clients"],
     state.vaps.map((vap) => [vap.ifname, vap.ssid, mono(vap.mac), vap.security, vap.up === undefined ? "–" :
@@ -25,8 +26,8 @@ export function update(parts, state, page) {
     ["client", "on", "SSID", "signal", "two minutes", "known", "802.11v"],
     state.clients.map((client) => [mono(client.mac), client.vap ?? client.radio, client.ssid,
       {cell: `${client.rssi} dBm`, class: "number"}, spark(client.signal ?? []),
-      client.known === undefined ? "–" : client.known ? badge("good", "yes") : badge("warn", "no"),
-      manners(client)]), "nobody is associated"));
+      client.known === undefined || client.known === null ? "–" : client.known ? badge("good", "yes") : badge("warn", "no"),
+      {cell: manners(client), class: "words"}]), "nobody is associated"));
   show(parts.roams, JSON.stringify(state.roams), () => table("Clients that roamed",
     ["time", "client", "from", "to"],
     state.roams.toReversed().map((roam) => [clock(roam.t, page.live), mono(roam.mac),
@@ -41,12 +42,19 @@ function radio(radio) {
       radio.scanning ? badge("plain", "surveys") : null,
       (radio.locked ?? []).map((name) => badge("warn", `locked for ${name}`))),
     told ? el("dl", {}, pair("Channel", `${radio.channel}`, "big"), pair("Width", width(radio)),
-      pair("Available", (radio.available ?? []).join(" ") || "none")) : el("p", {}, "not told to the service"),
+      pair("Available", (radio.available ?? []).join(" ") || "none")) : untold(radio),
     told ? meter("Power", radio.power, radio["power-min"], radio["power-max"]) : null,
     told ? meter("EIRP", radio.eirp, radio["eirp-min"], radio["eirp-max"]) : null,
     radio.model && told && radio.up && (radio.model.channel !== radio.channel || radio.model.power !== radio.power) ?
       el("p.differs", {}, badge("warn", `the radio is on channel ${radio.model.channel}, ${radio.model.power} dBm: ` +
         "the service was not told yet")) : null);
+}
+
+// What the radio itself has, where the service was told nothing.
+function untold({model}) {
+  return el("div", {}, model ? el("dl", {}, pair("Channel", String(model.channel ?? "–"), "big"),
+    pair("Width", model.bandwidth ? `${model.bandwidth} MHz` : "–"), pair("Power", model.power === null ? "–" : `${model.power} dBm`)) : null,
+  el("p", {}, "not told to the service"));
 }
 
 function width(radio) {

@@ -33,7 +33,8 @@ export function update(parts, state, page) {
   parts.changed = false;
   const all = Object.values(page.summaries);
   const sum = (name) => all.reduce((total, summary) => total + summary[name], 0);
-  const text = `${page.board.views.length} access points: ${sum("connected")} connected, ${sum("subscribed")} subscribed, ` +
+  const text = `${page.board.views.length} access points: ${sum("connected")} connected, ` +
+    (all.some(({subscribed}) => subscribed !== null) ? `${sum("subscribed")} subscribed, ` : "") +
     `${sum("clients")} clients, ${sum("events")} events, ${sum("complaints")} complaints, ${sum("faults")} faults`;
   if (parts.totals.textContent !== text) parts.totals.textContent = text;
 }
@@ -53,10 +54,11 @@ function fill(tile, summary, open, onlyTrouble) {
   if (open) tile.node.setAttribute("aria-current", "true");
   else tile.node.removeAttribute("aria-current");
   if (!summary) return;
-  const trouble = !summary.connected || !summary.subscribed || summary.complaints || summary.faults;
+  const trouble = !summary.connected || summary.subscribed === false || summary.complaints || summary.faults;
   tile.node.hidden = onlyTrouble && !trouble;
   tile.state.replaceChildren(!summary.connected ? badge("bad", summary.link) :
-    summary.subscribed ? badge("good", "subscribed") : badge("warn", "not subscribed"));
+    summary.subscribed === null ? badge("good", summary.link) :
+      summary.subscribed ? badge("good", "subscribed") : badge("warn", "not subscribed"));
   tile.radios.textContent = summary.radios;
   tile.counts.textContent = `${summary.clients} clients, ${summary.events} events` +
     (summary.complaints ? `, ${summary.complaints} complaints` : "") + (summary.faults ? `, ${summary.faults} faults` : "");

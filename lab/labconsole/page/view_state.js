@@ -39,7 +39,7 @@ function facts(rows) {
 function linkCard(link) {
   return el("article.card", {}, el("h3", {}, "Link and subscription"), facts([
     ["Link", link.connected ? badge("good", link.state) : badge("bad", link.state)],
-    ["Subscription", link.subscribed ? badge("good", "subscribed") : badge("warn", "not subscribed")],
+    ["Subscription", link.subscribed === null ? "" : link.subscribed ? badge("good", "subscribed") : badge("warn", "not subscribed")],
     ["Connections so far", String(link.connections)], ["lumd", link.lumd], ["Domain", link.domain]]));
 }
 
