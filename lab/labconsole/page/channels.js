@@ -6,10 +6,12 @@ const CHANNEL_14 = 2484;  // MHz
 const STEP = 5;           // MHz of a channel number
 const QUADS = {"5GHz": [36, 52, 100, 116, 132, 149, 165], "6GHz": []};  // first channels of 80 MHz
 
+// `pieces`: [from, to] in MHz of what is drawn; between two of them no channel lies.
 export const BANDS = {
-  "2.4GHz": {from: 2397, to: 2492, ticks: [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14]},
-  "5GHz": {from: 5160, to: 5845, ticks: [36, 44, 52, 60, 100, 108, 116, 124, 132, 140, 149, 157, 165]},
-  "6GHz": {from: 5935, to: 6435, ticks: [1, 9, 17, 25, 33, 41, 49, 57, 65, 73, 81, 89]},
+  "2.4GHz": {pieces: [[2397, 2492]], ticks: [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14]},
+  "5GHz": {pieces: [[5165, 5340], [5480, 5840]],
+    ticks: [36, 44, 52, 60, 100, 108, 116, 124, 132, 140, 149, 157, 165]},
+  "6GHz": {pieces: [[5935, 6435]], ticks: [1, 9, 17, 25, 33, 41, 49, 57, 65, 73, 81, 89]},
 };
 
 export function bandOf(channel) {

@@ -1,25 +1,40 @@
 // A band as a drawing: each network a shape over its channels, as high as it was heard.
 
-import {BANDS, centre, span} from "./channels.js";
+import {BANDS, bandOf, centre, span} from "./channels.js";
 
 const WEAKEST = -97, STRONGEST = -35;  // dBm
 const HEIGHT = 250, LEFT = 44, RIGHT = 8, TOP = 30, BOTTOM = 56;  // px
 const SLOPE = 0.14;  // of the width that a shape takes to rise
-const LABEL_ROOM = 62;  // px between two names
+const BREAK = 20;  // px between two pieces of a band
 const OWN_LABEL = 150;  // px of the text above a radio's channels
+const LETTER = 6.7, LINE = 12;  // px of a name at most
 
 // `given`: {band, heard, radios, ownNames: SSIDs of this access point, load: percent by channel}
 export function spectrum(node, given, width) {
   const {d3} = window;
   const range = BANDS[given.band];
-  const x = d3.scale.linear().domain([range.from, range.to]).range([LEFT, width - RIGHT]);
+  const x = scale(range.pieces, width);
   const y = d3.scale.linear().domain([WEAKEST, STRONGEST]).range([HEIGHT - BOTTOM, TOP]).clamp(true);
   const svg = d3.select(node).append("svg").attr("class", "spectrum").attr("role", "img")
     .attr("viewBox", `0 0 ${width} ${HEIGHT}`).attr("aria-label", words(given));
   drawAxes(svg, x, y, range, given.band, width);
+  drawBreaks(svg, x, range.pieces);
   drawRadios(svg, x, given);
   drawHeard(svg, x, y, given);
   drawLoad(svg, x, given);
+}
+
+// Each piece as wide as it is in MHz, BREAK px between them.
+function scale(pieces, width) {
+  const whole = pieces.reduce((sum, [from, to]) => sum + to - from, 0);
+  const step = (width - LEFT - RIGHT - BREAK * (pieces.length - 1)) / whole;
+  let at = LEFT;
+  const places = pieces.flatMap(([from, to], index) => {
+    const left = at + (index ? BREAK : 0);
+    at = left + (to - from) * step;
+    return [left, at];
+  });
+  return window.d3.scale.linear().domain(pieces.flat()).range(places);
 }
 
 function words({band, heard, radios}) {
@@ -42,6 +57,13 @@ function drawAxes(svg, x, y, range, band, width) {
   }
 }
 
+function drawBreaks(svg, x, pieces) {
+  for (const [[, to], [from]] of window.d3.pairs(pieces)) {
+    svg.append("rect").attr("class", "break").attr("x", x(to)).attr("y", HEIGHT - BOTTOM - 3).attr("width", x(from) - x(to)).attr("height", 6);
+    svg.append("text").attr("class", "tick").attr("x", (x(to) + x(from)) / 2).attr("y", HEIGHT - BOTTOM + 4).attr("text-anchor", "middle").text("⋯");
+  }
+}
+
 function drawRadios(svg, x, {radios, band}) {
   for (const radio of radios) {
     const {from, to} = span(band, radio.channel, radio.bandwidth, radio["primary-channel"]);
@@ -55,7 +77,7 @@ function drawRadios(svg, x, {radios, band}) {
 
 function drawHeard(svg, x, y, {heard, band, ownNames}) {
   const floor = HEIGHT - BOTTOM;
-  const labels = [];
+  const names = [];
   for (const entry of [...heard].sort((one, other) => other.rssi - one.rssi)) {
     const {from, to} = span(band, entry.channel, entry.bandwidth, entry["primary-channel"]);
     const rise = (to - from) * SLOPE, top = y(entry.rssi);
@@ -64,11 +86,24 @@ function drawHeard(svg, x, y, {heard, band, ownNames}) {
     svg.append("path").attr("class", `heard${own ? " same" : ""}${entry.change === null && entry.isNew ? " new" : ""}`)
       .attr("data-bssid", entry.bssid).attr("d", window.d3.svg.line()(points))
       .append("title").text(`${entry.ssid || entry.bssid}, channel ${entry.channel}, ${entry.bandwidth} MHz, ${entry.rssi} dBm`);
-    const middle = (x(from) + x(to)) / 2;
-    if (entry.ssid && labels.every(([at, height]) => Math.abs(at - middle) > LABEL_ROOM || Math.abs(height - top) > 14)) {
-      labels.push([middle, top]);
-      svg.append("text").attr("class", `name${own ? " same" : ""}`).attr("x", middle).attr("y", top - 4).attr("text-anchor", "middle").text(entry.ssid);
-    }
+    if (entry.ssid) names.push({text: entry.ssid, own, left: x(from), right: x(to), top});
+  }
+  drawNames(svg, names, x.range().at(-1));
+}
+
+// The strongest first; a name that has no room at its shape is in the table alone.
+function drawNames(svg, names, end) {
+  const taken = [];
+  for (const {text, own, left, right, top} of names) {
+    const half = text.length * LETTER / 2;
+    const places = [(left + right) / 2, left + half, right - half]
+      .map((at) => Math.max(LEFT + half, Math.min(at, end - half)));
+    const bottom = Math.min(top - 4, HEIGHT - BOTTOM - 4);
+    const at = places.find((place) => taken.every((other) => Math.abs(other.at - place) >= other.half + half ||
+      Math.abs(other.bottom - bottom) >= LINE));
+    if (at === undefined) continue;
+    taken.push({at, half, bottom});
+    svg.append("text").attr("class", `name${own ? " same" : ""}`).attr("x", at).attr("y", bottom).attr("text-anchor", "middle").text(text);
   }
 }
 
@@ -76,11 +111,12 @@ function drawHeard(svg, x, y, {heard, band, ownNames}) {
 function drawLoad(svg, x, {heard, band, load}) {
   const counts = new Map();
   for (const entry of heard) counts.set(entry.channel, (counts.get(entry.channel) ?? 0) + 1);
+  const figures = load ? Object.entries(load).map(([channel, percent]) => [Number(channel), percent])
+    .filter(([channel]) => bandOf(channel) === band) : [...counts];
   const floor = HEIGHT - 14;
-  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load" : "heard");
-  for (const [channel, count] of counts) {
-    const text = load?.[channel] !== undefined ? `${load[channel]}%` : String(count);
-    svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", 8);
-    svg.append("text").attr("class", "load").attr("x", x(centre(band, channel))).attr("y", floor).attr("text-anchor", "middle").text(text);
+  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load %" : "heard");
+  for (const [channel, figure] of figures) {
+    svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", 10);
+    svg.append("text").attr("class", "load").attr("data-channel", channel).attr("x", x(centre(band, channel))).attr("y", floor).attr("text-anchor", "middle").text(figure);
   }
 }
