@@ -130,9 +130,9 @@ async def fleet_on_page(options, show, page):
 async def show_all(options, show, prompt, page):
     """The same, on a page too unless it is None."""
     scenario = options.scenario or USUAL_SCENARIOS[options.mode or "rrm"]
-    if not IS_INSTALLED and options.air:
+    if options.air:
         from labair.report import show_tour  # it needs the tree, which an installed lab has not
-        return await show_tour(show, programs(options).bin)
+        return await show_tour(show, programs(options).bin, page, options.seconds)
     if options.service:
         return await Trial(options, options.mode, scenario, programs(options), show, prompt, page).run()
     if options.replay:
@@ -203,6 +203,7 @@ def arguments():
     parser.add_argument("--json", action="store_true",
                         help="one JSON object an event, and one a command: what became of it")
     parser.add_argument("--verbose", action="store_true", help="show configuration reads as well")
+    parser.set_defaults(air=False)
     if not IS_INSTALLED:
         parser.add_argument("--air", action="store_true",
                             help="a tour with real 802.11 frames, in a virtual machine")
@@ -228,8 +229,11 @@ def arguments():
     options = parser.parse_args()
     if options.port and options.console is None:
         parser.error("--port goes with --console")
-    if options.console is not None and (options.replay or options.console and options.service):
+    if options.console is not None and (
+            options.replay or options.console and (options.service or options.air)):
         parser.error("--console shows one thing: labs or a recording")
+    if options.air and (options.fleet or options.service):
+        parser.error("--air brings its own access points and services")
     for name in ("fleet", "member", "for", "report"):
         given = getattr(options, {"for": "seconds"}.get(name, name))
         on_page = options.console is not None and name in ("fleet", "for")

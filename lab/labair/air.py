@@ -49,7 +49,7 @@ class Air:
                     (2, 5)[number * 2 // plan.clients],
                     plan.network.ssid, plan.network.passphrase, "FT-PSK WPA-PSK")
             for number in range(plan.clients)]
-        self._capture = b""
+        self._capture, self._reading = b"", asyncio.Lock()
 
     async def start(self) -> None:
         """The machine and the places in it; neither daemons nor clients run yet."""
@@ -91,5 +91,6 @@ class Air:
 
     async def frames(self) -> list[Frame]:
         """All management frames until now but beacons and probes, in order."""
-        self._capture += await self.machine.read("", CAPTURE, len(self._capture)) or b""
+        async with self._reading:
+            self._capture += await self.machine.read("", CAPTURE, len(self._capture)) or b""
         return list(management_frames(self._capture))

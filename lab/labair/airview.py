@@ -1,0 +1,228 @@
+"""An access point of the air on the console's page. The guest's kernel is looked at once a second
+while a page shows it."""
+import asyncio
+import collections
+import contextlib
+import json
+import time
+
+from labconsole import apstate, forms
+from labconsole.source import View
+from labconsole.watch import Watch
+from labservice.server import ServiceError
+from labshow.outcome import REFUSED, UNKNOWN, Outcome
+
+from .accesspoint import BANDS, DAEMONS
+from .airtalk import AirTalk
+from .machine import GuestError
+from .tour import channel_of
+
+LOOK_SECONDS = 1.0  # between two looks
+PATIENCE = 3.0      # seconds after which a page that does not ask any more has gone
+QUIET, LONGEST_WAIT = 0.7, 10.0  # seconds of silence that end a command, and without it
+LOG = "/tmp/lumd.log"
+LOG_LINES, LONGEST_LINE = 200, 300
+LIBRARY_NOISE = "libwebsocket-debug"
+DRIVER = "nl80211"
+
+
+class AirView(View):
+    """Made on the loop of `air`, whose access point `point` is. `takes_commands`: not while
+    somebody else gives them."""
+
+    def __init__(self, air, point):
+        self._talk = AirTalk(air, point)
+        super().__init__(point.name, "rrm", self._talk.journal)
+        self.takes_commands = False
+        self._air, self._point = air, point
+        self._watch = Watch(self.journal)
+        self._kernel, self._stations, self._survey = {}, {}, {}
+        self._log, self._log_read, self._ended = collections.deque(maxlen=LOG_LINES), 0, set()
+        self._asked = 0.0
+        air.machine.listeners.append(self._hear)
+        self._looking = asyncio.ensure_future(self._look_on())
+
+    def close(self):
+        self._looking.cancel()
+        self._watch.close()
+        self._talk.close()
+        if self._hear in self._air.machine.listeners:
+            self._air.machine.listeners.remove(self._hear)
+
+    # What is looked at
+
+    def _hear(self, event):
+        if event["event"] == "end":
+            self._ended.add(event["pid"])
+
+    async def _look_on(self):
+        while True:
+            if self._point.pids and time.monotonic() - self._asked < PATIENCE:
+                with contextlib.suppress(GuestError):  # an interface that is just not there
+                    await self._look()
+            await asyncio.sleep(LOOK_SECONDS)
+
+    async def _look(self):
+        point, machine = self._point, self._air.machine
+        self._kernel = await point.kernel()
+        for number in range(len(BANDS)):
+            self._stations[number] = await point.stations(number)
+            for entry in await machine.call("survey", place=point.name, ifname=_vap(number)):
+                self._survey[channel_of(entry["frequency"])] = entry
+        self._watch.sample(self._clients())
+        await self._read_log()
+        await self._talk.look({entry["address"] for entry in self._kernel.values()
+                               if entry["type"] == "ap"})
+
+    async def _read_log(self):
+        data = await self._air.machine.read(self._point.name, LOG, self._log_read) or b""
+        whole = data[:data.rfind(b"\n") + 1]
+        self._log_read += len(whole)
+        self._log.extend(line[:LONGEST_LINE] for line in whole.decode(errors="replace").splitlines()
+                         if LIBRARY_NOISE not in line)
+
+    # State
+
+    @property
+    def _known(self):
+        try:
+            return self._point.known
+        except ServiceError:
+            return None
+
+    def state(self):
+        self._asked = time.monotonic()
+        clients = self._clients()
+        for client in clients:
+            client["signal"] = self._watch.signal(client["mac"])
+        return {"about": {"scenario": "real 802.11", "mode": self.mode, "speed": 1,
+                          "description": f"{self.name}: mac80211 and hostapd in a virtual machine"},
+                "link": self._link(), "radios": self._radios(), "vaps": self._vaps(),
+                "clients": clients, "roams": list(self._watch.roams), "survey": self._heard(),
+                "timers": list(self._watch.timers.values()),
+                "daemons": {name: self._runs(name) for name in DAEMONS if name != "lumd"},
+                "faults": [], "complaints": len(self._point.checker.found),
+                "log": list(self._log)}
+
+    def _runs(self, name):
+        return self._point.pids.get(name, None) not in (None, *self._ended)
+
+    def _link(self):
+        known, service = self._known, self._point.service
+        return {"state": "connected" if service.links else "no link",
+                "connected": bool(service.links), "subscribed": bool(known and known.subscribed),
+                "domain": known.domain if known else "", "mac": self._point.mac,
+                "factory": known.factory if known else {}, "connections": service.connections,
+                "lumd": f"running as {self._point.pids['lumd']} of the guest"
+                if self._runs("lumd") else "ended"}
+
+    def _radios(self):
+        """What the service was told, and what the kernel has meanwhile."""
+        told = {radio["ifname"]: radio for radio in apstate.radios(self._known)} \
+            if self._known else {}
+        return [{**told.get(f"wlan{number}", {}), "ifname": f"wlan{number}", "band": band,
+                 "driver": DRIVER, "up": self._has_channel(number), "model": self._model(number)}
+                for number, band in enumerate(BANDS)]
+
+    def _has_channel(self, number):
+        return self._kernel.get(_vap(number), {}).get("frequency") is not None
+
+    def _model(self, number):
+        """As the kernel has it; None while it has nothing."""
+        if not self._has_channel(number):
+            return None
+        here = self._kernel[_vap(number)]
+        channel = channel_of(here["frequency"])
+        primary = "none" if here["width"] != 40 else \
+            "lower" if here["center"] > here["frequency"] else "upper"
+        return {"channel": channel, "bandwidth": here["width"], "primary": primary,
+                "power": here["power"], "noise": self._survey.get(channel, {}).get("noise")}
+
+    def _vaps(self):
+        told = {vap["ifname"]: vap for vap in apstate.vaps(self._known)} if self._known else {}
+        settings = self._point.settings()["interface"]
+        return [{**told.get(_vap(number), {}), "ifname": _vap(number), "radio": f"wlan{number}",
+                 "ssid": self._point.network.ssid,
+                 "mac": self._kernel.get(_vap(number), {}).get("address"),
+                 "up": self._has_channel(number),
+                 "security": settings[_vap(number)]["vap"]["ap-security"]["mode"],
+                 "clients": len(self._stations.get(number, ()))} for number in range(len(BANDS))]
+
+    def _clients(self):
+        """Those that the kernel has; whether the service knows of each."""
+        known = self._known.clients if self._known else {}
+        return [{"mac": mac, "vap": _vap(number), "radio": f"wlan{number}",
+                 "ssid": self._point.network.ssid, "rssi": station["signal"], "known": mac in known}
+                for number, stations in self._stations.items()
+                for mac, station in stations.items() if station["signal"] is not None]
+
+    def _heard(self):
+        """The last survey; the load is the kernel's, of the channels on which it was."""
+        names = {vap["mac"]: vap["ssid"] for point in self._air.points
+                 for known in point.service.aps.values() for vap in apstate.vaps(known)}
+        survey = self._watch.survey(names)
+        if survey is None:
+            return None
+        load = {channel: round(100 * entry["busy"] / entry["time"])
+                for channel, entry in self._survey.items()
+                if entry["time"] and entry["busy"] is not None}
+        return {**survey, "load": load} if load else survey
+
+    def summary(self):
+        known = self._known
+        radios = apstate.radios(known) if known else []
+        return {"link": self._link()["state"], "connected": bool(self._point.service.links),
+                "subscribed": bool(known and known.subscribed),
+                "radios": " ".join(f"{radio['channel']}/{radio['bandwidth']}" if radio["up"]
+                                   else "down" for radio in radios),
+                "clients": len(known.clients) if known else 0, "events": self.journal.count,
+                "complaints": len(self._point.checker.found), "faults": 0}
+
+    # Commands
+
+    def forms(self):
+        return forms.of_air(self.mode, DAEMONS)
+
+    async def execute(self, line, transcript):
+        if not self.takes_commands:
+            return Outcome(line, REFUSED, "the tour is under way")
+        name, _, rest = line.strip().partition(" ")
+        command = self.COMMANDS.get(name)
+        if command is None:
+            return Outcome(line, UNKNOWN, "unknown command")
+        try:
+            await command(self, rest.strip())
+        except (GuestError, ServiceError, ValueError, KeyError) as error:
+            return Outcome(line, REFUSED, str(error))
+        await self._settle()
+        return Outcome(line)
+
+    async def _settle(self):
+        """Until nobody says anything."""
+        for _ in range(int(LONGEST_WAIT / QUIET)):
+            before = self.journal.count
+            await asyncio.sleep(QUIET)
+            if self.journal.count == before:
+                return
+
+    async def _send(self, text):
+        message = json.loads(text)
+        if not isinstance(message, dict):
+            raise ValueError("a message is an object")
+        await self._point.service.send(message)
+
+    async def _drop(self, _text):
+        await self._point.service.drop()
+
+    async def _daemon(self, text):
+        name, action = text.split()
+        if self._runs(name) == (action == "start"):
+            raise ValueError(f"{name} {'runs' if action == 'start' else 'does not run'}")
+        await (self._point.start_daemon(name) if action == "start" else self._point.kill(name))
+
+    COMMANDS = {"send": _send, "drop-link": _drop, "daemon": _daemon}
+
+
+def _vap(number):
+    """The access point of a radio."""
+    return f"wlan{number}-va0"
