@@ -64,7 +64,8 @@ def test_text_has_contrast_and_controls_have_names(surveyed, page, dark, size):
 @LOOKS
 def test_axe_finds_nothing(surveyed, page, axe, dark, size):
     for view in each_view(page, surveyed, dark, size):
-        page.script(axe)
+        if not page.script("return Boolean(window.axe)"):  # half a megabyte
+            page.script(axe)
         found = page.driver.execute_async_script("""
             const done = arguments[0];
             axe.run({runOnly: ["wcag2a", "wcag2aa", "wcag21a", "wcag21aa", "best-practice"]}).then(

@@ -4,13 +4,19 @@ from selenium.webdriver.support.ui import Select
 
 from consoletest.forms import field, form, run
 from labconsole.forms import LEFT_OUT
+from labshow import console as commands
 from labshow.rrm_console import RrmConsole
 from labshow.show import Show
 
 
+QUIET = 0.4  # seconds without an event that end a command's output
+
+
 @pytest.fixture
-def desk(office, page):
-    """The office's commands on a page: (LabHandle, page)."""
+def desk(office, page, monkeypatch):
+    """The office's commands on a page: (LabHandle, page). They wait for what must follow as ever, and
+    less for what may follow."""
+    monkeypatch.setattr(commands, "QUIET", QUIET)
     handle, console = office
     page.open(console, "commands")
     page.until(lambda: page.all(form("channel")), "the forms")
@@ -95,17 +101,17 @@ def test_survey_of_the_vendor_is_asked_for(desk):
 def test_neighbours_reach_the_driver_and_hostapd(desk):
     handle, page = desk
     run(page, "neighbours")
-    assert any(report["lines"] for report in handle.ap("reports"))
-    assert handle.ap("hostapd-neighbours")
+    page.until(lambda: any(report["lines"] for report in handle.ap("reports")) and
+               handle.ap("hostapd-neighbours"), "the lists")
 
 
 def test_fast_transition_reaches_the_network_manager(desk):
     handle, page = desk
     since = handle.mark()
     run(page, "ft", state="on")
-    assert handle.events(since, what="update-orvanta-fbt-response")
+    handle.wait("update-orvanta-fbt-response", since)
     run(page, "ft", state="off")
-    assert handle.events(since, what="reset-orvanta-fbt-response")
+    handle.wait("reset-orvanta-fbt-response", since)
 
 
 def test_client_comes_moves_is_steered_and_goes(desk):
@@ -125,7 +131,7 @@ def test_weakest_client_is_steered_away(desk):
     handle.ap("station-add", vap="wlan0-va1", mac="02:1a:2b:00:00:98", rssi=-92)
     handle.settle()
     run(page, "steer", radio="wlan0", count=1)
-    assert "02:1a:2b:00:00:98" not in clients(handle, "wlan0-va1")
+    page.until(lambda: "02:1a:2b:00:00:98" not in clients(handle, "wlan0-va1"), "it has moved")
 
 
 def test_message_is_sent_as_it_stands(desk):
