@@ -93,9 +93,7 @@ class InstalledLab(Lab):
             subprocess.run(["mount", "--bind", real, ROOT / shared], check=True)
         TOOLS.mkdir()
         for tool in (TREE / "lab/bin").iterdir():
-            (TOOLS / tool.name).symlink_to(tool)
-        (TOOLS / "iwpriv").unlink()
-        (TOOLS / "iwpriv").symlink_to(TREE / "iwpriv")  # the compiled one
+            (TOOLS / tool.name).symlink_to(TREE / "lab-tool")  # the compiled one
 
     async def _keep_joined(self):
         """The daemons come back by themselves when the broker has been restarted."""

@@ -1,12 +1,14 @@
-// iwpriv of the virtual access point, as lab/bin/iwpriv is, for an emulated processor, where a
-// Python program takes a second to start.
+// iwpriv and wpa_cli of the virtual access point, as those of lab/bin are, for an emulated
+// processor, where a Python program takes a second to start.
 #include <json.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -35,11 +37,19 @@ std::string ask(const std::string& line) {
     return answer;
 }
 
+// What the lab calls the program: wpa-cli.
+std::string command_of(const char* path) {
+    std::string name = std::filesystem::path(path).filename();
+    std::replace(name.begin(), name.end(), '_', '-');
+    return name;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const json request(json_object_new_object(), &json_object_put);
-    json_object_object_add(request.get(), "cmd", json_object_new_string("iwpriv"));
+    json_object_object_add(request.get(), "cmd",
+                           json_object_new_string(command_of(argv[0]).c_str()));
     json_object* arguments = json_object_new_array();
     for (int i = 1; i < argc; ++i) {
         json_object_array_add(arguments, json_object_new_string(argv[i]));
