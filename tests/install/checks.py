@@ -31,9 +31,10 @@ UNITS = ("lumd.service", "msgbusd.service")
 PROGRAMS = {"/usr/sbin/lumd", "/usr/sbin/msgbusd"}
 PACKAGES = ("lumd", "msgbus", "libmsgbus1")
 EXPOSURE = {"lumd.service": 3.0, "msgbusd.service": 2.0}  # at most
-CHANGING = ("/dev", "/lost+found", "/proc", "/run", "/sys", "/tmp", str(TREE), "/var/cache",
-            "/var/lib/apt", "/var/lib/dpkg", "/var/lib/systemd/random-seed", "/var/log/apt",
-            "/var/log/dpkg.log", "/var/log/journal", "/var/log/wtmp", "/var/tmp")
+CHANGING = frozenset({
+    "/dev", "/lost+found", "/proc", "/run", "/sys", "/tmp", str(TREE), "/var/cache", "/var/lib/apt",
+    "/var/lib/dpkg", "/var/lib/systemd/random-seed", "/var/log/apt", "/var/log/dpkg.log",
+    "/var/log/journal", "/var/log/wtmp", "/var/tmp"})
 HIGHEST_24G = 14  # channel; the radio that hostapd serves is above
 CHECKS = {}
 

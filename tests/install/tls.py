@@ -9,7 +9,6 @@ import subprocess
 
 from installed_lab import PORT, WAIT
 from labshow.process import TREE
-from labtalk.waiting import until
 
 RECIPE = TREE / "docs/tls.md"
 CERTIFICATES = TREE / "tls"
@@ -86,10 +85,20 @@ class Tls:
     async def refused(self, certificate):
         """Whether the journal says of a wrong certificate what is wrong with it."""
         await self.serve(certificate)
-
-        async def told():
-            return WRONG[certificate] in await self._run("journalctl", "-b", "-u", STUNNEL)
-        return await until(told, WAIT)
+        journal = await asyncio.create_subprocess_exec(
+            "journalctl", "--boot", "--unit", STUNNEL, "--lines", "all", "--follow",
+            stdout=subprocess.PIPE)
+        try:
+            async with asyncio.timeout(WAIT):
+                async for line in journal.stdout:
+                    if WRONG[certificate] in line.decode():
+                        return True
+        except TimeoutError:
+            pass
+        finally:
+            journal.kill()
+            await journal.wait()
+        return False
 
     async def _restart(self):
         await self._run("systemctl", "daemon-reload")
