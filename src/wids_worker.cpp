@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr int wake_up_wait = 100000;      // microseconds
-constexpr int reconnect_pause = 1000000;  // microseconds
+constexpr int wake_up_wait = 100000;           // microseconds
+constexpr int wids_reconnect_pause = 1000000;  // microseconds
 
 constexpr const char* wids_service = "wids-mac-service";
 
@@ -16,7 +16,7 @@ constexpr const char* wids_service = "wids-mac-service";
 wids_worker::wids_worker(driver_interface& driver, safe_queue& to_service_queue,
                          safe_queue& from_service_queue, const volatile bool& worker_run_flag,
                          const std::string& list_id)
-    : abstract_worker(worker_run_flag, "wids", wake_up_wait, reconnect_pause),
+    : abstract_worker(worker_run_flag, "wids", wake_up_wait, wids_reconnect_pause),
       to_service(to_service_queue),
       from_service(from_service_queue),
       wl(driver),

@@ -193,7 +193,7 @@ std::optional<int> country_limit(bytes country, int channel) {
     constexpr std::size_t string_size = 3;
     constexpr std::size_t triplet_size = 3;
     constexpr int first_extension = 201;  // from here on a triplet names an operating class
-    constexpr int last_2ghz = 14;
+    constexpr int last_2ghz_channel = 14;
     if (country.size() < string_size)
         return std::nullopt;
     for (bytes rest = country.subspan(string_size); rest.size() >= triplet_size;
@@ -201,7 +201,7 @@ std::optional<int> country_limit(bytes country, int channel) {
         const int first = rest[0];
         if (first >= first_extension)
             continue;
-        const int step = first <= last_2ghz ? 1 : channel_step;
+        const int step = first <= last_2ghz_channel ? 1 : channel_step;
         if (channel >= first && channel <= first + (rest[1] - 1) * step)
             return rest[2];
     }

@@ -12,7 +12,7 @@ constexpr int mbm_per_dbm = 100;
 // Where the numbers of a band begin, and the frequency that number 0 would have.
 constexpr std::uint32_t channel_width = 5;  // between two numbers
 constexpr std::uint32_t base_2ghz = 2407;
-constexpr std::uint32_t last_2ghz = 2472;
+constexpr std::uint32_t last_2ghz_mhz = 2472;
 constexpr std::uint32_t frequency_14 = 2484;  // Japan's, apart from the others
 constexpr int channel_14 = 14;
 constexpr std::uint32_t base_5ghz = 5000;
@@ -129,8 +129,8 @@ std::uint32_t frequency_of(rrm_band_t band, unsigned channel) {
         return 0;
     }
     const std::uint32_t frequency = base + channel * channel_width;
-    return band_at(frequency) == band && !(band == BAND_2G && frequency > last_2ghz) ? frequency
-                                                                                     : 0;
+    return band_at(frequency) == band && !(band == BAND_2G && frequency > last_2ghz_mhz) ? frequency
+                                                                                         : 0;
 }
 
 std::optional<interface_record> interface_record::read(const nl_attributes& message) {

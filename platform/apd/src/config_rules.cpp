@@ -5,6 +5,7 @@
 #include <cctype>
 #include <optional>
 
+#include "ft_config.h"
 #include "interface_name.h"
 #include "mac_text.h"
 #include "text_values.h"
@@ -41,11 +42,8 @@ constexpr int kMaxSsid = 32;   // bytes, IEEE 802.11-2020 9.4.2.2
 constexpr int kMaxName = 15;   // of an interface, IFNAMSIZ - 1
 constexpr int kMaxText = 1024;
 constexpr int kMaxPort = 65535;
-constexpr int kMaxStations = 2007;    // association ids, IEEE 802.11-2020 9.4.1.8
-constexpr int kLeastDeadline = 1000;  // TU, what hostapd takes
-constexpr int kMostDeadline = 65535;
-constexpr int kMaxDomain = 0xFFFF;
-constexpr int kMaxHolder = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
+constexpr int kMaxStations = 2007;  // association ids, IEEE 802.11-2020 9.4.1.8
+constexpr int kMaxHolder = 48;      // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 
 constexpr Rule kRules[] = {
     {"/interface/R/wlan/radio/phy", Kind::kText, 1, kMaxName},

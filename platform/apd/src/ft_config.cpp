@@ -15,9 +15,6 @@ namespace {
 
 constexpr std::size_t kMaxHolderId = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 constexpr std::size_t kKeyBytes = 32;
-constexpr int kLeastDeadline = 1000;  // TU, what hostapd takes
-constexpr int kMostDeadline = 65535;
-constexpr int kMaxDomain = 0xFFFF;
 
 std::optional<Mac> read_holder(const std::string& text) {
     const std::optional<Mac> mac = parse_mac(text);

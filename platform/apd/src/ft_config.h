@@ -12,6 +12,10 @@
 
 namespace apd {
 
+inline constexpr int kLeastDeadline = 1000;  // TU, what hostapd takes
+inline constexpr int kMostDeadline = 65535;
+inline constexpr int kMaxDomain = 0xFFFF;
+
 // Another access point of the mobility domain.
 struct KeyHolder {
     Mac mac{};           // its BSSID

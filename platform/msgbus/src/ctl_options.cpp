@@ -19,7 +19,7 @@ namespace {
 constexpr int kExitUsage = 2;
 constexpr int kDefaultAnswerSeconds = 20;
 constexpr int kOwnModules = 50;  // this many at the end of the range, for short-lived tools
-constexpr std::size_t kColumns = 80;
+constexpr std::size_t kLineWidth = 80;
 
 constexpr const char* kShortOptions = ":hs:m:wt:";
 // Those without a short form have a capital letter.
@@ -76,7 +76,7 @@ std::string describe_names() {
     const char* end = "";
     for (const NamedModule& named : named_modules()) {
         const std::string word = std::string{end} + ' ' + named.name;
-        if (line.size() + word.size() >= kColumns) {
+        if (line.size() + word.size() >= kLineWidth) {
             text += line + end + '\n';
             line = named.name;
         } else {
