@@ -23,7 +23,7 @@ QUIET, LONGEST_WAIT = 0.7, 10.0  # seconds of silence that end a command, and wi
 LOG = "/tmp/lumd.log"
 LOG_LINES, LONGEST_LINE = 200, 300
 LIBRARY_NOISE = "libwebsocket-debug"
-DRIVER = "nl80211"
+DRIVER, AP = "nl80211", "AP"  # as labair.nl80211 calls them
 
 
 class AirView(View):
@@ -72,7 +72,7 @@ class AirView(View):
         self._watch.sample(self._clients())
         await self._read_log()
         await self._talk.look({entry["address"] for entry in self._kernel.values()
-                               if entry["type"] == "ap"})
+                               if entry["type"] == AP})
 
     async def _read_log(self):
         data = await self._air.machine.read(self._point.name, LOG, self._log_read) or b""

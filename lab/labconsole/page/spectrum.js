@@ -107,14 +107,14 @@ function drawNames(svg, names, end) {
   }
 }
 
-// Below the axis: how busy each channel was, or where nobody measures that, how many were heard there.
+// Below the axis: how busy each channel was in percent, or where nobody measures that, how many were heard there.
 function drawLoad(svg, x, {heard, band, load}) {
   const counts = new Map();
   for (const entry of heard) counts.set(entry.channel, (counts.get(entry.channel) ?? 0) + 1);
   const figures = load ? Object.entries(load).map(([channel, percent]) => [Number(channel), percent])
     .filter(([channel]) => bandOf(channel) === band) : [...counts];
   const floor = HEIGHT - 14;
-  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load %" : "heard");
+  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load" : "heard");
   for (const [channel, figure] of figures) {
     svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", 10);
     svg.append("text").attr("class", "load").attr("data-channel", channel).attr("x", x(centre(band, channel))).attr("y", floor).attr("text-anchor", "middle").text(figure);

@@ -38,7 +38,7 @@ function radio(radio) {
   const told = radio.channel !== undefined;
   return el("article.card.radio", {"data-radio": radio.ifname},
     el("h3", {}, radio.ifname, " ", el("small", {}, `${radio.band} ${radio.driver ?? ""}`)),
-    el("p", {}, radio.up ? badge("good", "up") : badge("warn", "down"), " ",
+    el("p.badges", {}, radio.up ? badge("good", "up") : badge("warn", "down"),
       radio.scanning ? badge("plain", "surveys") : null,
       (radio.locked ?? []).map((name) => badge("warn", `locked for ${name}`))),
     told ? el("dl", {}, pair("Channel", `${radio.channel}`, "big"), pair("Width", width(radio)),

@@ -12,6 +12,7 @@ import aiohttp
 from labair.air import CAPTURE, Air, Plan
 from labair.airview import LOG, AirView
 from labair.machine import Machine
+from labair.nl80211 import INTERFACE_TYPES
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[3] / "schemas/examples/rrm-from-lumd.json"
 PCAP = struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, 127)
@@ -19,6 +20,7 @@ RADIOTAP = bytes.fromhex("0000080000000000")
 BSSIDS = ("02:00:00:0a:01:01", "02:00:00:0a:01:09")
 CLIENT = "02:00:00:00:04:00"
 NEIGHBOUR = "02:00:00:0a:02:01"
+NL80211_IFTYPE_AP = 3  # linux/nl80211.h
 AHEAD = 3.0  # seconds of the guest's clock before this one
 
 
@@ -27,8 +29,9 @@ def octets(address):
 
 
 def interface(index, address, frequency, width, power):
-    return {"index": index, "wiphy": index, "type": "ap", "address": address, "frequency": frequency,
-            "width": width, "center": frequency, "power": power, "ssid": "office"}
+    return {"index": index, "wiphy": index, "type": INTERFACE_TYPES[NL80211_IFTYPE_AP],
+            "address": address, "frequency": frequency, "width": width,
+            "center": frequency, "power": power, "ssid": "office"}
 
 
 class PlayedGuest(Machine):
