@@ -17,11 +17,13 @@ from labshow.process import LabError
 
 from .accesspoint import BUS, DAEMONS, AirAccessPoint
 from .air import Air
+from .station import frequency
 from .tour import BAND_5, BAND_24, Tour
 
 # (channel, MHz) that every client can follow without a radar check.
 CHANNELS = {BAND_24: ((1, 20), (6, 20), (11, 20)),
             BAND_5: ((36, 20), (40, 20), (44, 20), (48, 20), (36, 40), (44, 40), (36, 80), (44, 80))}
+OTHER_OF = {36: 40, 44: 48}  # of 40 MHz and more
 POWERS = range(5, 18)     # dBm
 MOST_NEIGHBOURS = 12
 SURVEYED = ("1 36", "6 44", "1 6 36 44")  # of both bands: one that is not named is surveyed whole
@@ -49,6 +51,15 @@ class Look:
     pss: int
     threads: int
     descriptors: int
+
+
+def is_as_wanted(here: dict, wanted: dict) -> bool:
+    """Whether the kernel's interface does that. hostapd takes primary and secondary channel the
+    other way round where it hears others so, as IEEE 802.11 has it for a 40 MHz BSS."""
+    mhz = frequency(wanted["channel"])
+    others = {mhz} if wanted["bandwidth"] == 20 else {mhz, frequency(OTHER_OF[wanted["channel"]])}
+    return here["frequency"] in others and \
+        (here["width"], here["power"]) == (wanted["bandwidth"], wanted["power"])
 
 
 class Soak:
@@ -165,9 +176,8 @@ class Soak:
         wanted = self.wanted[point.name]
         await point.until(
             f"not {wanted}", point.kernel, lambda all_: all(
-                self._tour.is_on(all_, {radio: (here["channel"], here["bandwidth"])}) and
-                all_[f"wlan{radio}-va0"]["power"] == here["power"]
-                for radio, here in wanted.items()), SETTLED_WAIT)
+                is_as_wanted(all_[f"wlan{radio}-va0"], here) for radio, here in wanted.items()),
+            SETTLED_WAIT)
 
     async def _look(self):
         """Every while: each daemon lives, and what it takes."""

@@ -475,10 +475,12 @@ void RadioControl::look_at_switch(bool is_over) {
         write_files(now);
         finish("");
     } else if (is_over) {
-        enter(State::kUp);
-        moved();
-        finish("channel " + to_text(target) + " was announced, and the radio is on " +
-               (channel ? to_text(*channel) : "none"));
+        // Seen with hostapd 2.10: "CSA failed (wlan1-va0 was stopped)", and it begins anew where it
+        // was, with primary and secondary channel the other way round.
+        logsink_message(
+            SINK_NOTICE, "%s: channel %s was announced, and the radio is on %s: starts it anew",
+            name_.c_str(), to_text(target).c_str(), channel ? to_text(*channel).c_str() : "none");
+        start(RadioConfig{*change_->target});
     }
 }
 
