@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -183,21 +184,25 @@ void show(Client& client, const Command& command) {
         print_leaves(path, tree);
 }
 
-void changes(Client& client, const Command& command) {
-    const Json answer = client.ask("changes");
+// What a command answers with a list: as it is for programs, otherwise by `print_one`.
+void print_list(Client& client, const Command& command,
+                const std::function<void(json_object*)>& print_one) {
+    const Json answer = client.ask(command.words.front().c_str());
     json_object* const list = apd::member(answer.get(), "value");
-    if (command.json) {
+    if (command.json)
         print_json(list);
-        return;
-    }
-    for (std::size_t i = 0; i < json_object_array_length(list); i++) {
-        json_object* const one = json_object_array_get_idx(list, i);
+    else
+        apd::for_each_element(list, print_one);
+}
+
+void changes(Client& client, const Command& command) {
+    print_list(client, command, [](json_object* one) {
         const std::string path = apd::member_text(one, "path");
         if (apd::member(one, "before") != nullptr)
             print("- " + path + ' ' + apd::member_text(one, "before"));
         if (apd::member(one, "now") != nullptr)
             print("+ " + path + ' ' + apd::member_text(one, "now"));
-    }
+    });
 }
 
 void print_radio(const std::string& name, json_object* radio) {
@@ -242,16 +247,9 @@ void revert(Client& client, const Command&) {
 }
 
 void settings(Client& client, const Command& command) {
-    const Json answer = client.ask("settings");
-    json_object* const list = apd::member(answer.get(), "value");
-    if (command.json) {
-        print_json(list);
-        return;
-    }
-    for (std::size_t i = 0; i < json_object_array_length(list); i++) {
-        json_object* const one = json_object_array_get_idx(list, i);
+    print_list(client, command, [](json_object* one) {
         print(apd::member_text(one, "path") + "  " + apd::member_text(one, "takes"));
-    }
+    });
 }
 
 struct Verb {

@@ -105,6 +105,13 @@ void for_each_member(json_object* node,
         visit(json_object_iter_peek_name(&at), json_object_iter_peek_value(&at));
 }
 
+void for_each_element(json_object* array, const std::function<void(json_object*)>& visit) {
+    if (json_object_is_type(array, json_type_array) == 0)
+        return;
+    for (std::size_t i = 0; i < json_object_array_length(array); i++)
+        visit(json_object_array_get_idx(array, i));
+}
+
 void for_each_leaf(json_object* tree,
                    const std::function<void(const std::string&, json_object*)>& visit) {
     const std::function<void(const std::string&, json_object*)> walk = [&](const std::string& path,

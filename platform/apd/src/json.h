@@ -56,6 +56,9 @@ void put_path(json_object* tree, const std::string& path, Json value);
 void for_each_member(json_object* node,
                      const std::function<void(const std::string&, json_object*)>& visit);
 
+// Each element of an array in its order.
+void for_each_element(json_object* array, const std::function<void(json_object*)>& visit);
+
 // Each scalar and array with its path, in the order of the tree; empty objects are passed over.
 void for_each_leaf(json_object* tree,
                    const std::function<void(const std::string&, json_object*)>& visit);

@@ -25,8 +25,7 @@ void collect(json_object* node, std::set<Mac>& macs, int depth) {
     if (depth > kDeepestList)
         return;
     if (json_object_is_type(node, json_type_array) != 0)
-        for (std::size_t i = 0; i < json_object_array_length(node); i++)
-            collect(json_object_array_get_idx(node, i), macs, depth + 1);
+        for_each_element(node, [&](json_object* one) { collect(one, macs, depth + 1); });
     else if (json_object_is_type(node, json_type_object) != 0)
         for_each_member(node, [&](const std::string& name, json_object* child) {
             add(name, macs);
