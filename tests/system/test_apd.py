@@ -111,6 +111,17 @@ def test_answers_by_path_what_is_stored(running, asker):
     assert (answer["status"], answer["reason"]) == ("error", "not found")
 
 
+def test_answers_what_the_agent_reads_where_it_is_not_set(running, asker):
+    for path, value in (("/interface/wlan0-vap0/vap/ft-config/enabled", "false"),
+                        ("/interface/wlan0-wds7/common/enabled", "false"),
+                        ("/interface/wlan0/wlan/radio/control-sideband", "lower"),
+                        ("/interface/wlan1-va6/vap/ap-security/mode", "OPEN"),
+                        ("/wids/enabled", "false"), ("/orvanta/dca", "false")):
+        assert asker.value(path) == value, path
+    assert running.ctl("get", "/orvanta/dca").stdout == "false\n"
+    assert running.ctl("show", "/orvanta").stdout == "/orvanta/tpc true\n"
+
+
 def test_changes_settings_at_the_commit_and_keeps_them(running, asker):
     assert running.ctl("set", CHANNEL, "11", "/orvanta/dca", "true").returncode == 0
     assert running.ctl("changes").stdout == (f"- {CHANNEL} 6\n+ {CHANNEL} 11\n"

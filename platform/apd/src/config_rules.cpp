@@ -32,6 +32,7 @@ struct Rule {
     int least = 0;
     int most = 0;
     const char* words = "";
+    const char* otherwise = "";  // what holds where it is not set; a flag is then false
 };
 
 constexpr const char* kModes =
@@ -51,16 +52,17 @@ constexpr Rule kRules[] = {
     {"/interface/R/wlan/radio/country", Kind::kCountry},
     {"/interface/R/wlan/radio/auto-channel", Kind::kFlag},
     {"/interface/R/wlan/radio/channel", Kind::kNumber, 1, 177},
-    {"/interface/R/wlan/radio/bandwidth", Kind::kOneOf, 0, 0, "20 40 80"},
+    {"/interface/R/wlan/radio/bandwidth", Kind::kOneOf, 0, 0, "20 40 80", "20"},
     {"/interface/R/wlan/radio/control-sideband", Kind::kOneOf, 0, 0, "lower upper"},
     {"/interface/R/wlan/radio/tx-power", Kind::kNumber, 0, kMaxPower},
     {"/interface/R/wlan/radio/tx-power-min", Kind::kNumber, 0, kMaxPower},
     {"/interface/R/wlan/radio/tx-power-max", Kind::kNumber, 0, kMaxPower},
-    {"/interface/R/wlan/radio/eirp-min", Kind::kNumber, 0, kMaxEirp},
-    {"/interface/R/wlan/radio/eirp-max", Kind::kNumber, 0, kMaxEirp},
+    {"/interface/R/wlan/radio/eirp-min", Kind::kNumber, 0, kMaxEirp, "", "0"},
+    {"/interface/R/wlan/radio/eirp-max", Kind::kNumber, 0, kMaxEirp, "", "100"},
     {"/interface/R/wlan/radio/use-limit-channels", Kind::kFlag},
     {"/interface/R/wlan/radio/limit-channels", Kind::kChannels},
-    {"/interface/R/wlan/radio/antenna-configuration", Kind::kAny},
+    {"/interface/R/wlan/radio/antenna-configuration", Kind::kAny, 0, 0, "",
+     R"({"antenna-gain": "0", "cable-loss": "0"})"},
     {"/interface/R/wlan/radio/antenna-configuration/*", Kind::kAny},
     {"/interface/R/wlan/radio/hostapd/*", Kind::kText, 0, kMaxText},
     {"/interface/R/wlan/wds/enabled", Kind::kFlag},
@@ -71,16 +73,16 @@ constexpr Rule kRules[] = {
     {"/interface/V/vap/hidden", Kind::kFlag},
     {"/interface/V/vap/isolate", Kind::kFlag},
     {"/interface/V/vap/max-stations", Kind::kNumber, 1, kMaxStations},
-    {"/interface/V/vap/ap-security/mode", Kind::kOneOf, 0, 0, kModes},
+    {"/interface/V/vap/ap-security/mode", Kind::kOneOf, 0, 0, kModes, "OPEN"},
     {"/interface/V/vap/ap-security/passphrase", Kind::kText, 8, 63},
     {"/interface/V/vap/ap-security/radius-server", Kind::kText, 1, kMaxText},
-    {"/interface/V/vap/ap-security/radius-port", Kind::kNumber, 1, kMaxPort},
+    {"/interface/V/vap/ap-security/radius-port", Kind::kNumber, 1, kMaxPort, "", "1812"},
     {"/interface/V/vap/ap-security/radius-secret", Kind::kText, 1, kMaxText},
     {"/interface/V/vap/w80211kv-config/enabled", Kind::kFlag},
     {"/interface/V/vap/captive-portal/enabled", Kind::kFlag},
     {"/interface/V/vap/ft-config/enabled", Kind::kFlag},
     {"/interface/V/vap/ft-config/ft-over-ds", Kind::kFlag},
-    {"/interface/V/vap/ft-config/ft-psk-generate-local", Kind::kFlag},
+    {"/interface/V/vap/ft-config/ft-psk-generate-local", Kind::kFlag, 0, 0, "", "true"},
     {"/interface/V/vap/ft-config/reassociation-deadline", Kind::kNumber, kLeastDeadline,
      kMostDeadline},
     {"/interface/V/vap/ft-config/mobility-domain", Kind::kNumber, 0, kMaxDomain},
@@ -220,6 +222,18 @@ std::string why_tree_refused(json_object* tree) {
             reason = why_refused(path, value);
     });
     return reason;
+}
+
+Json default_value(const std::string& path) {
+    const Rule* const rule = rule_of(path);
+    if (rule == nullptr)
+        return nullptr;
+    std::string text = rule->otherwise;
+    if (text.empty() && rule->kind == Kind::kFlag)
+        text = "false";
+    if (text.empty())
+        return nullptr;
+    return rule->kind == Kind::kAny ? parse_json(text) : Json{json_object_new_string(text.c_str())};
 }
 
 bool is_secret(const std::string& path) {

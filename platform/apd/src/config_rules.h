@@ -16,6 +16,9 @@ namespace apd {
 // The same for each setting in the tree; that of the first one refused.
 [[nodiscard]] std::string why_tree_refused(json_object* tree);
 
+// What holds where a setting is not set; null for one that has no such value.
+[[nodiscard]] Json default_value(const std::string& path);
+
 // Whether the value is a password or a key, which is not shown to everybody.
 [[nodiscard]] bool is_secret(const std::string& path);
 

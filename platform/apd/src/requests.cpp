@@ -9,6 +9,7 @@
 #include "interface_name.h"
 #include "logsink.h"
 #include "text_values.h"
+#include "unset_values.h"
 
 namespace apd {
 
@@ -106,7 +107,9 @@ void Requests::get(const Request& request) {
     const std::string path = member_text(request->message(), "path");
     const Json answer = answer_to(request);
     set_text(answer.get(), "path", path);
-    json_object* const value = store_.get(path);
+    json_object* const set = store_.get(path);
+    const Json unset = set == nullptr ? unset_value(store_.running(), path) : nullptr;
+    json_object* const value = set != nullptr ? set : unset.get();
     if (value == nullptr) {
         set_text(answer.get(), "status", "error");
         set_text(answer.get(), "reason", "not found");
