@@ -219,6 +219,7 @@ def test_tells_the_agent_of_hostapd(running, hostapd):
     assert files[2].read_text() == f"{os.getpid()}\n"
     hostapd.stop()
     wait_until(lambda: not files[2].exists(), "the pid file's end")
+    running.wait_log("hostapd has gone")
     files[0].unlink()
     hostapd.start_again()
     wait_until(lambda: all(path.exists() for path in files), "the files anew")
@@ -240,7 +241,8 @@ def test_takes_a_silent_hostapd_for_gone_and_comes_back(running, hostapd):
     wait_until(pid_file.exists, "the pid file")
     hostapd.answers["PING"] = hostapd.answers["ATTACH"] = None
     wait_until(lambda: not pid_file.exists(), "the pid file's end")
-    running.wait_log("hostapd has gone")
+    running.wait_log("hostapd does not answer")
+    assert "hostapd has gone" not in running.log()
     hostapd.answers["PING"] = b"\xff garbage"
     del hostapd.answers["ATTACH"]
     wait_until(pid_file.exists, "the pid file again")

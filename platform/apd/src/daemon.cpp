@@ -109,8 +109,12 @@ void Daemon::serve_hostapd() {
     look_at_ = steady_clock::now() + kIdlePace;
     if (hostapd_.is_connected())
         static_cast<void>(hostapd_.check());
-    if (manager_.has_hostapd() && !hostapd_.is_connected())
-        manager_.hostapd_went();
+    if (manager_.has_hostapd() && !hostapd_.is_connected()) {
+        if (hostapd_.is_silent())
+            manager_.hostapd_fell_silent();
+        else
+            manager_.hostapd_went();
+    }
     if (!manager_.has_hostapd() && hostapd_.connect())
         if (const std::optional<int> pid = hostapd_.pid())
             manager_.hostapd_came(*pid);

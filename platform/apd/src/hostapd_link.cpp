@@ -15,8 +15,10 @@ namespace apd {
 
 namespace {
 
-// An ADD goes through the kernel's setting up of a radio before it is answered.
-constexpr std::chrono::milliseconds kAnswerWait{5000};
+// Whether it is a command of hostapd's that gives an access point its keys.
+bool sets_up(const std::string& command) {
+    return command.starts_with("ADD ") || command.ends_with(" RELOAD");
+}
 
 class Socket {
   public:
@@ -62,7 +64,7 @@ std::optional<int> sender_of(int fd) {
 bool HostapdLink::connect() {
     if (control_)
         return true;
-    auto control = std::make_unique<hostapd_control>(socket_, kAnswerWait);
+    auto control = std::make_unique<hostapd_control>(socket_, patience_.usual);
     if (!control->is_open() || !control->attach())
         return false;
     control_ = std::move(control);
@@ -73,10 +75,17 @@ bool HostapdLink::check() {
     return ask(std::string{"PING"}).has_value();
 }
 
+// Nobody reads from the socket that a hostapd which has ended has left: connect(2) is refused
+// there.
+bool HostapdLink::is_silent() const {
+    return !control_ && hostapd_control{socket_}.is_open();
+}
+
 std::optional<std::string> HostapdLink::ask(const std::string& command) {
     if (!control_)
         return std::nullopt;
-    std::optional<std::string> answer = control_->request(command);
+    std::optional<std::string> answer =
+        control_->request(command, sets_up(command) ? patience_.set_up : patience_.usual);
     if (!answer) {
         logsink_message(SINK_WARNING, "hostapd: %s", control_->why().c_str());
         control_.reset();
@@ -121,8 +130,8 @@ std::optional<int> HostapdLink::pid() const {
                reinterpret_cast<const sockaddr*>(&other), sizeof other) < 0)
         return std::nullopt;
     pollfd entry{probe.get(), POLLIN, 0};
-    return poll(&entry, 1, static_cast<int>(kAnswerWait.count())) == 1 ? sender_of(probe.get())
-                                                                       : std::nullopt;
+    return poll(&entry, 1, static_cast<int>(patience_.usual.count())) == 1 ? sender_of(probe.get())
+                                                                           : std::nullopt;
 }
 
 }  // namespace apd

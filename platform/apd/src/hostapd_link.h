@@ -5,6 +5,7 @@
 #ifndef PLATFORM_APD_HOSTAPD_LINK_H
 #define PLATFORM_APD_HOSTAPD_LINK_H
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,7 +17,18 @@ namespace apd {
 
 class HostapdLink : public HostapdPort {
   public:
-    explicit HostapdLink(std::string socket) : socket_(std::move(socket)) {}
+    // How long an answer is awaited.
+    struct Patience {
+        std::chrono::milliseconds usual{5000};
+        // Of what sets up an access point. Its keys are the first use of a cipher, for which the
+        // kernel may look for modules (modprobe(8)); seen to take seconds, in which hostapd waits
+        // for the kernel and answers nobody. The agent waits 20 s.
+        std::chrono::milliseconds set_up{15000};
+    };
+
+    explicit HostapdLink(std::string socket) : HostapdLink(std::move(socket), Patience{}) {}
+    HostapdLink(std::string socket, Patience patience)
+        : socket_(std::move(socket)), patience_(patience) {}
 
     // Connects and asks for events; true when that was done now or before.
     bool connect();
@@ -24,6 +36,9 @@ class HostapdLink : public HostapdPort {
 
     // Whether hostapd still answers; when not, the link is down.
     bool check();
+
+    // Of a link that is down: whether there is a hostapd nevertheless, which did not answer.
+    [[nodiscard]] bool is_silent() const;
 
     std::optional<std::string> ask(const std::string& command) override;
     using HostapdPort::ask;
@@ -42,6 +57,7 @@ class HostapdLink : public HostapdPort {
 
   private:
     const std::string socket_;
+    const Patience patience_;
     std::unique_ptr<hostapd_control> control_;
 };
 

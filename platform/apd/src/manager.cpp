@@ -106,12 +106,21 @@ void Manager::hostapd_came(int pid) {
 }
 
 void Manager::hostapd_went() {
+    logsink_message(SINK_WARNING, "hostapd has gone");
+    do_without_hostapd();
+}
+
+void Manager::hostapd_fell_silent() {
+    logsink_message(SINK_WARNING, "hostapd does not answer");
+    do_without_hostapd();
+}
+
+void Manager::do_without_hostapd() {
     hostapd_pid_.reset();
     announced_ = false;
     for (const auto& radio : radios_)
         radio->hostapd_went();
     at_.files.hostapd_stopped();
-    logsink_message(SINK_WARNING, "hostapd has gone");
 }
 
 // Once, when nothing is about to come up any more. A radar check takes a minute or ten; the other

@@ -47,6 +47,8 @@ class Manager {
     // hostapd is there, with this process id, or has gone.
     void hostapd_came(int pid);
     void hostapd_went();
+    // It is there and does not answer, which is no better.
+    void hostapd_fell_silent();
     [[nodiscard]] bool has_hostapd() const { return hostapd_pid_.has_value(); }
     void take_event(const std::string& ifname, const std::string& text);
     void tick();
@@ -82,6 +84,7 @@ class Manager {
     void want_with(const std::string& path, Json tree, const std::function<void()>& keep,
                    const Done& done);
     void announce();
+    void do_without_hostapd();
     void settled(int radio);
     void take_black_list();
     void load_black_list();

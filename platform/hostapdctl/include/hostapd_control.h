@@ -43,6 +43,9 @@ class hostapd_control {
     // go on makes a new one.
     std::optional<std::string> request(std::string_view command);
 
+    // The same for a command that is known to take longer than others.
+    std::optional<std::string> request(std::string_view command, std::chrono::milliseconds wait);
+
     // As request(); whether the answer says "OK".
     bool command(std::string_view text);
 
@@ -67,7 +70,8 @@ class hostapd_control {
     };
 
     bool send(std::string_view command, clock::time_point deadline);
-    std::optional<std::string> receive_answer(clock::time_point deadline);
+    std::optional<std::string> receive_answer(std::chrono::milliseconds wait,
+                                              clock::time_point deadline);
     // One message; empty when there is none or the connection broke, which then is closed.
     std::optional<std::string> receive();
     // Whether the socket became ready for `events` of poll(2).

@@ -95,7 +95,8 @@ std::optional<std::string> hostapd_control::receive() {
     return std::nullopt;
 }
 
-std::optional<std::string> hostapd_control::receive_answer(clock::time_point deadline) {
+std::optional<std::string> hostapd_control::receive_answer(std::chrono::milliseconds wait,
+                                                           clock::time_point deadline) {
     while (is_open() && wait_for(POLLIN, deadline)) {
         std::optional<std::string> message = receive();
         if (message && attached_ && is_event(*message))
@@ -107,15 +108,20 @@ std::optional<std::string> hostapd_control::receive_answer(clock::time_point dea
             break;
     }
     if (is_open())
-        fail("no answer within " + std::to_string(wait_.count()) + " ms");
+        fail("no answer within " + std::to_string(wait.count()) + " ms");
     return std::nullopt;
 }
 
 std::optional<std::string> hostapd_control::request(std::string_view command) {
-    const clock::time_point deadline = clock::now() + wait_;
+    return request(command, wait_);
+}
+
+std::optional<std::string> hostapd_control::request(std::string_view command,
+                                                    std::chrono::milliseconds wait) {
+    const clock::time_point deadline = clock::now() + wait;
     if (!is_open() || !send(command, deadline))
         return std::nullopt;
-    return receive_answer(deadline);
+    return receive_answer(wait, deadline);
 }
 
 bool hostapd_control::command(std::string_view text) {

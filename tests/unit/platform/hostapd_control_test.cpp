@@ -52,6 +52,15 @@ TEST_F(HostapdControl, ASilentHostapdEndsTheConnection) {
     EXPECT_EQ(control.why(), path + ": no answer within 20 ms");
 }
 
+TEST_F(HostapdControl, ACommandThatTakesLongHasATimeOfItsOwn) {
+    const FakeHostapd hostapd{path, [](const std::string&) {
+                                  std::this_thread::sleep_for(3 * kShort);
+                                  return "OK\n";
+                              }};
+    hostapd_control control{path, kShort};
+    EXPECT_EQ(control.request("ADD", kPatience), "OK\n");
+}
+
 TEST_F(HostapdControl, AHostapdThatReadsNothingIsLeft) {
     const int server = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
