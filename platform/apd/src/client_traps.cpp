@@ -100,17 +100,30 @@ std::vector<Json> ClientTraps::connected(const HostapdEvent& event, const TrapVa
 
 std::vector<Json> ClientTraps::disconnected(const HostapdEvent& event, const TrapVap& vap) {
     const auto known = stations_.find(event.station);
-    // The late end of an association that a newer one has replaced.
-    if (known != stations_.end() && known->second.ifname != vap.ifname)
+    // The late end of an association that a newer one has replaced, or that was told before.
+    if (known == stations_.end() || known->second.ifname != vap.ifname)
         return {};
-    if (known != stations_.end())
-        stations_.erase(known);
+    stations_.erase(known);
     return one(trap(put_off_.erase(event.station) > 0 ? "send-disassoc" : "recv-disassoc", vap,
                     event.station));
 }
 
-void ClientTraps::forget(const std::string& ifname) {
-    std::erase_if(stations_, [&](const auto& entry) { return entry.second.ifname == ifname; });
+std::vector<Json> ClientTraps::end(const std::string& ifname) {
+    std::vector<Json> messages;
+    std::erase_if(stations_, [&](const auto& entry) {
+        const auto& [station, vap] = entry;
+        if (vap.ifname != ifname)
+            return false;
+        messages.push_back(trap("send-deauth", vap, station));
+        put_off_.erase(station);
+        return true;
+    });
+    return messages;
+}
+
+void ClientTraps::forget_all() {
+    stations_.clear();
+    put_off_.clear();
 }
 
 std::string ClientTraps::where(const Mac& station) const {

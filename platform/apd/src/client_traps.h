@@ -1,7 +1,7 @@
 // ClientTraps turns hostapd's events about stations into the agent's "wifi-client-trap" messages.
 //
 // hostapd does not tell who ended an association; what apd itself has brought about (black list,
-// restart) is told as the access point's doing, all else as the client's.
+// start of an access point) is told as the access point's doing, all else as the client's.
 // One thread at a time.
 #ifndef PLATFORM_APD_CLIENT_TRAPS_H
 #define PLATFORM_APD_CLIENT_TRAPS_H
@@ -45,8 +45,16 @@ class ClientTraps {
     // From now on the station's end is the access point's doing.
     void put_off(const Mac& station) { put_off_.insert(station); }
 
-    // Forgets who was at an access point that has gone: the end of their associations is not told.
-    void forget(const std::string& ifname);
+    // A station that was there before this process.
+    void expect(const Mac& station, const TrapVap& vap) { stations_[station] = vap; }
+
+    // The messages for the end of an access point that apd has brought about: hostapd sends
+    // everybody a Deauthentication frame. Its own events come later, when the access point may be
+    // there anew, and are passed over.
+    [[nodiscard]] std::vector<Json> end(const std::string& ifname);
+
+    // hostapd has gone, and with it all associations; the agent has seen that itself.
+    void forget_all();
 
     // Where a station is; empty: nowhere.
     [[nodiscard]] std::string where(const Mac& station) const;

@@ -85,10 +85,11 @@ void Daemon::run() {
     while (!over_) {
         if (reload_.exchange(false))
             reload_settings();
-        wait();
+        look_around();
         serve_hostapd();
         serve_bus();
         manager_.tick();
+        wait();
     }
 }
 
@@ -104,9 +105,26 @@ void Daemon::wait() {
 void Daemon::serve_hostapd() {
     while (const std::optional<HostapdLink::Event> event = hostapd_.next_event())
         manager_.take_event(event->ifname, event->text);
+}
+
+// The bus first: what the agent asks in the meantime waits there for its answer, and would be lost
+// before.
+void Daemon::look_around() {
     if (steady_clock::now() < look_at_)
         return;
+    look_for_bus();
+    look_for_hostapd();
     look_at_ = steady_clock::now() + kIdlePace;
+}
+
+void Daemon::look_for_bus() {
+    const bool joined = store_module_.join() && manager_module_.join() && scan_module_.join();
+    if (!joined && !bus_missed_)
+        logsink_message(SINK_WARNING, "the message bus is not there");
+    bus_missed_ = !joined;
+}
+
+void Daemon::look_for_hostapd() {
     if (hostapd_.is_connected())
         static_cast<void>(hostapd_.check());
     if (manager_.has_hostapd() && !hostapd_.is_connected()) {
@@ -118,10 +136,6 @@ void Daemon::serve_hostapd() {
     if (!manager_.has_hostapd() && hostapd_.connect())
         if (const std::optional<int> pid = hostapd_.pid())
             manager_.hostapd_came(*pid);
-    const bool joined = store_module_.join() && manager_module_.join() && scan_module_.join();
-    if (!joined && !bus_missed_)
-        logsink_message(SINK_WARNING, "the message bus is not there");
-    bus_missed_ = !joined;
 }
 
 void Daemon::serve_bus() {

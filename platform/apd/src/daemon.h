@@ -40,6 +40,9 @@ class Daemon {
 
   private:
     void wait();
+    void look_around();
+    void look_for_bus();
+    void look_for_hostapd();
     void serve_hostapd();
     void serve_bus();
     void reload_settings();

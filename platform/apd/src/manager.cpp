@@ -16,6 +16,7 @@ constexpr std::chrono::seconds kLockPatience{120};  // longer than any survey
 constexpr const char* kMacLists = "/wids/mac-lists";
 constexpr std::uint8_t kLocallyAdministered = 0x02;  // IEEE 802-2014 8.2
 constexpr int kAddressesPerRadio = 8;
+constexpr int kMaxStations = 2007;  // association ids, IEEE 802.11-2020 9.4.1.8
 
 std::string radio_path(const std::string& ifname) {
     return "/interface/" + ifname + "/wlan/radio";
@@ -46,6 +47,12 @@ bool names(const Manager::Params& params, const char* name) {
                        [name](const auto& param) { return param.first == name; });
 }
 
+// Of hostapd's answer about a station: whether it is through with its keys.
+bool is_authorized(const std::vector<std::string>& lines) {
+    const std::optional<std::string> flags = value_of(lines, "flags");
+    return flags && flags->find("[AUTHORIZED]") != std::string::npos;
+}
+
 // All of several answers as one: the first reason.
 struct Gathered {
     std::size_t missing = 0;
@@ -69,7 +76,11 @@ RadioControl::Surroundings Manager::surroundings_of_radios() {
         .places = {.control_folder = at_.control_folder, .deny_file = at_.folder + "/black-list"},
         .address_of = [this](VapId id) { return address_of(id); },
         .settled = [this](int radio) { settled(radio); },
-        .vap_ends = [this](const std::string& ifname) { traps_.forget(ifname); },
+        .vap_ends =
+            [this](const std::string& ifname) {
+                for (const Json& trap : traps_.end(ifname))
+                    at_.tell_agent(trap);
+            },
         .now = at_.now,
     };
 }
@@ -102,6 +113,7 @@ void Manager::hostapd_came(int pid) {
             there.insert(word);
     for (const auto& radio : radios_)
         radio->hostapd_came(there);
+    expect_stations();
     announce();
 }
 
@@ -120,6 +132,7 @@ void Manager::do_without_hostapd() {
     announced_ = false;
     for (const auto& radio : radios_)
         radio->hostapd_went();
+    traps_.forget_all();
     at_.files.hostapd_stopped();
 }
 
@@ -133,6 +146,30 @@ void Manager::announce() {
         return;
     announced_ = true;
     at_.files.hostapd_started(*hostapd_pid_);
+}
+
+// Of the access points that were taken over.
+void Manager::expect_stations() {
+    for (const auto& radio : radios_) {
+        if (radio->state() == RadioControl::State::kDown)
+            continue;
+        for (const VapConfig& vap : radio->applied()->vaps)
+            expect_stations_of(vap_name(vap.id));
+    }
+}
+
+void Manager::expect_stations_of(const std::string& ifname) {
+    const std::optional<TrapVap> vap = vap_of(ifname);
+    std::optional<std::string> answer = at_.hostapd.ask(ifname, "STA-FIRST");
+    for (int count = 0; vap && answer && count < kMaxStations; count++) {
+        const std::vector<std::string> lines = split_lines(*answer);
+        const std::optional<Mac> station = lines.empty() ? std::nullopt : parse_mac(lines.front());
+        if (!station)
+            return;
+        if (is_authorized(lines))
+            traps_.expect(*station, *vap);
+        answer = at_.hostapd.ask(ifname, "STA-NEXT " + to_text(*station));
+    }
 }
 
 void Manager::settled(int radio) {

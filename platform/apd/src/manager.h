@@ -85,6 +85,8 @@ class Manager {
                    const Done& done);
     void announce();
     void do_without_hostapd();
+    void expect_stations();
+    void expect_stations_of(const std::string& ifname);
     void settled(int radio);
     void take_black_list();
     void load_black_list();

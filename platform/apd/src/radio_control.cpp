@@ -335,9 +335,6 @@ void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
 
 void RadioControl::hostapd_went() {
     hostapd_there_ = false;
-    if (applied_)
-        for (const VapConfig& vap : applied_->vaps)
-            at_.vap_ends(vap_name(vap.id));
     applied_.reset();
     enter(State::kDown);
     if (change_)

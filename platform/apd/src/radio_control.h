@@ -41,7 +41,7 @@ class RadioControl {
         std::function<std::optional<Mac>(VapId)> address_of;
         // The radio came to rest on its own: after a radar check, or where hostapd has moved it.
         std::function<void(int radio)> settled;
-        // The associations at this access point end with it.
+        // The associations at this access point end, while hostapd goes on.
         std::function<void(const std::string& ifname)> vap_ends;
         std::function<Clock::time_point()> now = Clock::now;
     };

@@ -65,6 +65,7 @@ TEST_F(ApdClientTraps, TellWhoFails) {
 }
 
 TEST_F(ApdClientTraps, TellWhoLeavesAndWhoIsPutOff) {
+    types("AP-STA-CONNECTED 02:00:00:00:02:00", office);
     EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office),
                 ElementsAre("recv-disassoc"));
     types("AP-STA-CONNECTED 02:00:00:00:02:00", office);
@@ -72,6 +73,32 @@ TEST_F(ApdClientTraps, TellWhoLeavesAndWhoIsPutOff) {
     EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office),
                 ElementsAre("send-disassoc"));
     EXPECT_EQ(traps.where(*parse_mac(kStation)), "");
+}
+
+TEST_F(ApdClientTraps, TellTheEndOfAnAccessPointAtOnceAndOnce) {
+    types("AP-STA-CONNECTED 02:00:00:00:02:00", office);
+    types("AP-STA-CONNECTED 02:00:00:00:02:01", upstairs);
+    const std::vector<Json> messages = traps.end("wlan0-va0");
+    ASSERT_EQ(messages.size(), 1U);
+    json_object* const event = member(messages.front().get(), "event");
+    EXPECT_EQ(member_text(event, "type"), "send-deauth");
+    EXPECT_EQ(member_text(event, "mac"), kStation);
+    EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office), IsEmpty());
+    EXPECT_EQ(traps.count("wlan1-va0"), 1U);
+}
+
+TEST_F(ApdClientTraps, TellWhoLeavesThatWasThereBeforeThem) {
+    traps.expect(*parse_mac(kStation), office);
+    EXPECT_EQ(traps.count("wlan0-va0"), 1U);
+    EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office),
+                ElementsAre("recv-disassoc"));
+}
+
+TEST_F(ApdClientTraps, TellNobodysEndWhenHostapdHasGone) {
+    types("AP-STA-CONNECTED 02:00:00:00:02:00", office);
+    traps.forget_all();
+    EXPECT_EQ(traps.count("wlan0-va0"), 0U);
+    EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office), IsEmpty());
 }
 
 TEST_F(ApdClientTraps, TellWhoGoesToAnotherRadioAndNotItsLateEnd) {

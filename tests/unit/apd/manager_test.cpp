@@ -186,6 +186,32 @@ TEST_F(ApdManager, SendsTheAgentWhatClientsDo) {
     EXPECT_THAT(traps[0], HasSubstr(R"("rssi":-50)"));
 }
 
+TEST_F(ApdManager, TellsTheAgentWhomAStartAnewEnds) {
+    manager.take_event("wlan0-va0", "AP-STA-CONNECTED 02:00:00:00:02:00");
+    manager.take_event("wlan1-va0", "AP-STA-CONNECTED 02:00:00:00:02:01");
+    traps.clear();
+    manager.update_radio("wlan0", {{"channel", "6"}, {"bandwidth", "40"}}, answer());
+    ASSERT_THAT(traps, SizeIs(1));
+    EXPECT_THAT(traps[0], HasSubstr(R"("type":"send-deauth")"));
+    EXPECT_THAT(traps[0], HasSubstr("02:00:00:00:02:00"));
+}
+
+TEST_F(ApdManager, KnowsTheStationsOfWhatItTakesOver) {
+    hostapd.answers["INTERFACES"] = "wlan0-va0\nwlan0-va2\nwlan1-va0";
+    hostapd.answers["IFNAME=wlan0-va0 STA-FIRST"] = "02:00:00:00:02:00\nflags=[AUTH][ASSOC]\n";
+    hostapd.answers["IFNAME=wlan0-va0 STA-NEXT 02:00:00:00:02:00"] =
+        "02:00:00:00:02:01\nflags=[AUTH][ASSOC][AUTHORIZED][HT]\n";
+    hostapd.answers["IFNAME=wlan0-va0 STA-NEXT 02:00:00:00:02:01"] = "";
+    hostapd.answers["IFNAME=wlan0-va2 STA-FIRST"] = "FAIL";
+    manager.hostapd_went();
+    manager.hostapd_came(4711);
+    const Json status = manager.status();
+    EXPECT_EQ(scalar_text(find_path(status.get(), "/wlan0/wlan0-va0/stations")), "1");
+    EXPECT_EQ(scalar_text(find_path(status.get(), "/wlan1/wlan1-va0/stations")), "0");
+    manager.take_event("wlan0-va0", "AP-STA-DISCONNECTED 02:00:00:00:02:01");
+    EXPECT_THAT(traps, SizeIs(1));
+}
+
 TEST_F(ApdManager, LivesThroughGarbageOfHostapd) {
     for (const char* ifname : {"", "wlan0", "wlan9-va0", "wlan0-va9", "lo", "wlan0-va1"})
         for (const char* text : {"", "AP-STA-CONNECTED 02:00:00:00:02:00", "AP-ENABLED",
