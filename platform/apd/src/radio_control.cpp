@@ -44,6 +44,11 @@ bool differ_in_ft_alone(const VapConfig& one, const VapConfig& other) {
     return same == other;
 }
 
+// Then hostapd can take the difference with the clients connected.
+bool differ_in_keys_alone(const VapConfig& one, const VapConfig& other) {
+    return differ_in_ft_alone(one, other) && differ_in_key_holders_alone(one.ft, other.ft);
+}
+
 // The 20 MHz channels that a channel covers.
 std::vector<int> covered(const Channel& channel) {
     constexpr int step = 20;  // MHz
@@ -149,15 +154,10 @@ bool RadioControl::must_restart(const RadioConfig& target) const {
     if (state_ != State::kUp || !applied_ || !same_but_channel_and_power(*applied_, target) ||
         (target.auto_channel && !applied_->auto_channel))
         return true;
-    // The first access point carries the others. Seen with hostapd 2.10: to an interface that is up
-    // ADD answers FAIL for an access point that was removed before.
-    if (target.vaps.front().id != applied_->vaps.front().id)
+    // The first access point carries the others: hostapd takes all of the radio down with it.
+    if (target.vaps.front().id != applied_->vaps.front().id ||
+        !differ_in_ft_alone(target.vaps.front(), applied_->vaps.front()))
         return true;
-    for (const VapConfig& vap : target.vaps) {
-        const VapConfig* const before = find_vap(*applied_, vap.id);
-        if (before == nullptr || !differ_in_ft_alone(vap, *before))
-            return true;
-    }
     if (target.auto_channel || target.channel == applied_->channel)
         return false;
     // At 2.4 GHz the wider channel wants hostapd's scan for others before it.
@@ -167,9 +167,10 @@ bool RadioControl::must_restart(const RadioConfig& target) const {
 }
 
 void RadioControl::change_running(const RadioConfig& target) {
-    change_vaps(target);
-    if (!trouble_.empty()) {
-        finish(trouble_);
+    if (std::string reason = change_vaps(target); !reason.empty()) {
+        logsink_message(SINK_NOTICE, "%s: %s, starts all access points anew", name_.c_str(),
+                        reason.c_str());
+        start(target);
         return;
     }
     if (target.tx_power != applied_->tx_power) {
@@ -185,26 +186,39 @@ void RadioControl::change_running(const RadioConfig& target) {
         change_channel(target);
 }
 
-void RadioControl::change_vaps(const RadioConfig& target) {
-    trouble_.clear();
-    for (const VapConfig& vap : std::vector<VapConfig>{applied_->vaps})
-        if (find_vap(target, vap.id) == nullptr) {
-            at_.hostapd.tell("REMOVE " + vap_name(vap.id));
-            at_.vap_ends(vap_name(vap.id));
-        }
-    for (const VapConfig& vap : target.vaps) {
-        const VapConfig& before = *find_vap(*applied_, vap.id);
-        if (before == vap)
-            continue;
-        const std::string reason = change_ft(before, vap);
-        if (trouble_.empty())
-            trouble_ = reason;
-    }
-    if (trouble_.empty())
-        applied_->vaps = target.vaps;
+// The channel changes later.
+std::string RadioControl::change_vaps(const RadioConfig& target) {
+    for (const VapConfig& vap : applied_->vaps)
+        if (find_vap(target, vap.id) == nullptr)
+            remove(vap);
     RadioConfig now = target;
     now.channel = applied_->channel;
+    for (const VapConfig& vap : now.vaps)
+        if (std::string reason = change_vap(now, vap); !reason.empty())
+            return reason;
+    applied_->vaps = now.vaps;
     write_files(now);
+    return "";
+}
+
+// Seen with hostapd 2.10: REMOVE and ADD of any but the first leave the clients of the others.
+std::string RadioControl::change_vap(const RadioConfig& now, const VapConfig& vap) {
+    const VapConfig* const before = find_vap(*applied_, vap.id);
+    if (before == nullptr)
+        return add(now, vap);
+    if (*before == vap)
+        return "";
+    if (vap.id == now.vaps.front().id || differ_in_keys_alone(*before, vap))
+        return change_ft(*before, vap);
+    remove(vap);
+    return add(now, vap);
+}
+
+void RadioControl::remove(const VapConfig& vap) {
+    const std::string ifname = vap_name(vap.id);
+    at_.vap_ends(ifname);
+    at_.hostapd.tell("REMOVE " + ifname);
+    at_.kernel.remove_vap(ifname);
 }
 
 std::string RadioControl::change_ft(const VapConfig& before, const VapConfig& now) {
@@ -222,7 +236,7 @@ std::string RadioControl::change_ft(const VapConfig& before, const VapConfig& no
             added.push_back(holder);
     for (HostapdLine& line : key_holder_lines(added))
         lines.push_back(std::move(line));
-    const bool keys_alone = differ_in_key_holders_alone(before.ft, now.ft);
+    const bool keys_alone = differ_in_keys_alone(before, now);
     if (!keys_alone) {
         lines.push_back({"wpa_key_mgmt", key_management(now)});
         const Mac bssid = at_.address_of(now.id).value_or(Mac{});
@@ -233,10 +247,15 @@ std::string RadioControl::change_ft(const VapConfig& before, const VapConfig& no
     for (const HostapdLine& line : lines)
         if (std::string reason = set(line); !reason.empty())
             return reason;
-    if (keys_alone)
-        return "";
-    at_.vap_ends(ifname);
-    return at_.hostapd.tell(ifname, "RELOAD") ? "" : "hostapd does not reload " + ifname;
+    return keys_alone ? "" : reload();
+}
+
+// hostapd 2.10 reloads all access points of the radio, whichever is named, and puts all clients
+// off; to that end it reads any word that begins with RELOAD, but RELOAD_WPA_PSK.
+std::string RadioControl::reload() {
+    for (const VapConfig& vap : applied_->vaps)
+        at_.vap_ends(vap_name(vap.id));
+    return at_.hostapd.tell(first_vap(), "RELOAD") ? "" : "hostapd does not reload " + name_;
 }
 
 void RadioControl::change_channel(const RadioConfig& target) {
@@ -287,13 +306,8 @@ std::string RadioControl::add(const RadioConfig& target, const VapConfig& vap) {
 
 void RadioControl::stop() {
     if (applied_)
-        for (auto vap = applied_->vaps.rbegin(); vap != applied_->vaps.rend(); ++vap) {
-            const std::string ifname = vap_name(vap->id);
-            if (hostapd_there_)
-                at_.hostapd.tell("REMOVE " + ifname);
-            at_.kernel.remove_vap(ifname);
-            at_.vap_ends(ifname);
-        }
+        for (auto vap = applied_->vaps.rbegin(); vap != applied_->vaps.rend(); ++vap)
+            remove(*vap);
     applied_.reset();
     enter(State::kDown);
 }

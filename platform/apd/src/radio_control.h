@@ -90,12 +90,15 @@ class RadioControl {
     bool needs_radar_check(const Channel& channel) const;
     bool must_restart(const RadioConfig& target) const;
     void change_running(const RadioConfig& target);
-    void change_vaps(const RadioConfig& target);
+    std::string change_vaps(const RadioConfig& target);
+    std::string change_vap(const RadioConfig& now, const VapConfig& vap);
     std::string change_ft(const VapConfig& before, const VapConfig& now);
+    std::string reload();
     void change_channel(const RadioConfig& target);
     void start(const RadioConfig& target);
     std::string add_all(const RadioConfig& target);
     std::string add(const RadioConfig& target, const VapConfig& vap);
+    void remove(const VapConfig& vap);
     void stop();
     [[nodiscard]] bool is_enabled() const;
     void look_at_start();

@@ -54,6 +54,7 @@ class ApdRadioControl : public testing::Test {
     FakeKernel kernel;
     RadioControl::Clock::time_point now{};
     int settled = 0;
+    std::vector<std::string> ended;
     std::vector<std::string> answers;
     RadioControl radio{
         0,
@@ -64,7 +65,7 @@ class ApdRadioControl : public testing::Test {
          .address_of =
              [](VapId id) { return Mac{2, 0, 0, 0, 0, static_cast<std::uint8_t>(0x51 + id.vap)}; },
          .settled = [this](int) { settled++; },
-         .vap_ends = [](const std::string&) {},
+         .vap_ends = [this](const std::string& ifname) { ended.push_back(ifname); },
          .now = [this] { return now; }}};
 };
 
@@ -245,13 +246,47 @@ TEST_F(ApdRadioControl, GivesUpAStartThatHangs) {
     EXPECT_EQ(radio.state(), RadioControl::State::kDown);
 }
 
-TEST_F(ApdRadioControl, StartsAllAccessPointsAnewForTheSettingsOfOne) {
+TEST_F(ApdRadioControl, StartsAllAccessPointsAnewForTheFirst) {
     bring_up();
-    put("/interface/wlan0-va2/vap/ssid", "visitors");
+    put("/interface/wlan0-va0/vap/ssid", "visitors");
     want();
     EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
     event("AP-ENABLED");
     EXPECT_EQ(last_answer(), "");
+}
+
+TEST_F(ApdRadioControl, StartsAnyOtherAccessPointAloneAnew) {
+    bring_up();
+    ended.clear();
+    put("/interface/wlan0-va2/vap/ssid", "visitors");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_THAT(hostapd.told(""), ElementsAre("REMOVE wlan0-va2", "ADD bss_config=phy0:" +
+                                                                      (folder / "wlan0-va2.conf")));
+    EXPECT_THAT(ended, ElementsAre("wlan0-va2"));
+    EXPECT_THAT(folder.read("wlan0-va2.conf"), HasSubstr("ssid2=76697369746f7273\n"));
+    EXPECT_TRUE(kernel.vaps.contains("wlan0-va2"));
+}
+
+TEST_F(ApdRadioControl, AddsAnAccessPointBesideTheOthers) {
+    bring_up();
+    ended.clear();
+    put("/interface/wlan0-va1/common/enabled", "true");
+    put("/interface/wlan0-va1/vap/ssid", "third");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_THAT(hostapd.told(""),
+                ElementsAre("ADD bss_config=phy0:" + (folder / "wlan0-va1.conf")));
+    EXPECT_THAT(ended, IsEmpty());
+}
+
+TEST_F(ApdRadioControl, StartsAllAnewWhereHostapdTakesNoneBesideOthers) {
+    bring_up();
+    hostapd.answers["ADD"] = "FAIL";
+    put("/interface/wlan0-va2/vap/ssid", "visitors");
+    want();
+    EXPECT_THAT(hostapd.told("REMOVE wlan0-va0"), SizeIs(1));
+    EXPECT_EQ(last_answer(), "hostapd does not take wlan0-va0");
 }
 
 TEST_F(ApdRadioControl, RemovesAnAccessPointBesideTheOthers) {
@@ -260,6 +295,7 @@ TEST_F(ApdRadioControl, RemovesAnAccessPointBesideTheOthers) {
     want();
     EXPECT_EQ(last_answer(), "");
     EXPECT_THAT(hostapd.told(""), ElementsAre("REMOVE wlan0-va2"));
+    EXPECT_FALSE(kernel.vaps.contains("wlan0-va2"));
 }
 
 TEST_F(ApdRadioControl, PassesOverALateEndOfAnAccessPoint) {
@@ -295,6 +331,14 @@ TEST_F(ApdRadioControl, ReloadsForAnotherMobilityDomain) {
     want();
     EXPECT_THAT(hostapd.told("SET mobility_domain 1234"), SizeIs(1));
     EXPECT_EQ(hostapd.commands.back(), "IFNAME=wlan0-va0 RELOAD");
+}
+
+TEST_F(ApdRadioControl, TellsTheEndsAtAllAccessPointsThatHostapdReloads) {
+    bring_up();
+    ended.clear();
+    put("/interface/wlan0-va0/vap/ft-config/mobility-domain", "4660");
+    want();
+    EXPECT_THAT(ended, ElementsAre("wlan0-va0", "wlan0-va2"));
 }
 
 TEST_F(ApdRadioControl, TakesOverWhatRunsAsWanted) {
