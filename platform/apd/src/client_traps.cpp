@@ -14,6 +14,10 @@ namespace {
 constexpr std::size_t kTransitionByte = 2;
 constexpr unsigned kTransitionBit = 1U << 3;
 
+// Seen on air: hostapd puts stations off by Deauthentication frames, at the end of an access point
+// as for the black list.
+constexpr const char* kPutOff = "send-deauth";
+
 // The object "event" with what each has.
 Json trap(const char* type, const TrapVap& vap, const Mac& station) {
     Json message = new_object();
@@ -104,8 +108,8 @@ std::vector<Json> ClientTraps::disconnected(const HostapdEvent& event, const Tra
     if (known == stations_.end() || known->second.ifname != vap.ifname)
         return {};
     stations_.erase(known);
-    return one(trap(put_off_.erase(event.station) > 0 ? "send-disassoc" : "recv-disassoc", vap,
-                    event.station));
+    return one(
+        trap(put_off_.erase(event.station) > 0 ? kPutOff : "recv-disassoc", vap, event.station));
 }
 
 std::vector<Json> ClientTraps::end(const std::string& ifname) {
@@ -114,7 +118,7 @@ std::vector<Json> ClientTraps::end(const std::string& ifname) {
         const auto& [station, vap] = entry;
         if (vap.ifname != ifname)
             return false;
-        messages.push_back(trap("send-deauth", vap, station));
+        messages.push_back(trap(kPutOff, vap, station));
         put_off_.erase(station);
         return true;
     });

@@ -48,9 +48,8 @@ class ClientTraps {
     // A station that was there before this process.
     void expect(const Mac& station, const TrapVap& vap) { stations_[station] = vap; }
 
-    // The messages for the end of an access point that apd has brought about: hostapd sends
-    // everybody a Deauthentication frame. Its own events come later, when the access point may be
-    // there anew, and are passed over.
+    // The messages for the end of an access point that apd has brought about. hostapd's own events
+    // come later, when the access point may be there anew, and are passed over.
     [[nodiscard]] std::vector<Json> end(const std::string& ifname);
 
     // hostapd has gone, and with it all associations; the agent has seen that itself.

@@ -70,8 +70,7 @@ TEST_F(ApdClientTraps, TellWhoLeavesAndWhoIsPutOff) {
                 ElementsAre("recv-disassoc"));
     types("AP-STA-CONNECTED 02:00:00:00:02:00", office);
     traps.put_off(*parse_mac(kStation));
-    EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office),
-                ElementsAre("send-disassoc"));
+    EXPECT_THAT(types("AP-STA-DISCONNECTED 02:00:00:00:02:00", office), ElementsAre("send-deauth"));
     EXPECT_EQ(traps.where(*parse_mac(kStation)), "");
 }
 
