@@ -61,6 +61,15 @@ sampled() {
     done
 }
 
+# one_of NAME...: the one whose turn it is.
+one_of() {
+    local commit sum
+    commit=$(git rev-parse HEAD)
+    read -r sum _ < <(cksum <<<"$commit")
+    echo "Sample: of $* now ${*:sum % $# + 1:1}, chosen by commit $commit" >&2
+    echo "${*:sum % $# + 1:1}"
+}
+
 # The subsystems whose unit tests another platform builds and runs, as CMake lists them: all of them
 # or, where every stage runs, one of three groups that take as long as each other.
 unit_groups=("service;lumctl" "driver;process" "platform;link;bus;apd")
@@ -204,8 +213,8 @@ list_stages() {
     for name in "${all_stages[@]}"; do
         printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
     done
-    echo "By --only alone:"
-    for name in "${hand_stages[@]}"; do
+    echo "One of these, chosen by the commit:"
+    for name in "${turn_stages[@]}"; do
         printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
     done
 }
