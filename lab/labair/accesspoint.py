@@ -22,6 +22,12 @@ HOST = "10.0.2.2"                # this machine, as the guest reaches it
 LOG_LEVEL = 7  # all but the link's own
 DAEMONS = ("msgbusd", "hostapd", "apd", "lumd")  # in the order in which they start
 STOP_WAIT = 30.0
+LAST_OF_LOG = 1 << 16  # bytes
+# Of process $0: proc_pid_wchan(5), proc_pid_syscall(5).
+WAITS = """cd /proc/$0/task && for task in *; do
+    echo "$(cat $task/comm) $(cat $task/wchan) $(cat $task/syscall)"
+done
+ls -la --time-style=full-iso /tmp/.orvanta* /run/*.pid"""
 BANDS = ("2.4GHz", "5GHz")
 
 
@@ -197,20 +203,23 @@ class AirAccessPoint:
         raise GuestError(f"{self.name}: {problem} within {timeout:g} s: {answer}\n"
                          f"{await self.last_words()}")
 
-    async def read(self, path: str) -> str:
-        """A file of its place; empty when there is none."""
-        return (await self.machine.read(self.name, path) or b"").decode(errors="replace")
+    async def read(self, path: str, offset: int = 0) -> str:
+        """A file of its place from `offset` on, below 0 from the end; empty when there is none."""
+        return (await self.machine.read(self.name, path, offset) or b"").decode(errors="replace")
 
     async def last_words(self) -> str:
         """The end of what its daemons and its service said."""
         parts = []
         for name in DAEMONS:
-            text = await self.machine.read("", self.log_of(name)) or b""
-            parts.append(f"--- {name}\n" + text.decode(errors="replace")[-1500:])
-        parts.append("--- apd.log\n" + (await self.read("/tmp/apd.log"))[-3000:])
-        log = (line for line in (await self.read("/tmp/lumd.log")).splitlines()
+            text = await self.machine.read("", self.log_of(name), -1500) or b""
+            parts.append(f"--- {name}\n" + text.decode(errors="replace"))
+        parts.append("--- apd.log\n" + await self.read("/tmp/apd.log", -3000))
+        log = (line for line in (await self.read("/tmp/lumd.log", -LAST_OF_LOG)).splitlines()
                if "libwebsocket-debug" not in line)
         parts.append("--- lumd.log\n" + "\n".join(list(log)[-30:]))
+        waits = await self.machine.run(self.name, "sh", "-c", WAITS, str(self.pids.get("lumd")),
+                                       status=None)
+        parts.append("--- what lumd's threads wait in, and what hostapd has told it\n" + waits)
         kernel = await self.machine.run("", "dmesg", status=None)
         parts.append("--- kernel\n" + "\n".join(kernel.splitlines()[-15:]))
         return "\n".join(parts)

@@ -190,11 +190,12 @@ class Agent:
         file.write_text(text, encoding="utf-8")
 
     async def call_read(self, place, path, offset=0):
-        """The bytes from `offset` on, base64; null when there is no such file."""
+        """The bytes from `offset` on, base64; null when there is no such file. Below 0 it counts
+        from the end."""
         try:
             with open(self._places[place].path(path), "rb") as file:
-                if offset:
-                    file.seek(offset)
+                end = file.seek(0, os.SEEK_END)
+                file.seek(offset if offset >= 0 else max(end + offset, 0))
                 return base64.b64encode(file.read(LINE_LIMIT // 2)).decode()
         except FileNotFoundError:
             return None

@@ -152,7 +152,7 @@ class Machine:
         return done["output"]
 
     async def read(self, place: str, path: str, offset: int = 0) -> bytes | None:
-        """A file of the guest's from `offset` on; None when there is none."""
+        """A file of the guest's from `offset` on, below 0 from the end; None when there is none."""
         text = await self.call("read", place=place, path=path, offset=offset)
         return None if text is None else base64.b64decode(text)
 

@@ -138,7 +138,8 @@ class Soak:
     async def _kill_hostapd(self, point):
         since = len(point.journal.events)
         await self._kill(point, "hostapd")
-        await point.heard("rrm-config-changed", since, SETTLED_WAIT)
+        gone = await point.heard("rrm-disassoc-all-clients", since, SETTLED_WAIT)
+        await point.heard("rrm-config-changed", gone["n"], SETTLED_WAIT)
         await self._all_again(point)
 
     async def _kill_apd(self, point):
