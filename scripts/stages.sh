@@ -45,6 +45,13 @@ run_pytest() {
 
 sources() { git ls-files '*.h' '*.c' '*.cpp'; }
 
+# drawn N TEXT: a number from 0 to N-1 that follows from the commit and the text.
+drawn() {
+    local sum
+    read -r sum _ < <(cksum <<<"$(git rev-parse HEAD) $2")
+    echo $((sum % $1))
+}
+
 # sampled N: passes one in N of the lines on where every stage runs, all of them where one is asked
 # for. Which ones follows from the commit: a run can be repeated, and the next commit has others.
 sampled() {
@@ -52,22 +59,18 @@ sampled() {
         cat
         return
     fi
-    local commit line sum
-    commit=$(git rev-parse HEAD)
-    echo "Sample: one in $1, chosen by commit $commit" >&2
+    local line
+    echo "Sample: one in $1, chosen by commit $(git rev-parse HEAD)" >&2
     while read -r line; do
-        read -r sum _ < <(cksum <<<"$commit $line")
-        [ $((sum % $1)) != 0 ] || echo "$line"
+        [ "$(drawn "$1" "$line")" != 0 ] || echo "$line"
     done
 }
 
 # one_of NAME...: the one whose turn it is.
 one_of() {
-    local commit sum
-    commit=$(git rev-parse HEAD)
-    read -r sum _ < <(cksum <<<"$commit")
-    echo "Sample: of $* now ${*:sum % $# + 1:1}, chosen by commit $commit" >&2
-    echo "${*:sum % $# + 1:1}"
+    local chosen=${*:$(drawn $# "$*") + 1:1}
+    echo "Sample: of $* now $chosen, chosen by commit $(git rev-parse HEAD)" >&2
+    echo "$chosen"
 }
 
 # The subsystems whose unit tests another platform builds and runs, as CMake lists them: all of them
@@ -77,15 +80,13 @@ all_units=$(IFS=';' && echo "${unit_groups[*]}")
 
 # sampled_units PLATFORM
 sampled_units() {
-    local commit sum
     if [ -z "${sampling:-}" ]; then
         echo "$all_units"
         return
     fi
-    commit=$(git rev-parse HEAD)
-    read -r sum _ < <(cksum <<<"$commit $1")
-    echo "Sample: unit tests of ${unit_groups[sum % 3]}, chosen by commit $commit" >&2
-    echo "${unit_groups[sum % 3]}"
+    local group=${unit_groups[$(drawn ${#unit_groups[@]} "$1")]}
+    echo "Sample: unit tests of $group, chosen by commit $(git rev-parse HEAD)" >&2
+    echo "$group"
 }
 
 stage_format() { sources | xargs clang-format --dry-run -Werror; }

@@ -23,6 +23,8 @@ LOG_LEVEL = 7  # all but the link's own
 DAEMONS = ("msgbusd", "hostapd", "apd", "lumd")  # in the order in which they start
 STOP_WAIT = 30.0
 LAST_OF_LOG = 1 << 16  # bytes
+LUMD_LOG = "/tmp/lumd.log"
+LIBRARY_NOISE = "libwebsocket-debug"  # in each line that it has for the library
 # Of process $0: proc_pid_wchan(5), proc_pid_syscall(5).
 WAITS = """cd /proc/$0/task && for task in *; do
     echo "$(cat $task/comm) $(cat $task/wchan) $(cat $task/syscall)"
@@ -89,7 +91,7 @@ class AirAccessPoint:
         policy = "allow=root as any to any\n"
         lumd = [f"orvanta_service_url=ws://{HOST}:{self.service.port}{self.service.path}",
                 "initial_connection_delay=1", "max_connection_delay=4", "ap_location=air",
-                f"log_level={LOG_LEVEL}", "log_file=/tmp/lumd.log"]
+                f"log_level={LOG_LEVEL}", f"log_file={LUMD_LOG}"]
         radios = [{"ifname": f"wlan{number}", "driver": "nl80211", "bands": [band],
                    "antenna-gain": {"type": "none"}} for number, band in enumerate(BANDS)]
         factory = {"board": "air", "hw": "1.0", "serial": self.name, "mac": self.mac}
@@ -214,8 +216,8 @@ class AirAccessPoint:
             text = await self.machine.read("", self.log_of(name), -1500) or b""
             parts.append(f"--- {name}\n" + text.decode(errors="replace"))
         parts.append("--- apd.log\n" + await self.read("/tmp/apd.log", -3000))
-        log = (line for line in (await self.read("/tmp/lumd.log", -LAST_OF_LOG)).splitlines()
-               if "libwebsocket-debug" not in line)
+        log = (line for line in (await self.read(LUMD_LOG, -LAST_OF_LOG)).splitlines()
+               if LIBRARY_NOISE not in line)
         parts.append("--- lumd.log\n" + "\n".join(list(log)[-30:]))
         waits = await self.machine.run(self.name, "sh", "-c", WAITS, str(self.pids.get("lumd")),
                                        status=None)

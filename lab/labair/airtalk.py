@@ -21,14 +21,11 @@ class AirTalk:
         self.journal = Journal()
         self._air, self._point, self._seen = air, point, 0
         self._names = {client.address: client.name for client in air.clients}
-        for event in point.journal.events:
-            self._copy(event)
-        point.journal.listen(self._copy)
+        point.journal.follow(self._copy)
 
     def close(self) -> None:
         """Listens no longer."""
-        if self._copy in self._point.journal.listeners:
-            self._point.journal.listeners.remove(self._copy)
+        self._point.journal.leave(self._copy)
 
     def _copy(self, event):
         self.journal.add(event["from"], event["to"], event["what"], event["data"])["t"] = event["t"]

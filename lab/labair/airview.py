@@ -12,7 +12,7 @@ from labconsole.watch import Watch
 from labservice.server import ServiceError
 from labshow.outcome import REFUSED, UNKNOWN, Outcome
 
-from .accesspoint import BANDS, DAEMONS
+from .accesspoint import BANDS, DAEMONS, LIBRARY_NOISE, LUMD_LOG
 from .airtalk import AirTalk
 from .machine import GuestError
 from .tour import channel_of
@@ -20,9 +20,7 @@ from .tour import channel_of
 LOOK_SECONDS = 1.0  # between two looks
 PATIENCE = 3.0      # seconds after which a page that does not ask any more has gone
 QUIET, LONGEST_WAIT = 0.7, 10.0  # seconds of silence that end a command, and without it
-LOG = "/tmp/lumd.log"
 LOG_LINES, LONGEST_LINE = 200, 300
-LIBRARY_NOISE = "libwebsocket-debug"
 DRIVER, AP = "nl80211", "AP"  # as labair.nl80211 calls them
 
 
@@ -75,7 +73,7 @@ class AirView(View):
                                if entry["type"] == AP})
 
     async def _read_log(self):
-        data = await self._air.machine.read(self._point.name, LOG, self._log_read) or b""
+        data = await self._air.machine.read(self._point.name, LUMD_LOG, self._log_read) or b""
         whole = data[:data.rfind(b"\n") + 1]
         self._log_read += len(whole)
         self._log.extend(line[:LONGEST_LINE] for line in whole.decode(errors="replace").splitlines()

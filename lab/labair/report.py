@@ -12,8 +12,6 @@ from .tour import Tour
 
 TITLE = "real 802.11"
 HEAD = ("asked", "on air", "seconds", "service")
-
-
 STAYS = "the air stays as it is; Ctrl-C ends it"
 
 

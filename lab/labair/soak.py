@@ -36,8 +36,8 @@ LOOK_EVERY = 10.0
 WEIGHTS = {"change": 40, "neighbours": 10, "ask": 10, "survey": 5, "steer": 10, "kill_hostapd": 3,
            "kill_apd": 3}
 APD_MODULES = ("vaultd", "hubd", "scand")  # under which apd is on the bus
-# What is allowed beyond the first half of the run: an allocator's pages, a connection that is open
-# at the moment.
+# What is allowed beyond the run's second quarter: an allocator's pages, a connection that is open at
+# the moment.
 GROWTH = {"private": 256, "threads": 0, "descriptors": 2}
 
 

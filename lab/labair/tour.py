@@ -14,7 +14,7 @@ from collections.abc import Callable
 from labshow.process import LabError
 
 from . import frames
-from .accesspoint import DAEMONS, AirAccessPoint
+from .accesspoint import DAEMONS, LUMD_LOG, AirAccessPoint
 from .air import FAR, NEAR, Air
 from .machine import GuestError
 from .station import LOOK_PAUSE, Station, frequency
@@ -322,7 +322,7 @@ class Tour:
         await self.first.kill("hostapd")
         await self.first.heard("rrm-disassoc-all-clients", since)
         await asyncio.sleep(GRACE)
-        await self.first.until("lumd has not reset", lambda: self.first.read("/tmp/lumd.log"),
+        await self.first.until("lumd has not reset", lambda: self.first.read(LUMD_LOG),
                                lambda text: "Disconnected from hostapd" in text)
         await self.first.start_daemon("hostapd")
         stored = {radio: (channel.number, channel.bandwidth)

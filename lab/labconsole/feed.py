@@ -35,8 +35,7 @@ class Feed:
         view.journal.listen(self._notice)
 
     def close(self):
-        if self._notice in self._view.journal.listeners:
-            self._view.journal.listeners.remove(self._notice)
+        self._view.journal.leave(self._notice)
 
     @property
     def first(self):

@@ -17,13 +17,10 @@ class Follower:
     def __init__(self, journal):
         self._journal = journal
         self.kept = collections.deque(maxlen=KEPT)
-        for event in journal.events:
-            self._take(event)
-        journal.listen(self._take)
+        journal.follow(self._take)
 
     def close(self):
-        if self._take in self._journal.listeners:
-            self._journal.listeners.remove(self._take)
+        self._journal.leave(self._take)
 
 
 class MacLists(Follower):

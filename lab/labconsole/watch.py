@@ -24,13 +24,10 @@ class Watch:
         self.timers = {}
         self._signals = {}
         self._failures = self._asked = self._busy = 0
-        for event in journal.events:
-            self._take(event)
-        journal.listen(self._take)
+        journal.follow(self._take)
 
     def close(self):
-        if self._take in self._journal.listeners:
-            self._journal.listeners.remove(self._take)
+        self._journal.leave(self._take)
 
     # Signals
 

@@ -37,6 +37,17 @@ class Journal:
         """`listener(event)` is called for every new event."""
         self.listeners.append(listener)
 
+    def follow(self, listener: Callable[[dict], None]) -> None:
+        """The same, after a call for every event that is kept."""
+        for event in self.events:
+            listener(event)
+        self.listen(listener)
+
+    def leave(self, listener: Callable[[dict], None]) -> None:
+        """It is called no more; harmless when it is not anyway."""
+        if listener in self.listeners:
+            self.listeners.remove(listener)
+
     def tape(self, border: str, by: str, what: str, **members) -> None:
         """One entry of a recording; nobody listens as a rule."""
         for tape in self.tapes:

@@ -16,6 +16,8 @@
 
 namespace apd {
 
+inline constexpr int kMaxStations = 2007;  // association ids, IEEE 802.11-2020 9.4.1.8
+
 struct RadiusServer {
     std::string address;
     int port = 1812;

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <optional>
 
+#include "access_point.h"
 #include "ft_config.h"
 #include "interface_name.h"
 #include "mac_text.h"
@@ -43,8 +44,7 @@ constexpr int kMaxSsid = 32;   // bytes, IEEE 802.11-2020 9.4.2.2
 constexpr int kMaxName = 15;   // of an interface, IFNAMSIZ - 1
 constexpr int kMaxText = 1024;
 constexpr int kMaxPort = 65535;
-constexpr int kMaxStations = 2007;  // association ids, IEEE 802.11-2020 9.4.1.8
-constexpr int kMaxHolder = 48;      // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
+constexpr int kMaxHolder = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 
 constexpr Rule kRules[] = {
     {"/interface/R/wlan/radio/phy", Kind::kText, 1, kMaxName},

@@ -16,7 +16,6 @@ constexpr std::chrono::seconds kLockPatience{120};  // longer than any survey
 constexpr const char* kMacLists = "/wids/mac-lists";
 constexpr std::uint8_t kLocallyAdministered = 0x02;  // IEEE 802-2014 8.2
 constexpr int kAddressesPerRadio = 8;
-constexpr int kMaxStations = 2007;  // association ids, IEEE 802.11-2020 9.4.1.8
 
 std::string radio_path(const std::string& ifname) {
     return "/interface/" + ifname + "/wlan/radio";
@@ -151,7 +150,7 @@ void Manager::announce() {
 // Of the access points that were taken over.
 void Manager::expect_stations() {
     for (const auto& radio : radios_) {
-        if (radio->state() == RadioControl::State::kDown)
+        if (radio->state() != RadioControl::State::kUp)
             continue;
         for (const VapConfig& vap : radio->applied()->vaps)
             expect_stations_of(vap_name(vap.id));

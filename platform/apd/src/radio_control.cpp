@@ -75,6 +75,13 @@ void RadioControl::want(std::optional<RadioConfig> config, Done done) {
         next();
 }
 
+void RadioControl::want_logged(const RadioConfig& config) {
+    want(config, [this](const std::string& reason) {
+        if (!reason.empty())
+            logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
+    });
+}
+
 void RadioControl::next() {
     while (!change_ && !waiting_.empty()) {
         change_ = std::move(waiting_.front());
@@ -341,10 +348,7 @@ void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
         for (const std::string& ifname : ours)
             at_.hostapd.tell("REMOVE " + ifname);
     }
-    want(target, [this](const std::string& reason) {
-        if (!reason.empty())
-            logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
-    });
+    want_logged(target);
 }
 
 void RadioControl::hostapd_went() {
@@ -434,10 +438,7 @@ void RadioControl::watch() {
     logsink_message(SINK_WARNING, "%s: the kernel no longer sends for it, starts it anew",
                     name_.c_str());
     enter(State::kDown);
-    want(applied_, [this](const std::string& reason) {
-        if (!reason.empty())
-            logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
-    });
+    want_logged(*applied_);
 }
 
 bool RadioControl::is_busy() const {

@@ -82,6 +82,8 @@ class RadioControl {
         Done done;
     };
 
+    // For nobody who asked: a refusal goes to the log.
+    void want_logged(const RadioConfig& config);
     void next();
     void begin();
     std::string check(const RadioConfig& target) const;

@@ -9,8 +9,9 @@ import time
 
 import aiohttp
 
+from labair.accesspoint import LUMD_LOG
 from labair.air import CAPTURE, Air, Plan
-from labair.airview import LOG, AirView
+from labair.airview import AirView
 from labair.machine import Machine
 from labair.nl80211 import INTERFACE_TYPES
 
@@ -76,7 +77,7 @@ class PlayedGuest(Machine):
         return self.surveys[ifname] if place == "ap1" else []
 
     def _read(self, place, path, offset=0):
-        content = {CAPTURE: PCAP + self.frames, LOG: self.log}.get(path)
+        content = {CAPTURE: PCAP + self.frames, LUMD_LOG: self.log}.get(path)
         return None if content is None else base64.b64encode(content[offset:]).decode()
 
     def capture(self, subtype, body, receiver, transmitter):

@@ -11,11 +11,6 @@
 namespace apd {
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr milliseconds kShort{20};        // for what never comes
-constexpr milliseconds kPatience{60000};  // for what comes
-
 class ApdHostapdLink : public testing::Test {
   protected:
     TemporaryFolder folder;

@@ -11,9 +11,6 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr milliseconds kShort{20};        // for what never comes
-constexpr milliseconds kPatience{60000};  // for what comes
-
 class HostapdControl : public testing::Test {
   protected:
     TemporaryFolder folder;

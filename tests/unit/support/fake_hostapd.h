@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -20,6 +21,10 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+// How long a test waits for an answer.
+inline constexpr std::chrono::milliseconds kShort{20};        // that never comes
+inline constexpr std::chrono::milliseconds kPatience{60000};  // that comes
 
 class FakeHostapd {
   public:
