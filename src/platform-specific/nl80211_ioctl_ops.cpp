@@ -136,12 +136,8 @@ int nl80211_ioctl_ops::get_actual_tx_power(std::span<std::byte> out, const std::
     return get_mib("actual_tx_power", out, ifname);
 }
 
-bool nl80211_ioctl_ops::get_obss_coex(const std::string& ifname) {
-    const std::optional<interface_record> access_point = access_point_of(ifname);
-    if (!access_point || !access_point->is_ap || band_at(access_point->frequency) != BAND_2G)
-        return false;
-    const std::optional<std::string> status = radios_.ask_hostapd(access_point->name, "STATUS");
-    return status && hostapd_texts::value_of(*status, "ieee80211n") == "1";
+bool nl80211_ioctl_ops::get_obss_coex(const std::string&) {
+    return false;
 }
 
 // --- stations ---

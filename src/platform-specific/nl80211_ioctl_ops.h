@@ -47,8 +47,7 @@ class nl80211_ioctl_ops : public ioctl_ops {
     int get_mib(const std::string& name, std::span<std::byte> out,
                 const std::string& ifname) override;
     int get_actual_tx_power(std::span<std::byte> out, const std::string& ifname) override;
-    // hostapd looks for overlapping 20 MHz networks wherever it works with HT at 2.4 GHz; whether
-    // its file says "noscan" it does not tell.
+    // Never: hostapd judges once, before it starts, and the width in use is then what holds.
     bool get_obss_coex(const std::string& ifname) override;
 
     // --- nl80211_ioctl_ops_neighbour.cpp ---

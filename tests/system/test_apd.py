@@ -3,6 +3,7 @@ import json
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 
 import pytest
@@ -103,6 +104,16 @@ def running(apd):
     return apd
 
 
+def test_is_ready_once_it_is_on_the_bus(apd, folder):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(folder / "notify"))
+        manager.settimeout(PATIENCE)
+        apd.environment["NOTIFY_SOCKET"] = str(folder / "notify")
+        apd.start()
+        assert manager.recv(100) == b"READY=1"
+    assert apd.ctl("get", CHANNEL).stdout == "6\n"
+
+
 def test_answers_by_path_what_is_stored(running, asker):
     assert asker.value(CHANNEL) == 6
     assert asker.value("/interface/wlan0-vap0/vap/ap-security/mode") == "WPA2_PSK"
@@ -158,6 +169,66 @@ def test_explains_wrong_use(apd, words):
     assert apd.ctl(*words).returncode == 2
 
 
+@pytest.mark.parametrize("words", [("get", CHANNEL, "--stored"), ("status", "--candidate"),
+                                   ("commit", "--stored")])
+def test_takes_a_layer_for_show_alone(running, words):
+    result = running.ctl(*words)
+    assert result.returncode == 2 and "is for 'show' alone" in result.stderr
+
+
+@pytest.mark.parametrize("words", [("show",), ("get", CHANNEL), ("status",), ("--help",)])
+def test_tells_that_its_output_was_lost(running, words):
+    with open("/dev/full", "w", encoding="ascii") as full:
+        result = subprocess.run([str(running.programs.binary("apctl")), *words], stdout=full,
+                                stderr=subprocess.PIPE, text=True, env=running.environment,
+                                timeout=PATIENCE, check=False)
+    assert (result.returncode, result.stderr) == (1, "apctl: cannot write the output\n")
+
+
+@pytest.mark.parametrize("words", [("set", "/a\x1b[31m\nb", "1"), ("fly\x1b[31m\n",),
+                                   ("set", CHANNEL, "x\x1b[31m\n"), ("show", "/\x1b[31m\n"),
+                                   ("unset", "\x1b[31m\n"), ("set", "/" + "x" * 100000, "1"),
+                                   ("set", CHANNEL, "1" * 100000), ("get", "/" + "x" * 100000)])
+def test_complains_in_one_short_line(running, words):
+    complaint = running.ctl(*words).stderr
+    assert complaint.count("\n") == 1 and "\x1b" not in complaint
+    assert complaint.startswith("apctl: ") and len(complaint) < 600
+
+
+def test_asks_beside_other_tools(running, broker):
+    tools = [broker.client(module) for module in range(206, 255, 2)]
+    try:
+        for _ in range(8):
+            assert running.ctl("get", CHANNEL).stdout == "6\n"
+    finally:
+        for tool in tools:
+            tool.close()
+
+
+def test_shows_a_list_that_is_set(running):
+    path = "/interface/wlan0/wlan/radio/antenna-configuration"
+    assert running.ctl("set", path, '{"name": [1, {"a": 2}]}').returncode == 0
+    line = f'{path}/name [1,{{"a":2}}]\n'
+    assert running.ctl("show", "--candidate", path).stdout == line
+    assert running.ctl("changes").stdout == "+ " + line
+
+
+def test_leaves_hostapd_to_the_apd_that_is_there(running):
+    second = Apd(running.programs, running.folder, running.environment["MSGBUS_SOCKET"])
+    second.start()
+    assert second.process.wait(PATIENCE) == 1
+    assert f"another apd is at work in {running.folder}/run" in running.log()
+    assert running.ctl("get", CHANNEL).stdout == "6\n"
+
+
+def test_says_that_nothing_was_usable_last(apd):
+    (apd.folder / "apd.json").write_text("{")
+    apd.start()
+    wait_until(lambda: apd.ctl("status").returncode == 0, "an answer of apd")
+    assert "no access point is set up" in apd.log()
+    assert "goes on with" not in apd.log()
+
+
 def test_shows_no_password(running):
     assert "swordfish" not in running.ctl("show").stdout
     assert "swordfish" not in running.ctl("show", "--json", "--stored").stdout
@@ -187,6 +258,7 @@ def test_refuses_what_the_service_wants_of_a_radio_that_is_not_there(running, as
     ({"command": "update-orvanta-fbt", "wlan0-va3": {"ft-config": {}}}, "not enabled"),
     ({"command": "update-orvanta-fbt", "wlan0-va0": {"ft-config": {"mobility-domain": 99999}}},
      "mobility-domain"),
+    ({"command": "update-wids-mac-lists", "black": json.loads("[" * 25 + "]" * 25)}, "too deeply"),
     ({"command": "dance"}, "no command")])
 def test_refuses_a_request_with_its_reason(running, asker, request_, reason):
     answer = asker.ask(MANAGER, **request_)
@@ -201,6 +273,12 @@ def test_lives_through_garbage_from_the_bus(running, asker):
     asker.client.send(STORE, json.dumps({"command": "set", "path": "/a" * 10000, "value": 1}))
     assert json.loads(asker.client.recv())["status"] == "error"
     assert running.ctl("get", CHANNEL).stdout == "6\n"
+
+
+def test_passes_over_a_path_of_millions_of_names(running, asker):
+    # Each took its time to be looked at: together longer than anybody waits.
+    answer = asker.ask(STORE, command="get", path="/a" * 3000000)
+    assert (answer["status"], answer["reason"]) == ("error", "not found")
 
 
 def test_keeps_the_black_list_for_hostapd(running, asker):
@@ -223,6 +301,16 @@ def test_tells_the_agent_of_hostapd(running, hostapd):
     files[0].unlink()
     hostapd.start_again()
     wait_until(lambda: all(path.exists() for path in files), "the files anew")
+
+
+def test_says_once_that_no_hostapd_came(running, hostapd):
+    line = f"hostapd is not there: nobody answers at {hostapd.path}"
+    running.wait_log(line)
+    hostapd.start()
+    wait_until((running.folder / "hostapd.pid").exists, "the pid file")
+    hostapd.stop()
+    running.wait_log("hostapd has gone")
+    assert running.log().count(line) == 1
 
 
 def test_lives_through_garbage_from_hostapd(running, hostapd):

@@ -3,8 +3,8 @@ import socket
 
 import pytest
 
-from lumdtest.msgbus import ATTACH, DATA, LUMD, MAX_PAYLOAD, PORTAL, BusClosed, frame
-from lumdtest.waiting import wait_until
+from lumdtest.msgbus import ATTACH, DATA, LUMD, MAX_PAYLOAD, PORTAL, Broker, BusClosed, frame
+from lumdtest.waiting import PATIENCE, wait_until
 
 
 @pytest.mark.threads
@@ -34,6 +34,18 @@ def test_a_broker_killed_under_load_is_rejoined(linked, broker, portal):
             texts.append(portal.recv().decode())
     portal.close()
     assert agent.alive()
+
+
+def test_a_broker_tells_who_started_it_that_it_listens(programs, folder, monkeypatch):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(folder / "notify"))
+        manager.settimeout(PATIENCE)
+        monkeypatch.setenv("NOTIFY_SOCKET", str(folder / "notify"))
+        broker = Broker(programs.binary("msgbusd"), folder / "bus").start()
+        try:
+            assert manager.recv(100) == b"READY=1"
+        finally:
+            broker.stop()
 
 
 def test_what_the_service_sends_without_a_broker_is_delivered_later(service, broker, make_agent):

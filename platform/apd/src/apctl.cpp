@@ -24,6 +24,7 @@ constexpr int kExitUsage = 2;
 constexpr int kStore = 1;         // the module that answers
 constexpr int kLastModule = 254;  // tools take theirs from the end
 constexpr int kOwnModules = 50;
+constexpr int kModuleTries = 5;
 constexpr int kAnswerSeconds = 20;
 constexpr std::array<std::uint8_t, 2> kOptions = {0xFE, 0x00};
 
@@ -57,7 +58,7 @@ constexpr const char* kUsage =
     "  apctl set /interface/wlan0-va0/vap/ssid office && apctl commit\n";
 
 [[noreturn]] void fail(const std::string& what, int status = EXIT_FAILURE) {
-    std::fprintf(stderr, "apctl: %s\n", what.c_str());
+    std::fprintf(stderr, "apctl: %s\n", apd::without_controls(what).c_str());
     std::exit(status);
 }
 
@@ -71,9 +72,11 @@ struct Context {
 
 class Client {
   public:
-    Client()
-        : context_(msgbus_init(kLastModule - static_cast<int>(getpid() % kOwnModules),
-                               kOptions.data(), kOptions.size())) {
+    Client() {
+        // Another tool may have the place.
+        for (int i = 0; i < kModuleTries && !context_; i++)
+            context_.reset(msgbus_init(kLastModule - static_cast<int>(getpid() + i) % kOwnModules,
+                                       kOptions.data(), kOptions.size()));
         if (!context_)
             fail("the message bus is not there, or not open to this user");
     }
@@ -115,7 +118,7 @@ void print_json(json_object* node) {
 // One line a setting: path and value, as "set" takes them.
 void print_leaves(const std::string& path, json_object* node) {
     apd::for_each_leaf(node, [&](const std::string& below, json_object* value) {
-        print(path + below + ' ' + apd::scalar_text(value));
+        print(path + below + ' ' + apd::shown_text(value));
     });
 }
 
@@ -124,7 +127,7 @@ Json value_of_word(const std::string& word) {
     if (word.starts_with('{')) {
         Json value = apd::parse_json(word);
         if (!value)
-            misuse("'" + word + "' is no JSON");
+            misuse("a value begins with '{' and is no JSON");
         return value;
     }
     return Json{json_object_new_string(word.c_str())};
@@ -133,7 +136,7 @@ Json value_of_word(const std::string& word) {
 struct Command {
     std::vector<std::string> words;  // the verb and what stands behind it
     bool json = false;
-    std::string which = "running";
+    std::string which;  // of the layers; empty: all that is in force
 };
 
 void get(Client& client, const Command& command) {
@@ -145,7 +148,7 @@ void get(Client& client, const Command& command) {
     if (command.json || json_object_is_type(value, json_type_object) != 0)
         print_json(value);
     else
-        print(apd::scalar_text(value));
+        print(apd::shown_text(value));
 }
 
 void change(Client& client, const std::string& path, Json value) {
@@ -177,7 +180,7 @@ void show(Client& client, const Command& command) {
     if (!path.empty())
         tree = apd::find_path(tree, path);
     if (tree == nullptr)
-        fail("there is nothing at " + path);
+        fail("there is nothing at " + apd::for_log(path));
     if (command.json)
         print_json(tree);
     else
@@ -265,6 +268,13 @@ constexpr Verb kVerbs[] = {
     {"commit", commit, 0, 0},  {"revert", revert, 0, 0}, {"settings", settings, 0, 0},
 };
 
+// What could not be printed was not told.
+[[noreturn]] void finish() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        fail("cannot write the output");
+    std::exit(EXIT_SUCCESS);
+}
+
 Command parse_options(int argc, char** argv) {
     constexpr std::array<option, 5> options{{{"help", no_argument, nullptr, 'h'},
                                              {"json", no_argument, nullptr, 'j'},
@@ -276,7 +286,7 @@ Command parse_options(int argc, char** argv) {
         switch (letter) {
             case 'h':
                 std::fputs(kUsage, stdout);
-                std::exit(EXIT_SUCCESS);
+                finish();
             case 'j':
                 command.json = true;
                 break;
@@ -306,9 +316,11 @@ int main(int argc, char** argv) {
         const std::size_t behind = command.words.size() - 1;
         if (behind < verb.least || behind > verb.most || (verb.run == set && behind % 2 != 0))
             misuse("'" + command.words.front() + "' has too few or too many words behind it");
+        if (!command.which.empty() && verb.run != show)
+            misuse("--" + command.which + " is for 'show' alone");
         Client client;
         verb.run(client, command);
-        return EXIT_SUCCESS;
+        finish();
     }
-    misuse("there is no command '" + command.words.front() + "'");
+    misuse("there is no command '" + apd::for_log(command.words.front()) + "'");
 }

@@ -9,12 +9,13 @@
 
 #include "daemon.h"
 #include "logsink.h"
+#include "run_lock.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "usage: apd [-h] [-c FILE] [-r FOLDER] [-s FOLDER] [-g SOCKET] [-p FILE] [-n FOLDER] [-l "
-    "FILE]\n"
+    "usage: apd [-h] [-c FILE] [-r FOLDER] [-s FOLDER] [-g SOCKET] [-p FILE]\n"
+    "           [-n FOLDER] [-l FILE]\n"
     "Manages the access points of hostapd for lumd, until SIGTERM or SIGINT.\n"
     "\n"
     "  -c FILE    settings (default: %s)\n"
@@ -92,7 +93,15 @@ apd::DaemonOptions parse_options(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     logsink_set_name("apd");
-    apd::Daemon daemon{parse_options(argc, argv)};
+    const apd::DaemonOptions options = parse_options(argc, argv);
+    // Two would contradict each other before hostapd.
+    const apd::RunLock lock{options.run_folder};
+    if (lock.is_taken()) {
+        logsink_message(SINK_ERROR, "another apd is at work in %s", options.run_folder.c_str());
+        std::fprintf(stderr, "apd: another apd is at work in %s\n", options.run_folder.c_str());
+        return EXIT_FAILURE;
+    }
+    apd::Daemon daemon{options};
     listen_to_signals(daemon);
     daemon.run();
     return EXIT_SUCCESS;

@@ -44,7 +44,6 @@ constexpr int kMaxSsid = 32;   // bytes, IEEE 802.11-2020 9.4.2.2
 constexpr int kMaxName = 15;   // of an interface, IFNAMSIZ - 1
 constexpr int kMaxText = 1024;
 constexpr int kMaxPort = 65535;
-constexpr int kMaxHolder = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 
 constexpr Rule kRules[] = {
     {"/interface/R/wlan/radio/phy", Kind::kText, 1, kMaxName},
@@ -86,7 +85,7 @@ constexpr Rule kRules[] = {
     {"/interface/V/vap/ft-config/reassociation-deadline", Kind::kNumber, kLeastDeadline,
      kMostDeadline},
     {"/interface/V/vap/ft-config/mobility-domain", Kind::kNumber, 0, kMaxDomain},
-    {"/interface/V/vap/ft-config/r0-key-holder-id", Kind::kText, 1, kMaxHolder},
+    {"/interface/V/vap/ft-config/r0-key-holder-id", Kind::kText, 1, kMaxHolderId},
     {"/interface/V/vap/ft-config/r1-key-holder-id", Kind::kHolder},
     {"/interface/V/vap/hostapd/*", Kind::kText, 0, kMaxText},
     {"/orvanta/tpc", Kind::kFlag},
@@ -107,6 +106,13 @@ bool is_wds(const std::string& name) {
     return false;
 }
 
+// Some become lines of hostapd's files.
+bool is_plain(const std::string& name) {
+    return std::all_of(name.begin(), name.end(), [](unsigned char c) {
+        return std::isalnum(c) != 0 || c == '_' || c == '-' || c == '.';
+    });
+}
+
 bool fits(const std::string& pattern, const std::string& name) {
     if (pattern == "R")
         return parse_radio(name).has_value();
@@ -114,18 +120,35 @@ bool fits(const std::string& pattern, const std::string& name) {
         return parse_vap(name).has_value();
     if (pattern == "W")
         return is_wds(name);
-    return pattern == "*" || pattern == name;
+    return pattern == "*" ? is_plain(name) : pattern == name;
+}
+
+bool matches(const char* rule, const std::vector<std::string>& names) {
+    const std::vector<std::string> patterns = split_path(rule);
+    return patterns.size() == names.size() &&
+           std::equal(patterns.begin(), patterns.end(), names.begin(), fits);
 }
 
 const Rule* rule_of(const std::string& path) {
     const std::vector<std::string> names = split_path(path);
-    for (const Rule& rule : kRules) {
-        const std::vector<std::string> patterns = split_path(rule.path);
-        if (patterns.size() == names.size() &&
-            std::equal(patterns.begin(), patterns.end(), names.begin(), fits))
+    for (const Rule& rule : kRules)
+        if (matches(rule.path, names))
             return &rule;
-    }
     return nullptr;
+}
+
+// Whether there are settings below.
+bool leads_to_settings(const std::string& path) {
+    const std::vector<std::string> names = split_path(path);
+    if (names.empty() && !path.empty())
+        return false;
+    return std::any_of(std::begin(kRules), std::end(kRules), [&](const Rule& rule) {
+        const std::vector<std::string> patterns = split_path(rule.path);
+        return names.size() < patterns.size() &&
+               std::equal(
+                   names.begin(), names.end(), patterns.begin(),
+                   [](const auto& name, const auto& pattern) { return fits(pattern, name); });
+    });
 }
 
 bool is_control(char byte) {
@@ -202,26 +225,42 @@ std::string takes(const Rule& rule) {
 std::string why_refused(const std::string& path, json_object* value) {
     const Rule* const rule = rule_of(path);
     if (rule == nullptr)
-        return "there is no setting " + path;
+        return "there is no setting " + for_log(path);
     if (rule->kind == Kind::kAny)
-        return "";
+        return is_deeper_than(value, kDeepest) ? path + ": the value is nested too deeply" : "";
     const bool scalar = json_object_is_type(value, json_type_array) == 0 &&
                         json_object_is_type(value, json_type_object) == 0 && value != nullptr;
     const std::string text = scalar_text(value);
     if (scalar && is_right(*rule, text))
         return "";
     const std::string shown =
-        is_secret(path) ? "the value" : '"' + (scalar ? text : compact(value)) + '"';
+        is_secret(path) ? "the value" : '"' + for_log(scalar ? text : compact(value)) + '"';
     return path + ": " + shown + " is not " + takes(*rule);
 }
 
-std::string why_tree_refused(json_object* tree) {
+std::string why_tree_refused(json_object* tree, const std::string& path) {
+    if (json_object_is_type(tree, json_type_object) == 0)
+        return why_refused(path, tree);
+    // Where a value belongs, or at no setting at all, an object without members is as wrong.
+    if (json_object_object_length(tree) == 0)
+        return leads_to_settings(path) ? "" : why_refused(path, tree);
     std::string reason;
-    for_each_leaf(tree, [&](const std::string& path, json_object* value) {
-        if (reason.empty())
-            reason = why_refused(path, value);
+    for_each_member(tree, [&](const std::string& name, json_object* child) {
+        if (!reason.empty())
+            return;
+        const bool is_name = !name.empty() && name.find('/') == std::string::npos;
+        reason = is_name ? why_tree_refused(child, path + '/' + name)
+                         : "there is no setting \"" + for_log(name) + "\" at " + path + '/';
     });
     return reason;
+}
+
+std::string why_refused_of_service(const std::string& path, json_object* value) {
+    const std::vector<std::string> names = split_path(path);
+    const bool is_whole = matches(kMacLists, names) || matches("/interface/V/vap/ft-config", names);
+    if (!is_whole)
+        return why_refused(path, value);
+    return json_object_is_type(value, json_type_object) != 0 ? "" : path + ": it is no object";
 }
 
 Json default_value(const std::string& path) {

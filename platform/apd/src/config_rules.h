@@ -13,8 +13,12 @@ namespace apd {
 // Why a setting is refused, in a sentence that names path, value and bound; empty when it may be.
 [[nodiscard]] std::string why_refused(const std::string& path, json_object* value);
 
-// The same for each setting in the tree; that of the first one refused.
-[[nodiscard]] std::string why_tree_refused(json_object* tree);
+// The same for each setting in the tree that stands at this path; that of the first one refused.
+[[nodiscard]] std::string why_tree_refused(json_object* tree, const std::string& path = "");
+
+// The same for what the service sets: settings, fast transition as a whole, and the MAC lists.
+inline constexpr const char* kMacLists = "/wids/mac-lists";
+[[nodiscard]] std::string why_refused_of_service(const std::string& path, json_object* value);
 
 // What holds where a setting is not set; null for one that has no such value.
 [[nodiscard]] Json default_value(const std::string& path);

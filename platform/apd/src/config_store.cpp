@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <utility>
 
 #include "config_rules.h"
 #include "logsink.h"
 #include "stored_file.h"
+#include "text_values.h"
 
 namespace apd {
 
@@ -37,6 +39,16 @@ std::string for_people(json_object* tree) {
                                                                 JSON_C_TO_STRING_SPACED |
                                                                 JSON_C_TO_STRING_NOSLASHESCAPE)} +
            '\n';
+}
+
+// Nothing that read_tree() could not take.
+bool replace_tree(const std::string& file, json_object* tree) {
+    const std::string text = for_people(tree);
+    if (text.size() > kMaxFileBytes) {
+        errno = EFBIG;
+        return false;
+    }
+    return replace_file(file, text);
 }
 
 // Whether one path is the other or leads to it.
@@ -69,17 +81,22 @@ ConfigStore::ConfigStore(Files files, Judge judge)
 bool ConfigStore::load() {
     if (!take(files_.stored))
         return false;
+    std::error_code error;
+    if (!std::filesystem::exists(files_.stored, error))
+        logsink_message(SINK_WARNING, "there is no %s: no access point is set up",
+                        files_.stored.c_str());
     keep_copy();
     return true;
 }
 
 bool ConfigStore::load_last_good() {
-    return !files_.last_good.empty() && take(files_.last_good);
+    std::error_code error;
+    return std::filesystem::exists(files_.last_good, error) && take(files_.last_good);
 }
 
 // Best effort: without it a broken file leaves nothing to go back to at the next start.
 void ConfigStore::keep_copy() const {
-    if (!files_.last_good.empty() && !replace_file(files_.last_good, for_people(stored_.get())))
+    if (!files_.last_good.empty() && !replace_tree(files_.last_good, stored_.get()))
         logsink_message(SINK_WARNING, "cannot write %s: %s", files_.last_good.c_str(),
                         std::strerror(errno));
 }
@@ -92,12 +109,13 @@ bool ConfigStore::take(const std::string& file) {
     if (tree && reason.empty())
         reason = judge_(tree.get());
     if (!tree || !reason.empty()) {
-        logsink_message(SINK_ERROR, "cannot use %s: %s", file.c_str(), reason.c_str());
+        logsink_message(SINK_ERROR, "cannot use %s: %s", file.c_str(), for_log(reason).c_str());
         return false;
     }
     stored_ = std::move(tree);
     candidate_ = copy_of(stored_.get());
     rebuild();
+    fit_service();
     return true;
 }
 
@@ -111,15 +129,25 @@ void ConfigStore::load_service() {
         return;
     }
     for_each_member(values.get(), [this](const std::string& path, json_object* value) {
-        if (!split_path(path).empty())
+        if (const std::string why = why_refused_of_service(path, value); !why.empty())
+            logsink_message(SINK_WARNING, "leaves out of %s: %s", files_.service.c_str(),
+                            for_log(why).c_str());
+        else
             service_[path] = copy_of(value);
     });
     rebuild();
-    if (const std::string why = judge_(running_.get()); !why.empty()) {
-        logsink_message(SINK_WARNING, "forgets what the service had set: %s", why.c_str());
-        service_.clear();
-        rebuild();
-    }
+    fit_service();
+}
+
+// What is stored is right by itself; the access points go by that.
+void ConfigStore::fit_service() {
+    const std::string why = judge_(running_.get());
+    if (why.empty())
+        return;
+    logsink_message(SINK_WARNING, "forgets what the service had set: %s", for_log(why).c_str());
+    std::erase_if(service_, [](const auto& entry) { return leads_to("/interface", entry.first); });
+    save_service();
+    rebuild();
 }
 
 json_object* ConfigStore::get(const std::string& path) const {
@@ -129,9 +157,9 @@ json_object* ConfigStore::get(const std::string& path) const {
 std::string ConfigStore::set(const std::string& path, Json value) {
     const std::string where = canonical_path(path);
     if (split_path(where).empty())
-        return path + " is no path";
+        return for_log(path) + " is no path";
     if (!value && find_path(candidate_.get(), where) == nullptr)
-        return "there is nothing at " + path;
+        return "there is nothing at " + for_log(path);
     Json changed = copy_of(candidate_.get());
     put_path(changed.get(), where, std::move(value));
     if (std::string reason = why_tree_refused(changed.get()); !reason.empty())
@@ -144,7 +172,7 @@ std::string ConfigStore::commit() {
     const std::vector<std::string> paths = changes();
     if (std::string reason = judge_(candidate_.get()); !reason.empty())
         return reason;
-    if (!replace_file(files_.stored, for_people(candidate_.get())))
+    if (!replace_tree(files_.stored, candidate_.get()))
         return files_.stored + ": " + std::strerror(errno);
     stored_ = copy_of(candidate_.get());
     keep_copy();
@@ -156,6 +184,7 @@ std::string ConfigStore::commit() {
     if (service_.size() != before)
         save_service();
     rebuild();
+    fit_service();
     return "";
 }
 
@@ -200,7 +229,7 @@ void ConfigStore::save_service() const {
     const Json values = new_object();
     for (const auto& [path, value] : service_)
         json_object_object_add(values.get(), path.c_str(), copy_of(value.get()).release());
-    if (!replace_file(files_.service, for_people(values.get())))
+    if (!replace_tree(files_.service, values.get()))
         logsink_message(SINK_ERROR, "cannot write %s: %s", files_.service.c_str(),
                         std::strerror(errno));
 }

@@ -34,7 +34,8 @@ class ConfigStore {
     ConfigStore(Files files, Judge judge);
 
     // Reads the file of what is stored; the candidate is then the same. False, with one error line
-    // and nothing changed, when it cannot be used. A file that is not there is an empty tree.
+    // and nothing changed, when it cannot be used. A file that is not there is an empty tree,
+    // with one line.
     bool load();
 
     // The same from the copy of what was usable last; false also without one.
@@ -55,7 +56,9 @@ class ConfigStore {
     [[nodiscard]] std::string set(const std::string& path, Json value);
 
     // Makes the candidate what is stored. What the service has set at a path that this changes
-    // gives way. The reason when it is refused or cannot be written; then nothing has changed.
+    // gives way, and all that it has set for the radios where the rest does not go with what is
+    // stored now, with one line. The reason when it is refused or cannot be written; then nothing
+    // has changed.
     [[nodiscard]] std::string commit();
 
     // Forgets the candidate.
@@ -76,6 +79,7 @@ class ConfigStore {
     bool take(const std::string& file);
     void keep_copy() const;
     void rebuild();
+    void fit_service();
     void save_service() const;
 
     const Files files_;

@@ -9,6 +9,7 @@
 
 #include "factorydata.h"
 #include "logsink.h"
+#include "ready.h"
 
 namespace apd {
 
@@ -21,6 +22,8 @@ using std::chrono::steady_clock;
 constexpr milliseconds kBusyPace{200};
 // Otherwise: whether hostapd and the message bus are still there.
 constexpr milliseconds kIdlePace{1000};
+// Looks for a hostapd that was started just before, until its absence is told.
+constexpr int kHostapdLooks = 5;
 
 std::optional<Mac> base_mac() {
     factorydata_record data{};
@@ -75,13 +78,18 @@ Daemon::Daemon(const DaemonOptions& options)
            .tell_agent =
                [this](const Json& trap) { manager_module_.send(Requests::kAgentEvents, trap); }}),
       requests_(store_, manager_) {
-    if (!store_.load() && store_.load_last_good())
-        logsink_message(SINK_WARNING, "goes on with the settings that were usable last");
+    if (!store_.load())
+        logsink_message(SINK_WARNING, store_.load_last_good()
+                                          ? "goes on with the settings that were usable last"
+                                          : "no access point is set up");
     store_.load_service();
     manager_.reloaded();
 }
 
 void Daemon::run() {
+    // Of the bus: what is asked from now on waits there.
+    look_for_bus();
+    tell_ready();
     while (!over_) {
         if (reload_.exchange(false))
             reload_settings();
@@ -136,6 +144,11 @@ void Daemon::look_for_hostapd() {
     if (!manager_.has_hostapd() && hostapd_.connect())
         if (const std::optional<int> pid = hostapd_.pid())
             manager_.hostapd_came(*pid);
+    if (manager_.has_hostapd())
+        looks_in_vain_ = kHostapdLooks;  // from now on the manager tells when it goes
+    else if (looks_in_vain_ < kHostapdLooks && ++looks_in_vain_ == kHostapdLooks)
+        logsink_message(SINK_WARNING, "hostapd is not there: nobody answers at %s",
+                        hostapd_.socket().c_str());
 }
 
 void Daemon::serve_bus() {

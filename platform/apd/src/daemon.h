@@ -59,6 +59,7 @@ class Daemon {
     Requests requests_;
     std::chrono::steady_clock::time_point look_at_{};  // when hostapd and the bus are looked at
     bool bus_missed_ = false;                          // logged
+    int looks_in_vain_ = 0;                            // for the first hostapd
     std::atomic<bool> over_ = false;
     std::atomic<bool> reload_ = false;
 };

@@ -13,7 +13,6 @@ namespace apd {
 
 namespace {
 
-constexpr std::size_t kMaxHolderId = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 constexpr std::size_t kKeyBytes = 32;
 
 std::optional<Mac> read_holder(const std::string& text) {

@@ -15,6 +15,7 @@ namespace apd {
 inline constexpr int kLeastDeadline = 1000;  // TU, what hostapd takes
 inline constexpr int kMostDeadline = 65535;
 inline constexpr int kMaxDomain = 0xFFFF;
+inline constexpr int kMaxHolderId = 48;  // bytes of an R0KH-ID, IEEE 802.11-2020 9.4.2.47
 
 // Another access point of the mobility domain.
 struct KeyHolder {

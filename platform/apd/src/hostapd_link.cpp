@@ -1,11 +1,13 @@
 #include "hostapd_link.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 
@@ -68,6 +70,7 @@ bool HostapdLink::connect() {
     if (!control->is_open() || !control->attach())
         return false;
     control_ = std::move(control);
+    pid_.reset();
     return true;
 }
 
@@ -78,14 +81,19 @@ bool HostapdLink::check() {
 // Nobody reads from the socket that a hostapd which has ended has left: connect(2) is refused
 // there.
 bool HostapdLink::is_silent() const {
-    return !control_ && hostapd_control{socket_}.is_open();
+    return !control_ && !has_ended() && hostapd_control{socket_}.is_open();
+}
+
+bool HostapdLink::has_ended() const {
+    return pid_ && kill(*pid_, 0) != 0 && errno == ESRCH;
 }
 
 std::optional<std::string> HostapdLink::ask(const std::string& command) {
     if (!control_)
         return std::nullopt;
     std::optional<std::string> answer =
-        control_->request(command, sets_up(command) ? patience_.set_up : patience_.usual);
+        control_->request(command, sets_up(command) ? patience_.set_up : patience_.usual,
+                          [this] { return !has_ended(); });
     if (!answer) {
         logsink_message(SINK_WARNING, "hostapd: %s", control_->why().c_str());
         control_.reset();
@@ -113,7 +121,13 @@ std::optional<HostapdLink::Event> HostapdLink::next_event() {
     return event;
 }
 
-std::optional<int> HostapdLink::pid() const {
+std::optional<int> HostapdLink::pid() {
+    if (!pid_)
+        pid_ = ask_pid();
+    return pid_;
+}
+
+std::optional<int> HostapdLink::ask_pid() const {
     const Socket probe;
     const int on = 1;
     sockaddr_un own{};

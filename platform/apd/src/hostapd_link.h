@@ -30,6 +30,8 @@ class HostapdLink : public HostapdPort {
     HostapdLink(std::string socket, Patience patience)
         : socket_(std::move(socket)), patience_(patience) {}
 
+    [[nodiscard]] const std::string& socket() const { return socket_; }
+
     // Connects and asks for events; true when that was done now or before.
     bool connect();
     [[nodiscard]] bool is_connected() const { return control_ != nullptr; }
@@ -53,12 +55,16 @@ class HostapdLink : public HostapdPort {
     [[nodiscard]] int fd() const { return control_ ? control_->fd() : -1; }
 
     // Process id of the one at the other end, told by the kernel; nothing when nobody answers.
-    [[nodiscard]] std::optional<int> pid() const;
+    std::optional<int> pid();
 
   private:
+    [[nodiscard]] bool has_ended() const;
+    [[nodiscard]] std::optional<int> ask_pid() const;
+
     const std::string socket_;
     const Patience patience_;
     std::unique_ptr<hostapd_control> control_;
+    std::optional<int> pid_;  // of the last one that was connected to
 };
 
 }  // namespace apd

@@ -33,6 +33,27 @@ std::string scalar_text(json_object* node) {
     return type == CFGTREE_VALUE ? compact(node) : "";
 }
 
+std::string shown_text(json_object* node) {
+    const bool is_scalar = json_object_is_type(node, json_type_array) == 0 &&
+                           json_object_is_type(node, json_type_object) == 0;
+    return is_scalar ? scalar_text(node) : compact(node);
+}
+
+bool is_deeper_than(json_object* node, std::size_t levels) {
+    const bool is_array = json_object_is_type(node, json_type_array) != 0;
+    if (!is_array && json_object_is_type(node, json_type_object) == 0)
+        return false;
+    bool deeper = levels == 0;
+    const auto look = [&](json_object* child) {
+        deeper = deeper || is_deeper_than(child, levels - 1);
+    };
+    if (is_array)
+        for_each_element(node, look);
+    else
+        for_each_member(node, [&](const std::string&, json_object* child) { look(child); });
+    return deeper;
+}
+
 json_object* member(json_object* node, const std::string& name) {
     json_object* found = nullptr;
     if (json_object_is_type(node, json_type_object) != 0)
@@ -56,12 +77,12 @@ std::vector<std::string> split_path(const std::string& path) {
     std::vector<std::string> names;
     for (std::size_t begin = 1; begin <= path.size();) {
         const std::size_t end = std::min(path.find('/', begin), path.size());
-        if (end == begin)
+        if (end == begin || names.size() == kDeepest)
             return {};
         names.push_back(path.substr(begin, end - begin));
         begin = end + 1;
     }
-    return path.back() == '/' || names.size() > kDeepest ? std::vector<std::string>{} : names;
+    return path.back() == '/' ? std::vector<std::string>{} : names;
 }
 
 json_object* find_path(json_object* tree, const std::string& path) {

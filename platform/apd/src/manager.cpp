@@ -1,6 +1,8 @@
 #include "manager.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "config_rules.h"
 #include "logsink.h"
@@ -12,8 +14,7 @@ namespace apd {
 
 namespace {
 
-constexpr std::chrono::seconds kLockPatience{120};  // longer than any survey
-constexpr const char* kMacLists = "/wids/mac-lists";
+constexpr std::chrono::seconds kLockPatience{120};   // longer than any survey
 constexpr std::uint8_t kLocallyAdministered = 0x02;  // IEEE 802-2014 8.2
 constexpr int kAddressesPerRadio = 8;
 
@@ -34,6 +35,9 @@ std::string put_params(json_object* tree, const std::string& path, const Manager
     for (const auto& [name, text] : params) {
         Json value{json_object_new_string(text.c_str())};
         const std::string setting = below(path, name);
+        // hostapd's own lines are the operator's.
+        if (name.find('/') != std::string::npos)
+            return "there is no setting " + for_log(setting);
         if (std::string reason = why_refused(setting, value.get()); !reason.empty())
             return reason;
         put_path(tree, setting, std::move(value));
@@ -251,20 +255,15 @@ void Manager::apply() {
 }
 
 void Manager::apply_radio(std::size_t radio, const std::optional<RadioConfig>& config) {
-    if (!has_hostapd()) {
+    if (has_hostapd())
+        radios_[radio]->bring_to(config);
+    else
         radios_[radio]->expect(config);
-        return;
-    }
-    const std::string name = radio_name(static_cast<int>(radio));
-    radios_[radio]->want(config, [name](const std::string& reason) {
-        if (!reason.empty())
-            logsink_message(SINK_ERROR, "%s: %s", name.c_str(), reason.c_str());
-    });
 }
 
 // Goes where the tree says, and keeps that only if the radios that it concerns have got there.
 void Manager::want_with(const std::string& path, Json tree, const std::function<void()>& keep,
-                        const Done& done) {
+                        const Done& done, RadioControl::ChannelIs channel) {
     std::string reason;
     const std::optional<AccessPoint> now = read_access_point(tree.get(), reason);
     if (!now) {
@@ -297,7 +296,7 @@ void Manager::want_with(const std::string& path, Json tree, const std::function<
     }
     for (const std::size_t radio : concerned) {
         if ((*now)[radio])
-            radios_[radio]->want((*now)[radio], one);
+            radios_[radio]->want((*now)[radio], one, channel);
         else
             one(radio_name(static_cast<int>(radio)) + " has no access point");
     }
@@ -346,7 +345,10 @@ void Manager::update_radio(const std::string& ifname, const Params& params, cons
                                       Json{json_object_new_string(text.c_str())});
             at_.files.config_updated();
         },
-        done);
+        done,
+        names(params, "channel") || names(params, "bandwidth")
+            ? RadioControl::ChannelIs::kAskedFor
+            : RadioControl::ChannelIs::kAsBefore);
 }
 
 void Manager::reset_radio(const std::string& ifname, const Done& done) {
@@ -402,7 +404,9 @@ void Manager::set_mac_lists(json_object* lists) {
 
 void Manager::load_black_list() {
     black_list_ = black_list(at_.store.get(kMacLists));
-    static_cast<void>(replace_file(at_.folder + "/black-list", deny_file_text(black_list_)));
+    const std::string file = at_.folder + "/black-list";
+    if (!replace_file(file, deny_file_text(black_list_)))
+        logsink_message(SINK_ERROR, "cannot write %s: %s", file.c_str(), std::strerror(errno));
 }
 
 void Manager::take_black_list() {

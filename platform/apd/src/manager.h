@@ -82,7 +82,8 @@ class Manager {
     [[nodiscard]] bool take_back_later(const std::vector<std::string>& paths);
     void apply_radio(std::size_t radio, const std::optional<RadioConfig>& config);
     void want_with(const std::string& path, Json tree, const std::function<void()>& keep,
-                   const Done& done);
+                   const Done& done,
+                   RadioControl::ChannelIs channel = RadioControl::ChannelIs::kAsBefore);
     void announce();
     void do_without_hostapd();
     void expect_stations();

@@ -14,12 +14,14 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// The agent waits 20 s for an answer.
+constexpr seconds kAnswerPatience{18};  // of an agent that waits 20 s
 constexpr seconds kStartPatience{15};   // country, channel scans
 constexpr seconds kSwitchPatience{5};   // five beacons
 constexpr seconds kWatchPace{10};       // a radio that is up
+constexpr seconds kTrialPace{60};       // a radio that is down and should not be
 constexpr seconds kRadarPatience{700};  // weather radar channels are listened to for ten minutes
 constexpr const char* kNoHostapd = "hostapd is not running";
+constexpr const char* kTooLate = "the changes before it took too long";
 
 const VapConfig* find_vap(const RadioConfig& radio, VapId id) {
     for (const VapConfig& vap : radio.vaps)
@@ -49,6 +51,10 @@ bool differ_in_keys_alone(const VapConfig& one, const VapConfig& other) {
     return differ_in_ft_alone(one, other) && differ_in_key_holders_alone(one.ft, other.ft);
 }
 
+std::optional<Channel> asked_by(const std::optional<RadioConfig>& config) {
+    return config && !config->auto_channel ? std::optional{config->channel} : std::nullopt;
+}
+
 // The 20 MHz channels that a channel covers.
 std::vector<int> covered(const Channel& channel) {
     constexpr int step = 20;  // MHz
@@ -69,30 +75,56 @@ std::vector<int> covered(const Channel& channel) {
 RadioControl::RadioControl(int radio, Surroundings surroundings)
     : radio_(radio), name_(radio_name(radio)), at_(std::move(surroundings)) {}
 
-void RadioControl::want(std::optional<RadioConfig> config, Done done) {
-    waiting_.push_back({std::move(config), std::move(done)});
-    if (!change_)
-        next();
+void RadioControl::want(std::optional<RadioConfig> config, Done done, ChannelIs channel) {
+    waiting_.push_back({std::move(config), std::move(done), at_.now() + kAnswerPatience, channel});
+    next();
 }
 
-void RadioControl::want_logged(const RadioConfig& config) {
-    want(config, [this](const std::string& reason) {
-        if (!reason.empty())
-            logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
-    });
+// A radio that runs goes on, or back to what it had, when the new settings are refused.
+void RadioControl::bring_to(std::optional<RadioConfig> config) {
+    if (!applied_)
+        wanted_ = config;
+    waiting_.push_back(
+        {std::move(config), [this](const auto& reason) { log_refusal(reason); }, std::nullopt});
+    next();
+}
+
+void RadioControl::log_refusal(const std::string& reason) const {
+    if (!reason.empty())
+        logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
+}
+
+// rfkill(8) that is lifted, a card that is plugged in, a channel that is free of radar again.
+void RadioControl::try_again() {
+    deadline_ = at_.now() + kTrialPace;
+    if (!hostapd_there_ || !wanted_ || change_)
+        return;
+    waiting_.push_back({wanted_,
+                        [this, known = trouble_](const std::string& reason) {
+                            if (reason != known)  // once, and not at each trial
+                                log_refusal(reason);
+                            if (state_ == State::kUp)
+                                at_.settled(radio_);
+                        },
+                        std::nullopt});
+    next();
 }
 
 void RadioControl::next() {
     while (!change_ && !waiting_.empty()) {
-        change_ = std::move(waiting_.front());
+        Change change = std::move(waiting_.front());
         waiting_.pop_front();
+        if (change.answer_by && at_.now() >= *change.answer_by) {
+            change.done(kTooLate);
+            continue;
+        }
+        change_ = std::move(change);
         begin();
     }
 }
 
 void RadioControl::begin() {
-    const std::optional<RadioConfig> target = change_->target;
-    if (!target) {
+    if (!change_->target) {
         stop();
         wanted_.reset();
         finish("");
@@ -102,21 +134,30 @@ void RadioControl::begin() {
         finish(kNoHostapd);
         return;
     }
-    if (std::string reason = at_.kernel.open_radio(name_, target->phy); !reason.empty()) {
+    const RadioConfig target = target_of(*change_);
+    if (std::string reason = at_.kernel.open_radio(name_, target.phy); !reason.empty()) {
         finish(reason);
         return;
     }
     if (const std::optional<RadioAbility> ability = at_.kernel.ability(name_))
         ability_ = *ability;
-    if (std::string reason = check(*target); !reason.empty()) {
+    if (std::string reason = check(target); !reason.empty()) {
         finish(reason);
         return;
     }
     fallback_ = applied_;
-    if (must_restart(*target))
-        start(*target);
+    if (must_restart(target))
+        start(target);
     else
-        change_running(*target);
+        change_running(target);
+}
+
+RadioConfig RadioControl::target_of(const Change& change) const {
+    RadioConfig target = *change.target;
+    if (change.channel == ChannelIs::kAsBefore && applied_ && !target.auto_channel &&
+        target.channel == asked_)
+        target.channel = applied_->channel;
+    return target;
 }
 
 std::string RadioControl::check(const RadioConfig& target) const {
@@ -167,8 +208,8 @@ bool RadioControl::must_restart(const RadioConfig& target) const {
         return true;
     if (target.auto_channel || target.channel == applied_->channel)
         return false;
-    // At 2.4 GHz the wider channel wants hostapd's scan for others before it.
-    const bool wants_scan = !target.five_ghz && target.channel.width > applied_->channel.width;
+    // At 2.4 GHz 40 MHz want hostapd's scan for others before, IEEE 802.11-2020 11.15.5.
+    const bool wants_scan = !target.five_ghz && target.channel.width == 40;
     return !ability_.csa || wants_scan || target.five_ghz != applied_->five_ghz ||
            needs_radar_check(target.channel);
 }
@@ -287,6 +328,8 @@ void RadioControl::start(const RadioConfig& target) {
     applied_ = target;
     began_ = at_.now();
     deadline_ = began_ + kStartPatience;
+    if (change_->answer_by)
+        deadline_ = std::min(deadline_, *change_->answer_by);
     enter(State::kStarting);
 }
 
@@ -321,13 +364,18 @@ void RadioControl::stop() {
 
 void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
     hostapd_there_ = true;
-    if (!wanted_)
-        return;
-    const RadioConfig target = *wanted_;
     std::set<std::string> ours;
     for (const std::string& ifname : interfaces)
         if (const std::optional<VapId> id = parse_vap(ifname); id && id->radio == radio_)
             ours.insert(ifname);
+    if (!wanted_) {
+        for (const std::string& ifname : ours) {
+            at_.hostapd.tell("REMOVE " + ifname);
+            at_.kernel.remove_vap(ifname);
+        }
+        return;
+    }
+    const RadioConfig target = *wanted_;
     std::set<std::string> names;
     for (const VapConfig& vap : target.vaps)
         names.insert(vap_name(vap.id));
@@ -340,6 +388,7 @@ void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
         applied_ = target;
         if (const std::optional<Channel> channel = at_.kernel.channel(first_vap()))
             applied_->channel = *channel;
+        asked_ = asked_by(target);
         if (target.tx_power)
             applied_->tx_power = at_.kernel.power(first_vap());
         enter(State::kUp);
@@ -348,7 +397,7 @@ void RadioControl::hostapd_came(const std::set<std::string>& interfaces) {
         for (const std::string& ifname : ours)
             at_.hostapd.tell("REMOVE " + ifname);
     }
-    want_logged(target);
+    bring_to(target);
 }
 
 void RadioControl::hostapd_went() {
@@ -421,6 +470,8 @@ void RadioControl::tick() {
                 watch();
             break;
         case State::kDown:
+            if (at_.now() >= deadline_)
+                try_again();
             break;
     }
 }
@@ -437,8 +488,9 @@ void RadioControl::watch() {
         return;
     logsink_message(SINK_WARNING, "%s: the kernel no longer sends for it, starts it anew",
                     name_.c_str());
-    enter(State::kDown);
-    want_logged(*applied_);
+    const RadioConfig again = *applied_;
+    stop();
+    bring_to(again);
 }
 
 bool RadioControl::is_busy() const {
@@ -472,7 +524,8 @@ void RadioControl::look_at_start() {
     } else if (state_ == State::kStarting && (state == "DISABLED" || state == "UNINITIALIZED")) {
         fail_start("hostapd cannot start channel " + to_text(applied_->channel));
     } else if (at_.now() >= deadline_) {
-        fail_start("hostapd does not start within " + std::to_string(kStartPatience.count()) +
+        const auto waited = std::chrono::duration_cast<seconds>(at_.now() - began_);
+        fail_start("hostapd does not start within " + std::to_string(waited.count()) +
                    " s (it is at " + for_log(state) + ')');
     }
 }
@@ -531,20 +584,22 @@ void RadioControl::finish(const std::string& reason) {
     if (!change_)
         return;
     const Change change = *std::exchange(change_, std::nullopt);
-    if (reason.empty())
+    if (reason.empty()) {
         wanted_ = change.target;
+        asked_ = asked_by(wanted_);
+    }
     change.done(reason);
     next();
 }
 
-// Back to what was there before; without that, the radio stays down until it is told otherwise.
+// Back to what was there before; without that, the radio stays down until the next trial.
 void RadioControl::fail_start(const std::string& reason) {
     stop();
     const std::optional<RadioConfig> before = std::exchange(fallback_, std::nullopt);
     if (!change_)
-        logsink_message(SINK_ERROR, "%s: %s", name_.c_str(), reason.c_str());
+        log_refusal(reason);
     if (before && hostapd_there_)
-        waiting_.push_front({before, [](const std::string&) {}});
+        waiting_.push_front({before, [](const std::string&) {}, std::nullopt});
     if (change_)
         finish(reason);
     else
@@ -596,6 +651,8 @@ void RadioControl::enter(State next) {
     if (next == State::kUp) {
         deadline_ = at_.now() + kWatchPace;
         lost_ = false;
+    } else if (next == State::kDown) {
+        deadline_ = at_.now() + kTrialPace;
     }
 }
 

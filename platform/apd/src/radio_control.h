@@ -47,15 +47,24 @@ class RadioControl {
     };
 
     enum class State { kDown, kStarting, kRadarCheck, kSwitching, kUp };
+    // What a change means by its channel. One as before is where hostapd has gone from there: to
+    // 20 MHz when it heard others at 2.4 GHz, elsewhere when it saw a radar.
+    enum class ChannelIs { kAsBefore, kAskedFor };
 
     RadioControl(int radio, Surroundings surroundings);
 
     // What hostapd_came() is to bring the radio to.
     void expect(std::optional<RadioConfig> config) { wanted_ = std::move(config); }
 
-    // Brings the radio to these settings; without any it stops. `done` may be called at once or
-    // later, and always is.
-    void want(std::optional<RadioConfig> config, Done done);
+    // Brings the radio to these settings for somebody who waits; without any it stops. `done` may
+    // be called at once or later, and always is: what cannot be reached while the agent waits is
+    // refused.
+    void want(std::optional<RadioConfig> config, Done done,
+              ChannelIs channel = ChannelIs::kAsBefore);
+
+    // The same for settings that are to hold, with nobody who waits: a refusal goes to the log, and
+    // a radio that stays down is tried again every minute.
+    void bring_to(std::optional<RadioConfig> config);
 
     // hostapd is there: takes over the access points that run as wanted, and starts the others.
     void hostapd_came(const std::set<std::string>& interfaces);
@@ -80,12 +89,15 @@ class RadioControl {
     struct Change {
         std::optional<RadioConfig> target;
         Done done;
+        std::optional<Clock::time_point> answer_by;  // none: nobody waits
+        ChannelIs channel = ChannelIs::kAsBefore;
     };
 
-    // For nobody who asked: a refusal goes to the log.
-    void want_logged(const RadioConfig& config);
+    void log_refusal(const std::string& reason) const;
+    void try_again();
     void next();
     void begin();
+    [[nodiscard]] RadioConfig target_of(const Change& change) const;
     std::string check(const RadioConfig& target) const;
     std::string check_channel(const RadioConfig& target) const;
     std::string check_power(const RadioConfig& target) const;
@@ -122,12 +134,14 @@ class RadioControl {
     const Surroundings at_;
     bool hostapd_there_ = false;
     State state_ = State::kDown;
-    Clock::time_point deadline_{};  // of what is under way; in kUp: the next look at the kernel
+    Clock::time_point deadline_{};  // of what is under way; in kUp: the next look at the kernel;
+                                    // in kDown: the next trial
     bool lost_ = false;             // the last look found no channel
     Clock::time_point began_{};
     RadioAbility ability_;
     std::optional<RadioConfig> wanted_;    // the last that was accepted or is expected
     std::optional<RadioConfig> applied_;   // what is there
+    std::optional<Channel> asked_;         // of which hostapd has made that of applied_
     std::optional<RadioConfig> fallback_;  // to go back to when a start fails
     std::optional<Change> change_;         // the one under way
     std::deque<Change> waiting_;

@@ -90,6 +90,11 @@ const Requests::Row Requests::kRows[] = {
 };
 
 void Requests::take(Module module, const Request& request) {
+    // What it sets could not be read again from its file.
+    if (is_deeper_than(request->message(), kDeepest)) {
+        finish(request, "the request is nested too deeply");
+        return;
+    }
     const std::string command = command_of(request);
     for (const Row& row : kRows) {
         if (row.module != module || command != row.command)
@@ -151,7 +156,7 @@ void Requests::changes(const Request& request) {
         set_text(change, "path", path);
         const auto add = [&](const char* name, json_object* tree) {
             if (json_object* const value = find_path(tree, path))
-                set_text(change, name, is_secret(path) ? "********" : scalar_text(value));
+                set_text(change, name, is_secret(path) ? "********" : shown_text(value));
         };
         add("before", store_.stored());
         add("now", store_.candidate());

@@ -44,13 +44,16 @@ std::optional<std::string> value_of(const std::vector<std::string>& lines, std::
     return std::nullopt;
 }
 
-std::string for_log(std::string_view text) {
-    constexpr std::size_t enough = 200;
-    std::string result{text.substr(0, enough)};
-    for (char& c : result)
+std::string without_controls(std::string text) {
+    for (char& c : text)
         if (std::iscntrl(static_cast<unsigned char>(c)) != 0)
             c = '?';
-    return result;
+    return text;
+}
+
+std::string for_log(std::string_view text) {
+    constexpr std::size_t enough = 200;
+    return without_controls(std::string{text.substr(0, enough)});
 }
 
 }  // namespace apd

@@ -22,7 +22,10 @@ namespace apd {
 [[nodiscard]] std::optional<std::string> value_of(const std::vector<std::string>& lines,
                                                   std::string_view name);
 
-// Without control characters, which could tear a line of the log, and not endlessly long.
+// With "?" for control characters, which could tear a line of the log or upset a terminal.
+[[nodiscard]] std::string without_controls(std::string text);
+
+// The same, and not endlessly long.
 [[nodiscard]] std::string for_log(std::string_view text);
 
 }  // namespace apd

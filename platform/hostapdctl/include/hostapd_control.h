@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,8 +44,11 @@ class hostapd_control {
     // go on makes a new one.
     std::optional<std::string> request(std::string_view command);
 
-    // The same for a command that is known to take longer than others.
-    std::optional<std::string> request(std::string_view command, std::chrono::milliseconds wait);
+    // The same for a command that is known to take longer than others. `goes_on` is asked now and
+    // then whether hostapd still runs, which a socket of datagrams does not tell; without it
+    // hostapd is awaited to the end.
+    std::optional<std::string> request(std::string_view command, std::chrono::milliseconds wait,
+                                       const std::function<bool()>& goes_on = nullptr);
 
     // As request(); whether the answer says "OK".
     bool command(std::string_view text);
@@ -71,7 +75,8 @@ class hostapd_control {
 
     bool send(std::string_view command, clock::time_point deadline);
     std::optional<std::string> receive_answer(std::chrono::milliseconds wait,
-                                              clock::time_point deadline);
+                                              clock::time_point deadline,
+                                              const std::function<bool()>& goes_on);
     // One message; empty when there is none or the connection broke, which then is closed.
     std::optional<std::string> receive();
     // Whether the socket became ready for `events` of poll(2).

@@ -14,6 +14,8 @@ namespace {
 
 // hostapd cuts its answers at 4 KiB; a longer datagram is none of its.
 constexpr std::size_t message_size = 16384;
+// Between two looks at whether hostapd still runs.
+constexpr std::chrono::milliseconds look_pace{200};
 
 // Messages that nobody asked for begin with a level or, on the global socket, with an interface.
 bool is_event(std::string_view message) {
@@ -96,13 +98,21 @@ std::optional<std::string> hostapd_control::receive() {
 }
 
 std::optional<std::string> hostapd_control::receive_answer(std::chrono::milliseconds wait,
-                                                           clock::time_point deadline) {
-    while (is_open() && wait_for(POLLIN, deadline)) {
-        std::optional<std::string> message = receive();
-        if (message && attached_ && is_event(*message))
-            keep(*std::move(message));
-        else if (message)
-            return message;
+                                                           clock::time_point deadline,
+                                                           const std::function<bool()>& goes_on) {
+    while (is_open()) {
+        const clock::time_point look = goes_on ? clock::now() + look_pace : deadline;
+        if (wait_for(POLLIN, std::min(look, deadline))) {
+            std::optional<std::string> message = receive();
+            if (message && attached_ && is_event(*message))
+                keep(*std::move(message));
+            else if (message)
+                return message;
+        } else if (!goes_on) {
+            break;
+        } else if (!goes_on()) {
+            fail("has ended");
+        }
         // Whoever floods us with events must not hold us either.
         if (clock::now() >= deadline)
             break;
@@ -117,11 +127,12 @@ std::optional<std::string> hostapd_control::request(std::string_view command) {
 }
 
 std::optional<std::string> hostapd_control::request(std::string_view command,
-                                                    std::chrono::milliseconds wait) {
+                                                    std::chrono::milliseconds wait,
+                                                    const std::function<bool()>& goes_on) {
     const clock::time_point deadline = clock::now() + wait;
     if (!is_open() || !send(command, deadline))
         return std::nullopt;
-    return receive_answer(wait, deadline);
+    return receive_answer(wait, deadline, goes_on);
 }
 
 bool hostapd_control::command(std::string_view text) {

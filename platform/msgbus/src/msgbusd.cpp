@@ -14,6 +14,7 @@
 #include "frame.h"
 #include "logsink.h"
 #include "msgbus_broker.h"
+#include "ready.h"
 
 namespace {
 
@@ -124,6 +125,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "msgbusd: %s\n", broker.error().c_str());
         return EXIT_FAILURE;
     }
+    tell_ready();
     broker.run();
     return EXIT_SUCCESS;
 }

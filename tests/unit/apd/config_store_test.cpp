@@ -88,6 +88,47 @@ TEST_F(ApdConfigStore, RefusesWhatCannotBeWithPathValueAndBound) {
     EXPECT_THAT(store.changes(), IsEmpty());
 }
 
+// Otherwise an access point whose mode is {} would be an open one.
+TEST_F(ApdConfigStore, RefusesAnObjectWhereAValueBelongs) {
+    const std::string mode = "/interface/wlan0-va0/vap/ap-security/mode";
+    EXPECT_THAT(store.set(mode, new_object()), HasSubstr(mode + ": \"{}\" is not one of"));
+    EXPECT_THAT(store.set("/nonsense", new_object()), HasSubstr("no setting /nonsense"));
+    for (const char* tree : {R"({"tpc": {}})", R"({"tpc": {"a": {}}})", R"({"a": {}})",
+                             R"({"": {}})", R"({"tpc/": {}})"})
+        EXPECT_NE(store.set("/orvanta", parse_json(tree)), "") << tree;
+    EXPECT_NE(store.set("/orvanta", parse_json(R"({"": "x"})")), "");
+    std::string deep = "{}";
+    for (std::size_t level = 0; level < kDeepest; level++)
+        deep = R"({"a": )" + deep + '}';
+    EXPECT_NE(store.set("/orvanta", parse_json(deep)), "");
+    EXPECT_THAT(store.changes(), IsEmpty());
+    for (const char* empty : {"/orvanta", "/interface/wlan0-va1", "/interface/wlan0-va1/vap"})
+        EXPECT_EQ(store.set(empty, new_object()), "") << empty;
+}
+
+TEST_F(ApdConfigStore, RefusesANameThatIsNoneInTheFilesOfHostapd) {
+    const std::string lines = "/interface/wlan0-va0/vap/hostapd/";
+    for (const char* name : {"a\nwpa_passphrase", "a=b", "#a", "a b", "\xc3\xa4"})
+        EXPECT_THAT(store.set(lines + name, text_node("1")), HasSubstr("no setting")) << name;
+    EXPECT_NE(store.set("/interface", parse_json(R"({"wlan0-va0/vap/hostapd/a": "1"})")), "");
+    EXPECT_EQ(store.set(lines + "he_bss_color", text_node("1")), "");
+}
+
+TEST_F(ApdConfigStore, StoresNothingThatItCouldNotReadAgain) {
+    const std::string any = "/interface/wlan0/wlan/radio/antenna-configuration";
+    std::string deep = R"({"name": )";
+    for (int level = 0; level < 28; level++)
+        deep += '[';
+    for (int level = 0; level < 28; level++)
+        deep += ']';
+    EXPECT_THAT(store.set(any, parse_json(deep + '}')), HasSubstr("too deeply"));
+    EXPECT_EQ(store.set(any + "/name", text_node(std::string(kMaxFileBytes, 'x'))), "");
+    EXPECT_THAT(store.commit(), HasSubstr("File too large"));
+    ConfigStore again = anew();
+    EXPECT_TRUE(again.load());
+    EXPECT_EQ(scalar_text(again.get(kChannelPath)), "6");
+}
+
 TEST_F(ApdConfigStore, DoesNotRepeatAPasswordThatItRefuses) {
     EXPECT_THAT(store.set("/interface/wlan0-va0/vap/ap-security/passphrase", text_node("short")),
                 testing::Not(HasSubstr("short")));
@@ -121,6 +162,55 @@ TEST_F(ApdConfigStore, LetsTheServiceGiveWayToACommitAtTheSamePath) {
     EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/tx-power"), "9");
 }
 
+// The upper half of 40 MHz, of which the service had named the lower one.
+TEST_F(ApdConfigStore, LetsTheServiceGiveWayWhereItDoesNotGoWithACommit) {
+    const std::string radio = "/interface/wlan1/wlan/radio/";
+    store.set_service(radio + "bandwidth", text_node("40"));
+    store.set_service(radio + "control-sideband", text_node("lower"));
+    store.set_service("/wids/mac-lists", parse_json(R"({"black": []})"));
+    EXPECT_EQ(store.set(radio + "channel", text_node("40")), "");
+    logsink_set_file((folder / "log").c_str());
+    EXPECT_EQ(store.commit(), "");
+    logsink_set_file(nullptr);
+    EXPECT_EQ(judge_access_point(store.running()), "");
+    EXPECT_EQ(in_force(radio + "channel"), "40");
+    EXPECT_EQ(in_force(radio + "bandwidth"), "80");
+    EXPECT_NE(store.get("/wids/mac-lists"), nullptr);
+    EXPECT_THAT(folder.read("log"),
+                HasSubstr("forgets what the service had set: /interface/wlan1/wlan/radio: "));
+    ConfigStore again = anew();
+    EXPECT_TRUE(again.load());
+    again.load_service();
+    EXPECT_EQ(scalar_text(again.get(radio + "bandwidth")), "80");
+}
+
+TEST_F(ApdConfigStore, LetsTheServiceGiveWayWhereItDoesNotGoWithAFileReadAnew) {
+    store.set_service("/interface/wlan0/wlan/radio/tx-power", text_node("18"));
+    const Json tree = parse_json(kTwoRadios);
+    put_path(tree.get(), "/interface/wlan0/wlan/radio/tx-power-max", text_node("10"));
+    folder.write("apd.json", compact(tree.get()));
+    EXPECT_TRUE(store.load());
+    EXPECT_EQ(judge_access_point(store.running()), "");
+    EXPECT_EQ(store.get("/interface/wlan0/wlan/radio/tx-power"), nullptr);
+}
+
+TEST_F(ApdConfigStore, LeavesOutOfTheServicesFileWhatTheServiceCannotHaveSet) {
+    folder.write("service.json", R"({"/interface": 5, "/interface/wlan1": {}, "x": 1, "/": {},
+        "/nonsense": {}, "/interface/wlan0/wlan/radio/bandwidth": [],
+        "/interface/wlan0-va0/vap/ft-config": "x", "/wids/mac-lists": {"black": []},
+        "/interface/wlan0/wlan/radio/tx-power": "9"})");
+    logsink_set_file((folder / "log").c_str());
+    store.load_service();
+    logsink_set_file(nullptr);
+    EXPECT_THAT(folder.read("log"), HasSubstr("service.json: there is no setting /interface\n"));
+    EXPECT_EQ(in_force(kChannelPath), "6");
+    EXPECT_EQ(in_force("/interface/wlan1/wlan/radio/channel"), "36");
+    EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/bandwidth"), "20");
+    EXPECT_EQ(in_force("/interface/wlan0-va0/vap/ft-config/enabled"), "true");
+    EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/tx-power"), "9");
+    EXPECT_NE(store.get("/wids/mac-lists"), nullptr);
+}
+
 TEST_F(ApdConfigStore, KeepsWhatWasInForceWhenTheFileIsBroken) {
     for (const char* broken :
          {"{", "[]", "null", "\xff\xfe", "",
@@ -144,9 +234,25 @@ TEST_F(ApdConfigStore, StartsWithWhatWasUsableLast) {
     EXPECT_EQ(scalar_text(again.get(kChannelPath)), "6");
 }
 
+TEST_F(ApdConfigStore, TellsThatThereIsNothingThatWasUsableLast) {
+    ConfigStore none{{folder / "none.json", "", folder / "none-either.json"}, judge_access_point};
+    EXPECT_FALSE(none.load_last_good());
+}
+
+TEST_F(ApdConfigStore, TellsOfABrokenFileInOneLine) {
+    folder.write("apd.json", R"({"orvanta": {"t\nerror: \u001b[31mpc": "true"}})");
+    logsink_set_file((folder / "log").c_str());
+    EXPECT_FALSE(store.load());
+    logsink_set_file(nullptr);
+    EXPECT_THAT(folder.read("log"), HasSubstr("there is no setting /orvanta/t?error: ?[31mpc\n"));
+}
+
 TEST_F(ApdConfigStore, IsEmptyWithoutAFile) {
     ConfigStore none{{folder / "none.json", "", ""}, judge_access_point};
+    logsink_set_file((folder / "log").c_str());
     EXPECT_TRUE(none.load());
+    logsink_set_file(nullptr);
+    EXPECT_THAT(folder.read("log"), HasSubstr("there is no " + (folder / "none.json")));
     EXPECT_EQ(none.get("/interface"), nullptr);
 }
 

@@ -1,8 +1,15 @@
 #include "hostapd_link.h"
 
 #include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "fake_hostapd.h"
@@ -45,6 +52,63 @@ TEST_F(ApdHostapdLink, TellsAHostapdThatIsSilentFromOneThatHasGone) {
     EXPECT_TRUE(link.is_silent());
     hostapd.reset();
     EXPECT_FALSE(link.is_silent());
+}
+
+// Answers PING and ATTACH, and ends at anything else. The socket stays, as that of a hostapd that
+// was killed.
+[[noreturn]] void play_hostapd(const std::string& path) {
+    sockaddr_un own{};
+    own.sun_family = AF_UNIX;
+    path.copy(own.sun_path, sizeof own.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0)
+        _exit(1);
+    for (;;) {
+        std::array<char, 64> text{};
+        sockaddr_un other{};
+        socklen_t size = sizeof other;
+        if (recvfrom(fd, text.data(), text.size() - 1, 0, reinterpret_cast<sockaddr*>(&other),
+                     &size) < 0)
+            _exit(1);
+        const std::string_view command{text.data()};
+        if (command != "PING" && command != "ATTACH")
+            _exit(0);
+        const std::string_view answer = command == "PING" ? "PONG\n" : "OK\n";
+        sendto(fd, answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr*>(&other),
+               size);
+    }
+}
+
+// A process of its own, which is reaped as soon as it has ended.
+class HostapdProcess {
+  public:
+    explicit HostapdProcess(const std::string& path) : pid_(fork()) {
+        if (pid_ == 0)
+            play_hostapd(path);
+        reaper_ = std::thread{[this] { waitpid(pid_, nullptr, 0); }};
+    }
+    ~HostapdProcess() { reaper_.join(); }
+    HostapdProcess(const HostapdProcess&) = delete;
+    HostapdProcess& operator=(const HostapdProcess&) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_;
+    std::thread reaper_;
+};
+
+TEST_F(ApdHostapdLink, DoesNotAwaitTheAnswerOfAHostapdThatHasEnded) {
+    const HostapdProcess hostapd{path};
+    HostapdLink link{path, {std::chrono::minutes{1}, std::chrono::minutes{1}}};
+    while (!link.connect())
+        std::this_thread::yield();
+    EXPECT_EQ(link.pid(), hostapd.pid());
+    EXPECT_FALSE(link.tell("wlan0-va0", "STATUS"));
+    unlink(path.c_str());
+    const FakeHostapd next{path};
+    EXPECT_FALSE(link.is_silent()) << "the one that is there now is another";
+    EXPECT_TRUE(link.connect());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "apd_support.h"
+#include "logsink.h"
 #include "temporary_folder.h"
 
 namespace apd {
@@ -12,6 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 class ApdManager : public testing::Test {
@@ -86,10 +88,22 @@ TEST_F(ApdManager, KeepsWhatTheServiceWantsOnceTheRadioIsThere) {
     EXPECT_EQ(in_force("/interface/wlan0/wlan/radio/auto-channel"), "false");
 }
 
+TEST_F(ApdManager, AsksForAChannelThatTheServiceNamesAgain) {
+    const Manager::Params wide = {{"channel", "6"}, {"bandwidth", "40"}};
+    manager.update_radio("wlan0", wide, answer());
+    manager.take_event("wlan0-va0", "AP-ENABLED");  // hostapd has heard others
+    hostapd.commands.clear();
+    manager.update_radio("wlan0", {{"tx-power", "9"}}, answer());
+    EXPECT_THAT(hostapd.told("ADD"), IsEmpty());
+    manager.update_radio("wlan0", wide, answer());
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+}
+
 TEST_F(ApdManager, KeepsNothingThatIsRefused) {
     const Manager::Params wrong[] = {
-        {{"channel", "14"}},  {{"channel", "x"}}, {{"bandwidth", "30"}}, {{"tx-power", "99"}},
-        {{"tx-power", "30"}}, {{"no-such", "1"}}, {{"country", "zz"}},   {{"channel", "-1"}}};
+        {{"channel", "14"}},  {{"channel", "x"}},   {{"bandwidth", "30"}},
+        {{"tx-power", "99"}}, {{"tx-power", "30"}}, {{"no-such", "1"}},
+        {{"country", "zz"}},  {{"channel", "-1"}},  {{"hostapd/wpa", "0"}}};
     for (const Manager::Params& params : wrong) {
         answers.clear();
         manager.update_radio("wlan0", params, answer());
@@ -158,6 +172,16 @@ TEST_F(ApdManager, PutsTheBlackListIntoEveryAccessPoint) {
     manager.set_mac_lists(none.get());
     EXPECT_THAT(hostapd.told("DENY_ACL DEL_MAC 02:00:00:00:00:01"), SizeIs(3));
     EXPECT_EQ(folder.read("black-list"), "");
+}
+
+TEST_F(ApdManager, TellsOfABlackListThatItCannotWrite) {
+    std::filesystem::remove(folder / "black-list");
+    std::filesystem::create_directory(folder / "black-list");
+    logsink_set_file((folder / "log").c_str());
+    manager.set_mac_lists(parse_json(R"({"black": ["02:00:00:00:00:01"]})").get());
+    logsink_set_file(nullptr);
+    EXPECT_THAT(folder.read("log"), HasSubstr("cannot write " + (folder / "black-list")));
+    EXPECT_THAT(hostapd.told("DENY_ACL ADD_MAC 02:00:00:00:00:01"), Not(IsEmpty()));
 }
 
 TEST_F(ApdManager, LeavesARadioAloneThatIsScannedWith) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "apd_support.h"
+#include "logsink.h"
 #include "temporary_folder.h"
 
 namespace apd {
@@ -24,11 +25,11 @@ class ApdRadioControl : public testing::Test {
         put("/interface/wlan0/wlan/radio/" + name, value);
     }
     // Wants what the tree says; the answer is in `answers`.
-    void want() {
+    void want(RadioControl::ChannelIs channel = RadioControl::ChannelIs::kAsBefore) {
         std::string reason;
         const std::optional<AccessPoint> all = read_access_point(tree.get(), reason);
         ASSERT_TRUE(all) << reason;
-        radio.want((*all)[0], [this](const std::string& why) { answers.push_back(why); });
+        radio.want((*all)[0], [this](const std::string& why) { answers.push_back(why); }, channel);
     }
     void event(const std::string& text) { radio.take("wlan0-va0", *read_event(text)); }
     void is_on(const Channel& channel) {
@@ -42,6 +43,15 @@ class ApdRadioControl : public testing::Test {
         event("AP-ENABLED");
         ASSERT_EQ(radio.state(), RadioControl::State::kUp);
         answers.clear();
+        hostapd.commands.clear();
+    }
+    // hostapd has left a radio at 20 MHz that was to have 40, and what led there is forgotten.
+    void bring_up_refused_40mhz() {
+        bring_up();
+        put_radio("bandwidth", "40");
+        want();
+        event("AP-ENABLED");
+        ASSERT_EQ(radio.applied()->channel, (Channel{6, 20}));
         hostapd.commands.clear();
     }
     [[nodiscard]] std::string last_answer() const {
@@ -142,6 +152,28 @@ TEST_F(ApdRadioControl, StartsAnewWhatTheKernelNoLongerSends) {
     EXPECT_EQ(radio.state(), RadioControl::State::kUp);
 }
 
+// As with rfkill(8).
+TEST_F(ApdRadioControl, IsDownWhileTheKernelRefusesTheRadio) {
+    bring_up();
+    const RadioAbility ability = kernel.abilities["wlan0"];
+    kernel.abilities.erase("wlan0");
+    kernel.channels.clear();
+    for (int look = 0; look < 2; look++) {
+        now += std::chrono::seconds{10};
+        radio.tick();
+    }
+    EXPECT_EQ(radio.state(), RadioControl::State::kDown);
+    EXPECT_FALSE(radio.applied());
+    EXPECT_EQ(radio.trouble(), "there is no interface wlan0");
+    kernel.abilities["wlan0"] = ability;
+    is_on({6, 20});
+    for (int look = 0; look < 2; look++) {
+        now += std::chrono::minutes{1};
+        radio.tick();
+    }
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+}
+
 TEST_F(ApdRadioControl, StartsAnewWhereTheDriverCannotAnnounce) {
     kernel.abilities["wlan0"].csa = false;
     bring_up();
@@ -173,6 +205,36 @@ TEST_F(ApdRadioControl, LetsHostapdLookForOthersBefore40MhzAt24Ghz) {
     event("AP-ENABLED");
     EXPECT_EQ(last_answer(), "");
     EXPECT_EQ(radio.applied()->channel, (Channel{6, 20}));
+}
+
+TEST_F(ApdRadioControl, LetsHostapdLookForOthersBefore40MhzElsewhereAt24Ghz) {
+    put_radio("bandwidth", "40");
+    want();
+    is_on({6, 40, Sideband::kLower});
+    event("AP-ENABLED");
+    hostapd.commands.clear();
+    put_radio("control-sideband", "upper");
+    want();
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), IsEmpty());
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+}
+
+TEST_F(ApdRadioControl, LeavesA40MhzChannelThatOthersOverlapAloneWhenSomethingElseChanges) {
+    bring_up_refused_40mhz();
+    put_radio("tx-power", "9");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_EQ(kernel.powers["phy0"], 9);
+    EXPECT_THAT(hostapd.commands, IsEmpty());
+}
+
+TEST_F(ApdRadioControl, Tries40MhzAgainWhenTheyAreAskedForAgain) {
+    bring_up_refused_40mhz();
+    want(RadioControl::ChannelIs::kAskedFor);
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+    is_on({6, 40, Sideband::kLower});
+    event("AP-ENABLED");
+    EXPECT_EQ(radio.applied()->channel.width, 40);
 }
 
 TEST_F(ApdRadioControl, RefusesWhatTheRegulatoryDomainDoesNotHave) {
@@ -217,6 +279,24 @@ TEST_F(ApdRadioControl, EntersARadarChannelByAStartAndAnswersWhenTheCheckBegins)
     EXPECT_EQ(settled, 1);
 }
 
+TEST_F(ApdRadioControl, TakesOtherChangesAfterARadarHasDrivenItAway) {
+    put_radio("channel", "52");
+    want();
+    is_on({52, 20});
+    event("AP-ENABLED");
+    kernel.abilities["wlan0"].channels[17].radar_seen = true;
+    is_on({36, 20});
+    event("AP-CSA-FINISHED freq=5180 dfs=0");
+    hostapd.commands.clear();
+    put_radio("tx-power", "9");
+    want();
+    EXPECT_EQ(last_answer(), "");
+    EXPECT_EQ(kernel.powers["phy0"], 9);
+    EXPECT_THAT(hostapd.commands, IsEmpty());
+    want(RadioControl::ChannelIs::kAskedFor);
+    EXPECT_EQ(last_answer(), "channel 52 was left for a radar lately");
+}
+
 TEST_F(ApdRadioControl, FollowsHostapdAndTellsWhereItWent) {
     bring_up();
     is_on({1, 20});
@@ -240,10 +320,124 @@ TEST_F(ApdRadioControl, GoesBackWhenAStartFails) {
 TEST_F(ApdRadioControl, GivesUpAStartThatHangs) {
     hostapd.state = "HT_SCAN";
     want();
-    now += std::chrono::seconds{16};
+    now += std::chrono::seconds{15};
     radio.tick();
     EXPECT_THAT(last_answer(), HasSubstr("does not start within 15 s (it is at HT_SCAN)"));
     EXPECT_EQ(radio.state(), RadioControl::State::kDown);
+}
+
+TEST_F(ApdRadioControl, RefusesWhatItDoesNotReachWhileTheAgentWaits) {
+    bring_up();
+    hostapd.state = "HT_SCAN";
+    put_radio("channel", "11");
+    want();
+    now += std::chrono::seconds{5};
+    radio.tick();
+    ASSERT_EQ(radio.state(), RadioControl::State::kStarting) << "the announcement has failed";
+    now += std::chrono::seconds{12};
+    radio.tick();
+    EXPECT_THAT(answers, IsEmpty());
+    now += std::chrono::seconds{1};
+    radio.tick();
+    EXPECT_EQ(last_answer(), "hostapd does not start within 13 s (it is at HT_SCAN)");
+}
+
+TEST_F(ApdRadioControl, RefusesAChangeWhoseTurnComesTooLate) {
+    std::string reason;
+    hostapd.state = "HT_SCAN";
+    radio.bring_to((*read_access_point(tree.get(), reason))[0]);
+    put_radio("channel", "11");
+    want();
+    now += std::chrono::seconds{18};
+    hostapd.state = "ENABLED";
+    hostapd.commands.clear();
+    radio.tick();
+    EXPECT_EQ(last_answer(), "the changes before it took too long");
+    EXPECT_THAT(hostapd.told("CHAN_SWITCH"), IsEmpty());
+}
+
+TEST_F(ApdRadioControl, TriesARadioAgainThatStaysDown) {
+    hostapd.state = "DISABLED";
+    std::string reason;
+    radio.bring_to((*read_access_point(tree.get(), reason))[0]);
+    radio.tick();
+    ASSERT_EQ(radio.state(), RadioControl::State::kDown);
+    EXPECT_EQ(radio.trouble(), "hostapd cannot start channel 6");
+    hostapd.commands.clear();
+    now += std::chrono::seconds{59};
+    radio.tick();
+    EXPECT_THAT(hostapd.told("ADD"), IsEmpty());
+    hostapd.state = "ENABLED";
+    is_on({6, 20});
+    now += std::chrono::seconds{1};
+    radio.tick();
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+    radio.tick();
+    EXPECT_EQ(radio.state(), RadioControl::State::kUp);
+    EXPECT_EQ(radio.trouble(), "");
+    EXPECT_EQ(settled, 1) << "the agent is to read its channel anew";
+}
+
+TEST_F(ApdRadioControl, LogsARefusalWheneverItIsAskedForAndNotAtEachTrial) {
+    logsink_set_file((folder / "log").c_str());
+    hostapd.state = "DISABLED";
+    std::string reason;
+    for (int times = 0; times < 2; times++) {
+        radio.bring_to((*read_access_point(tree.get(), reason))[0]);
+        radio.tick();
+    }
+    for (int trial = 0; trial < 2; trial++) {
+        now += std::chrono::minutes{1};
+        radio.tick();
+        radio.tick();
+    }
+    logsink_set_file(nullptr);
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(8)) << "twice two access points, and two trials";
+    const std::string log = folder.read("log");
+    const std::string line = "hostapd cannot start channel 6";
+    const std::size_t first = log.find(line);
+    ASSERT_NE(first, std::string::npos);
+    const std::size_t second = log.find(line, first + 1);
+    ASSERT_NE(second, std::string::npos);
+    EXPECT_EQ(log.find(line, second + 1), std::string::npos);
+}
+
+TEST_F(ApdRadioControl, StartsWithWhatItHadWhereOtherSettingsWereRefused) {
+    bring_up();
+    kernel.abilities["wlan0"].channels.erase(kernel.abilities["wlan0"].channels.begin() + 12);
+    put_radio("channel", "13");
+    std::string reason;
+    radio.bring_to((*read_access_point(tree.get(), reason))[0]);
+    ASSERT_EQ(radio.state(), RadioControl::State::kUp);
+    radio.hostapd_went();
+    radio.hostapd_came({});
+    EXPECT_THAT(folder.read("wlan0-va0.conf"), HasSubstr("channel=6\n"));
+}
+
+TEST_F(ApdRadioControl, TriesARadioAgainThatIsPluggedIn) {
+    const RadioAbility ability = kernel.abilities["wlan0"];
+    kernel.abilities.erase("wlan0");
+    std::string reason;
+    radio.bring_to((*read_access_point(tree.get(), reason))[0]);
+    EXPECT_EQ(radio.trouble(), "there is no interface wlan0");
+    for (int minute = 0; minute < 2; minute++) {
+        now += std::chrono::minutes{1};
+        radio.tick();
+    }
+    EXPECT_EQ(radio.trouble(), "there is no interface wlan0");
+    kernel.abilities["wlan0"] = ability;
+    now += std::chrono::minutes{1};
+    radio.tick();
+    EXPECT_THAT(hostapd.told("ADD"), SizeIs(2));
+}
+
+TEST_F(ApdRadioControl, LeavesARadioDownThatIsToBeDown) {
+    bring_up();
+    radio.bring_to(std::nullopt);
+    hostapd.commands.clear();
+    now += std::chrono::minutes{2};
+    radio.tick();
+    EXPECT_THAT(hostapd.commands, IsEmpty());
 }
 
 TEST_F(ApdRadioControl, StartsAllAccessPointsAnewForTheFirst) {
@@ -362,6 +556,13 @@ TEST_F(ApdRadioControl, TakesOverWhatRunsAsWanted) {
     EXPECT_EQ(kernel.powers["phy0"], 15) << "the kernel sends with " << kernel.sent_with << " dBm";
     EXPECT_THAT(hostapd.told("REMOVE"), IsEmpty());
     EXPECT_THAT(hostapd.told("ADD"), IsEmpty());
+}
+
+TEST_F(ApdRadioControl, EndsWhatRunsAndIsNotWanted) {
+    kernel.vaps["wlan0-va0"] = Mac{};
+    radio.hostapd_came({"wlan0-va0", "wlan1-va0"});
+    EXPECT_THAT(hostapd.told("REMOVE"), ElementsAre("REMOVE wlan0-va0"));
+    EXPECT_THAT(kernel.vaps, IsEmpty());
 }
 
 TEST_F(ApdRadioControl, StartsAgainWhenHostapdComesBack) {

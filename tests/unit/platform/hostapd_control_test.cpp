@@ -49,6 +49,13 @@ TEST_F(HostapdControl, ASilentHostapdEndsTheConnection) {
     EXPECT_EQ(control.why(), path + ": no answer within 20 ms");
 }
 
+TEST_F(HostapdControl, IsNotAwaitedAfterItsEnd) {
+    const FakeHostapd hostapd{path, [](const std::string&) { return std::nullopt; }};
+    hostapd_control control{path};
+    EXPECT_EQ(control.request("PING", kPatience, [] { return false; }), std::nullopt);
+    EXPECT_EQ(control.why(), path + ": has ended");
+}
+
 TEST_F(HostapdControl, ACommandThatTakesLongHasATimeOfItsOwn) {
     const FakeHostapd hostapd{path, [](const std::string&) {
                                   std::this_thread::sleep_for(3 * kShort);
