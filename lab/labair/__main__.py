@@ -83,6 +83,8 @@ async def soak(air, options):
     course = Soak(air, options.seed, functools.partial(print, flush=True))
     try:
         await course.run(options.soak * 60)
+    except asyncio.CancelledError:
+        raise LabError("ended before its time") from None
     finally:
         print(tables.table(
             ("daemon", "processes", "private KiB", "pss KiB", "threads", "descriptors"),

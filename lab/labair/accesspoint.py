@@ -31,6 +31,10 @@ WAITS = """cd /proc/$0/task && for task in *; do
 done
 ls -la --time-style=full-iso /tmp/.orvanta* /run/*.pid"""
 BANDS = ("2.4GHz", "5GHz")
+# Lines of hostapd.conf(5) by band. With 802.11ax the simulated radios have no 40 MHz at 2.4 GHz.
+# hostapd 2.10 goes from one radar channel to another one, where it begins to listen, if it may.
+HOSTAPD_LINES = ({"ieee80211ax": "0"}, {"chanlist": "36 40 44 48 52"})
+MAC_LIST = "air-list"  # the access point's name for it
 
 
 @dataclasses.dataclass(frozen=True)
@@ -89,15 +93,19 @@ class AirAccessPoint:
     def files(self) -> dict[str, str]:
         """{name: content}: what the daemons read."""
         policy = "allow=root as any to any\n"
-        lumd = [f"orvanta_service_url=ws://{HOST}:{self.service.port}{self.service.path}",
-                "initial_connection_delay=1", "max_connection_delay=4", "ap_location=air",
-                f"log_level={LOG_LEVEL}", f"log_file={LUMD_LOG}"]
         radios = [{"ifname": f"wlan{number}", "driver": "nl80211", "bands": [band],
                    "antenna-gain": {"type": "none"}} for number, band in enumerate(BANDS)]
         factory = {"board": "air", "hw": "1.0", "serial": self.name, "mac": self.mac}
-        return {"msgbusd.conf": policy, "lumd.conf": "\n".join(lumd) + "\n",
+        return {"msgbusd.conf": policy, "lumd.conf": self.lumd_settings("orvanta_service_url"),
                 "radios.json": json.dumps({"radios": radios}),
                 "factory.json": json.dumps(factory), "apd.json": json.dumps(self.settings())}
+
+    def lumd_settings(self, mode: str) -> str:
+        """lumd.conf of a mode, which its service's key makes."""
+        return "\n".join((
+            f"{mode}=ws://{HOST}:{self.service.port}{self.service.path}",
+            "initial_connection_delay=1", "max_connection_delay=4", "ap_location=air",
+            f"mac-list-id={MAC_LIST}", f"log_level={LOG_LEVEL}", f"log_file={LUMD_LOG}")) + "\n"
 
     def settings(self) -> dict:
         """What is stored in apd.json."""
@@ -106,7 +114,8 @@ class AirAccessPoint:
             tree[f"wlan{number}"] = {"wlan": {"radio": {
                 "band": band, "country": self.network.country, "channel": channel.number,
                 "bandwidth": channel.bandwidth, "tx-power": channel.power, "tx-power-min": 1,
-                "tx-power-max": 20, "eirp-min": 1, "eirp-max": 30}}}
+                "tx-power-max": 20, "eirp-min": 1, "eirp-max": 30,
+                "hostapd": HOSTAPD_LINES[number]}}}
             tree[f"wlan{number}-va0"] = {
                 "common": {"enabled": True, "bridge": "br0"},
                 "vap": {"ssid": self.network.ssid,
@@ -114,7 +123,8 @@ class AirAccessPoint:
                                         "passphrase": self.network.passphrase},
                         "w80211kv-config": {"enabled": True},
                         "ft-config": self.fast_transition()}}
-        return {"interface": tree}
+        return {"interface": tree,
+                "orvanta": {"dca": True, "tpc": True, "load-balance-80211v": True}}
 
     def fast_transition(self) -> dict:
         """Keys are made from the passphrase until the service brings key holders."""
@@ -164,11 +174,27 @@ class AirAccessPoint:
 
     async def wait_path(self, path: str, timeout: float = 30.0) -> None:
         """Until there is such a file in its place."""
-        await self.until(f"no {path}", lambda: self._has(path), bool, timeout)
+        await self.until(f"no {path}", lambda: self.has(path), bool, timeout)
 
-    async def _has(self, path):
+    async def has(self, path: str) -> bool:
+        """Whether there is such a file in its place."""
         output = await self.machine.run(self.name, "ls", "-d", path, status=None)
         return output.strip() == path
+
+    async def restart_lumd(self, mode: str) -> None:
+        """In another mode, as its unit does it."""
+        await self.kill("lumd")
+        await self.machine.call("write", place=self.name, path=f"{FOLDER}/lumd.conf",
+                                text=self.lumd_settings(mode))
+        await self.machine.run(self.name, "/mnt/packaging/hooks/hostapd-notify")
+        await self.start_daemon("lumd")
+
+    async def commit(self, interface: str, settings: dict[str, str]) -> None:
+        """An operator changes settings of an interface, by their paths there."""
+        words = [word for path, value in settings.items()
+                 for word in (f"/interface/{interface}/{path}", value)]
+        for command in (("set", *words), ("commit",)):
+            await self.machine.run(self.name, "env", f"MSGBUS_SOCKET={BUS}", "/srv/apctl", *command)
 
     # What is seen
 
@@ -180,9 +206,16 @@ class AirAccessPoint:
         """Who the kernel has at the access point of a radio."""
         return await self.machine.call("stations", place=self.name, ifname=f"wlan{radio}-va0")
 
+    async def access_point(self, radio: int) -> dict:
+        """That of a radio as the kernel has it, once it sends."""
+        name = f"wlan{radio}-va0"
+        all_ = await self.until(f"{name} does not send", self.kernel,
+                                lambda all_: all_[name].get("frequency") is not None)
+        return all_[name]
+
     async def bssid(self, radio: int) -> str:
         """As the kernel tells it."""
-        return (await self.kernel())[f"wlan{radio}-va0"]["address"]
+        return (await self.access_point(radio))["address"]
 
     async def hostapd(self, radio: int, command: str) -> str:
         """hostapd's answer on the control socket of a radio's access point."""

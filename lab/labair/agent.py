@@ -138,9 +138,10 @@ class Agent:
             "&& mkdir -p /run/lock && ip link set lo up && echo made && exec sleep infinity"
         keeper = await asyncio.create_subprocess_exec(
             "unshare", "-n", "-m", "sh", "-c", script, stdin=asyncio.subprocess.DEVNULL,
-            stdout=asyncio.subprocess.PIPE)
+            stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.PIPE)
         if await keeper.stdout.readline() != b"made\n":
-            raise OSError(f"no place {name}")
+            why = (await keeper.stderr.read()).decode(errors="replace").strip()
+            raise OSError(f"no place {name}: {why}")
         self._places[name] = Place(keeper)
         for command in commands:
             done = await self.call_run(name, command)

@@ -7,13 +7,14 @@ import pathlib
 from labshow.process import TREE
 
 from .accesspoint import AirAccessPoint, Channel, Network
-from .frames import Frame, management_frames
+from .frames import Frame, KeyFrame, key_frames, management_frames
 from .machine import Machine
 from .station import Station
 
-CAPTURE = "/tmp/air.pcap"
+CAPTURE, WIRED_CAPTURE = "/tmp/air.pcap", "/tmp/wire.pcap"
 # Beacons and probes are most of the frames, and say nothing that the kernel does not.
 WANTED = "type mgt and not subtype beacon and not subtype probe-req and not subtype probe-resp"
+WIRED_WANTED = "ether proto 0x88b7"
 RADIOS_A_POINT = 2
 DEBUG = "/sys/kernel/debug/ieee80211"
 MODULUS = 1 << 64  # the kernel takes negative numbers only so
@@ -55,9 +56,11 @@ class Air:
         """The machine and the places in it; neither daemons nor clients run yet."""
         await self.machine.start()
         await self.machine.run("", "iw", "reg", "set", self.plan.network.country)
-        await self.machine.call("start", place="", log="/tmp/tcpdump.log", command=[
-            "tcpdump", "-i", "hwsim0", "--immediate-mode", "-Z", "root", "-U", "-w", CAPTURE,
-            WANTED])
+        for interface, file, wanted in (("hwsim0", CAPTURE, WANTED),
+                                        ("br0", WIRED_CAPTURE, WIRED_WANTED)):
+            await self.machine.call("start", place="", log="/tmp/tcpdump.log", command=[
+                "tcpdump", "-i", interface, "--immediate-mode", "-Z", "root", "-U", "-w", file,
+                wanted])
         await asyncio.gather(*(point.start() for point in self.points))
         for number, point in enumerate(self.points):
             for radio in point.radios:
@@ -94,3 +97,12 @@ class Air:
         async with self._reading:
             self._capture += await self.machine.read("", CAPTURE, len(self._capture)) or b""
         return list(management_frames(self._capture))
+
+    async def key_frames(self) -> list[KeyFrame]:
+        """What the access points have said to each other about keys of 802.11r, in order."""
+        return list(key_frames(await self.machine.read("", WIRED_CAPTURE) or b""))
+
+    async def radar(self, radio: int) -> None:
+        """One comes up on the channel of a radio of the machine's."""
+        await self.machine.call("write", place="", text="1",
+                                path=f"{DEBUG}/phy{radio}/hwsim/dfs_simulate_radar")

@@ -46,8 +46,8 @@ class AirTalk:
         station = frame.receiver if is_sent else frame.transmitter
         speakers = ("hostapd", "client") if is_sent else ("client", "hostapd")
         event = self.journal.add(*speakers, name(frame), {
-            "client": self._names.get(station, ""), "station": station, "bssid": frame.bssid,
-            **content(frame)})
+            **({"client": self._names[station]} if station in self._names else {}),
+            "station": station, "bssid": frame.bssid, **content(frame)})
         event["t"] = seconds
 
 

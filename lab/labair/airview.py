@@ -3,38 +3,42 @@ while a page shows it."""
 import asyncio
 import collections
 import contextlib
-import json
 import time
 
-from labconsole import apstate, forms
+from labconsole import apstate
 from labconsole.source import View
 from labconsole.watch import Watch
 from labservice.server import ServiceError
-from labshow.outcome import REFUSED, UNKNOWN, Outcome
+from labshow.console import Refused
+from labshow.outcome import FAILED, REFUSED, Outcome
+from labtalk.journal import cut
 
 from .accesspoint import BANDS, DAEMONS, LIBRARY_NOISE, LUMD_LOG
 from .airtalk import AirTalk
+from .commands import AP, AirCommands
 from .machine import GuestError
-from .tour import channel_of
+from .steps import channel_of
 
 LOOK_SECONDS = 1.0  # between two looks
 PATIENCE = 3.0      # seconds after which a page that does not ask any more has gone
-QUIET, LONGEST_WAIT = 0.7, 10.0  # seconds of silence that end a command, and without it
+QUIET, LONGEST_WAIT = 2.0, 20.0  # seconds of silence that end a command, and without it
 LOG_LINES, LONGEST_LINE = 200, 300
-DRIVER, AP = "nl80211", "AP"  # as labair.nl80211 calls them
+DRIVER = "nl80211"
 
 
 class AirView(View):
     """Made on the loop of `air`, whose access point `point` is. `takes_commands`: not while
-    somebody else gives them."""
+    somebody else gives them. `doing`: what that is, in words."""
 
     def __init__(self, air, point):
         self._talk = AirTalk(air, point)
         super().__init__(point.name, "rrm", self._talk.journal)
-        self.takes_commands = False
+        self.takes_commands, self.doing = False, ""
         self._air, self._point = air, point
-        self._watch = Watch(self.journal)
-        self._kernel, self._stations, self._survey = {}, {}, {}
+        self._commands = AirCommands(
+            point, [other for other in air.points if other is not point], self._runs)
+        self._watch = Watch(self.journal, radios=self._commands.radios)
+        self._kernel, self._stations, self._survey, self._own = {}, {}, {}, set()
         self._log, self._log_read, self._ended = collections.deque(maxlen=LOG_LINES), 0, set()
         self._asked = 0.0
         air.machine.listeners.append(self._hear)
@@ -56,21 +60,29 @@ class AirView(View):
     async def _look_on(self):
         while True:
             if self._point.pids and time.monotonic() - self._asked < PATIENCE:
-                with contextlib.suppress(GuestError):  # an interface that is just not there
+                with contextlib.suppress(GuestError):
                     await self._look()
             await asyncio.sleep(LOOK_SECONDS)
 
     async def _look(self):
-        point, machine = self._point, self._air.machine
-        self._kernel = await point.kernel()
+        self._kernel = await self._point.kernel()
+        self._own.update(entry["address"] for entry in self._kernel.values()
+                         if entry["type"] == AP)
         for number in range(len(BANDS)):
-            self._stations[number] = await point.stations(number)
-            for entry in await machine.call("survey", place=point.name, ifname=_vap(number)):
-                self._survey[channel_of(entry["frequency"])] = entry
+            try:
+                await self._look_at(number)
+            except GuestError:  # an interface that is just not there
+                self._stations[number] = {}
         self._watch.sample(self._clients())
         await self._read_log()
-        await self._talk.look({entry["address"] for entry in self._kernel.values()
-                               if entry["type"] == AP})
+        await self._talk.look(self._own)
+
+    async def _look_at(self, number):
+        point = self._point
+        stations = await point.stations(number)
+        for entry in await self._air.machine.call("survey", place=point.name, ifname=_vap(number)):
+            self._survey[channel_of(entry["frequency"])] = entry
+        self._stations[number] = stations
 
     async def _read_log(self):
         data = await self._air.machine.read(self._point.name, LUMD_LOG, self._log_read) or b""
@@ -94,6 +106,7 @@ class AirView(View):
         for client in clients:
             client["signal"] = self._watch.signal(client["mac"])
         return {"about": {"scenario": "real 802.11", "mode": self.mode, "speed": 1,
+                          "doing": self.doing,
                           "description": f"{self.name}: mac80211 and hostapd in a virtual machine"},
                 "link": self._link(), "radios": self._radios(), "vaps": self._vaps(),
                 "clients": clients, "roams": list(self._watch.roams), "survey": self._heard(),
@@ -103,7 +116,7 @@ class AirView(View):
                 "log": list(self._log)}
 
     def _runs(self, name):
-        return self._point.pids.get(name, None) not in (None, *self._ended)
+        return self._point.pids.get(name) not in (None, *self._ended)
 
     def _link(self):
         known, service = self._known, self._point.service
@@ -179,21 +192,31 @@ class AirView(View):
     # Commands
 
     def forms(self):
-        return forms.of_air(self.mode, DAEMONS)
+        return self._commands.forms()
 
     async def execute(self, line, transcript):
         if not self.takes_commands:
             return Outcome(line, REFUSED, "the tour is under way")
-        name, _, rest = line.strip().partition(" ")
-        command = self.COMMANDS.get(name)
-        if command is None:
-            return Outcome(line, UNKNOWN, "unknown command")
         try:
-            await command(self, rest.strip())
-        except (GuestError, ServiceError, ValueError, KeyError) as error:
+            await self._commands.run(line.strip())
+            await self._settle()
+            with contextlib.suppress(GuestError):
+                await self._look()
+        except GuestError as error:
+            return Outcome(line, FAILED, cut(str(error).partition("\n")[0], LONGEST_LINE))
+        except (Refused, ServiceError, ValueError, TypeError) as error:
             return Outcome(line, REFUSED, str(error))
-        await self._settle()
+        self._tell(transcript)
         return Outcome(line)
+
+    def _tell(self, transcript):
+        """What the guest's kernel has now."""
+        transcript.heading("in the kernel")
+        for number in range(len(BANDS)):
+            model = self._model(number)
+            transcript.text(f"wlan{number}: " + (
+                f"channel {model['channel']}, {model['bandwidth']} MHz, {model['power']} dBm, "
+                f"{len(self._stations.get(number, ()))} clients" if model else "no channel"))
 
     async def _settle(self):
         """Until nobody says anything."""
@@ -202,23 +225,6 @@ class AirView(View):
             await asyncio.sleep(QUIET)
             if self.journal.count == before:
                 return
-
-    async def _send(self, text):
-        message = json.loads(text)
-        if not isinstance(message, dict):
-            raise ValueError("a message is an object")
-        await self._point.service.send(message)
-
-    async def _drop(self, _text):
-        await self._point.service.drop()
-
-    async def _daemon(self, text):
-        name, action = text.split()
-        if self._runs(name) == (action == "start"):
-            raise ValueError(f"{name} {'runs' if action == 'start' else 'does not run'}")
-        await (self._point.start_daemon(name) if action == "start" else self._point.kill(name))
-
-    COMMANDS = {"send": _send, "drop-link": _drop, "daemon": _daemon}
 
 
 def _vap(number):

@@ -7,12 +7,13 @@ import struct
 from collections.abc import Iterator
 
 PCAP_MAGIC, PCAP_HEADER, PCAP_RECORD = 0xA1B2C3D4, 24, struct.Struct("<IIII")
-LINKTYPE_RADIOTAP = 127
+LINKTYPE_ETHERNET, LINKTYPE_RADIOTAP = 1, 127
 MAC_HEADER, ADDRESS = 24, 6
 FCS = 4
 RADIOTAP_FLAGS, FLAG_HAS_FCS = 1, 0x10
 TYPE_MANAGEMENT = 0
-(REASSOCIATION_REQUEST, AUTHENTICATION, ACTION) = (2, 11, 13)  # subtypes, 9.2.4.1.3
+# Subtypes, 9.2.4.1.3.
+(REASSOCIATION_REQUEST, AUTHENTICATION, DEAUTHENTICATION, ACTION) = (2, 11, 12, 13)
 RADIO_MEASUREMENT, FAST_TRANSITION, WNM = 5, 6, 10             # categories, 9.4.1.11
 NEIGHBOR_REPORT_REQUEST, NEIGHBOR_REPORT_RESPONSE = 4, 5       # 9.6.6.1
 BSS_TRANSITION_REQUEST, BSS_TRANSITION_RESPONSE = 7, 8         # 9.6.13.1
@@ -21,7 +22,13 @@ MODE_CANDIDATES, MODE_ABRIDGED, MODE_DISASSOCIATION = 0x01, 0x02, 0x04
 MODE_TERMINATION, MODE_SESSION_URL = 0x08, 0x10
 TERMINATION_BYTES = 12
 NEIGHBOR_FIXED = struct.Struct("<6sIBBB")
+BROADCAST = "ff:ff:ff:ff:ff:ff"
 ALGORITHM_FT = 2  # 9.4.1.1
+AUTHENTICATION_FIXED = struct.Struct("<HHH")  # algorithm, sequence number, status: 9.3.3.11
+# What hostapd's key holders say to each other: IEEE 802-2014, 9.2.4, with the OUI of its authors.
+KEY_PROTOCOL = bytes.fromhex("88b7" "0013740001")
+ETHERNET_ADDRESSES = 2 * ADDRESS
+KEY_PULL, KEY_RESPONSE = 1, 2
 
 
 class FrameError(ValueError):
@@ -47,6 +54,24 @@ class Frame:
     def is_ft_authentication(self) -> bool:
         return self.subtype == AUTHENTICATION and \
             self.body[:2] == ALGORITHM_FT.to_bytes(2, "little")
+
+    @property
+    def refuses(self) -> bool:
+        """Whether it answers an authentication with a status that is no success, 9.4.1.9."""
+        if self.subtype != AUTHENTICATION or len(self.body) < AUTHENTICATION_FIXED.size:
+            return False
+        _, number, status = AUTHENTICATION_FIXED.unpack_from(self.body)
+        return number == 2 and status != 0
+
+
+@dataclasses.dataclass(frozen=True)
+class KeyFrame:
+    """One frame between key holders of 802.11r, over the distribution system."""
+
+    time: float
+    receiver: str
+    transmitter: str
+    kind: int
 
 
 @dataclasses.dataclass(frozen=True)
@@ -85,11 +110,28 @@ class TransitionResponse:
 
 
 def management_frames(capture: bytes) -> Iterator[Frame]:
-    """Those of a pcap file. A record that is not whole yet ends it."""
+    """Those of a pcap file of hwsim0."""
+    for time, record in _records(capture, LINKTYPE_RADIOTAP):
+        frame = _frame(time, record)
+        if frame is not None:
+            yield frame
+
+
+def key_frames(capture: bytes) -> Iterator[KeyFrame]:
+    """Those of a pcap file of an Ethernet."""
+    kind = ETHERNET_ADDRESSES + len(KEY_PROTOCOL)
+    for time, record in _records(capture, LINKTYPE_ETHERNET):
+        if record[ETHERNET_ADDRESSES:kind] == KEY_PROTOCOL and len(record) > kind:
+            yield KeyFrame(time, record[:ADDRESS].hex(":"),
+                           record[ADDRESS:ETHERNET_ADDRESSES].hex(":"), record[kind])
+
+
+def _records(capture, wanted_link):
+    """(seconds, bytes) of each. One that is not whole yet ends it."""
     if len(capture) < PCAP_HEADER:
         return
     magic, link = struct.unpack_from("<I16xI", capture)
-    if magic != PCAP_MAGIC or link != LINKTYPE_RADIOTAP:
+    if magic != PCAP_MAGIC or link != wanted_link:
         raise FrameError(f"a capture of kind {magic:x}, link type {link}")
     at = PCAP_HEADER
     while at + PCAP_RECORD.size <= len(capture):
@@ -97,10 +139,8 @@ def management_frames(capture: bytes) -> Iterator[Frame]:
         at += PCAP_RECORD.size
         if at + kept > len(capture):
             return
-        frame = _frame(seconds + microseconds / 1e6, capture[at:at + kept])
+        yield seconds + microseconds / 1e6, capture[at:at + kept]
         at += kept
-        if frame is not None:
-            yield frame
 
 
 def _frame(time, record):

@@ -18,6 +18,7 @@ CALL_WAIT = 120.0
 LINE_LIMIT = 1 << 24
 MEMORY_MB = 1024
 PROCESSORS = 2
+NEEDED = ("lumd", "msgbusd", "apd")  # of the programs
 
 
 class GuestError(LabError):
@@ -42,6 +43,9 @@ class Machine:
 
     async def start(self) -> None:
         """Up to the agent's first word."""
+        missing = [name for name in NEEDED if not (self.programs / name).exists()]
+        if missing:
+            raise GuestError(f"no {', '.join(missing)} in {self.programs}: ./run --air builds them")
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="lumd-air-"))
         self._ready = asyncio.get_running_loop().create_future()
         self._server = await asyncio.start_server(self._called, "127.0.0.1", 0, limit=LINE_LIMIT)

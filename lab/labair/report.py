@@ -21,13 +21,20 @@ async def show_tour(show: Show, programs: os.PathLike, page=None,
     `page` (labconsole.desk) the access points are on it, and stay after the tour for so many
     seconds, None: until it is cancelled."""
     air = Air(programs=programs)
-    tour = Tour(air, show.text, show.heading)
+    views = []
+
+    def begin(step):
+        show.heading(step)
+        for view in views:
+            view.doing = step
+
+    tour = Tour(air, show.text, begin)
     try:
-        views = present(air, page) if page is not None else []
+        views += present(air, page) if page is not None else []
         await tour.run()
         tell(show, tour)
         for view in views:
-            view.takes_commands = True
+            view.takes_commands, view.doing = True, ""
         if views:
             show.heading(STAYS)
             await asyncio.wait([asyncio.get_running_loop().create_future()], timeout=seconds)

@@ -18,7 +18,8 @@ from labshow.process import LabError
 from .accesspoint import BUS, DAEMONS, AirAccessPoint
 from .air import Air
 from .station import frequency
-from .tour import BAND_5, BAND_24, Tour
+from .steps import BAND_5, BAND_24
+from .tour import Tour
 
 # (channel, MHz) that every client can follow without a radar check.
 CHANNELS = {BAND_24: ((1, 20), (6, 20), (11, 20)),
@@ -35,6 +36,8 @@ LOOK_EVERY = 10.0
 # How often which command is given, out of their sum. A daemon dies about every minute.
 WEIGHTS = {"change": 40, "neighbours": 10, "ask": 10, "survey": 5, "steer": 10, "kill_hostapd": 3,
            "kill_apd": 3}
+HOSTAPD_PID = "/run/hostapd.pid"  # apd's word to lumd, and the file that lumd takes away
+STARTED = "/tmp/.orvanta_notify_hostapd_started"
 APD_MODULES = ("vaultd", "hubd", "scand")  # under which apd is on the bus
 # What is allowed beyond the run's second quarter: an allocator's pages, a connection that is open at
 # the moment.
@@ -136,11 +139,17 @@ class Soak:
                           "radios": [{"id": radio, "roam-count": 1}]})
 
     async def _kill_hostapd(self, point):
-        since = len(point.journal.events)
         await self._kill(point, "hostapd")
-        gone = await point.heard("rrm-disassoc-all-clients", since, SETTLED_WAIT)
-        await point.heard("rrm-config-changed", gone["n"], SETTLED_WAIT)
+        await point.until("lumd has not been told of the new hostapd",
+                          lambda: self._unseen(point), lambda unseen: not unseen, SETTLED_WAIT)
         await self._all_again(point)
+
+    @staticmethod
+    async def _unseen(point):
+        """Whether lumd is still to see the hostapd that runs. One that is back while lumd does
+        something else it has not seen go, and then tells the service of no lost clients."""
+        pid = (await point.read(HOSTAPD_PID)).strip()
+        return pid != str(point.pids["hostapd"]) or await point.has(STARTED)
 
     async def _kill_apd(self, point):
         await self._kill(point, "apd")

@@ -43,6 +43,16 @@ class Station:
         """wpa_supplicant's answer on its control socket."""
         return await self.machine.call("control", place=self.name, path=CONTROL, command=command)
 
+    async def join(self, ssid: str) -> None:
+        """Leaves the network that it is in for another one with the same passphrase."""
+        for command in ("DISCONNECT", f'SET_NETWORK 0 ssid "{ssid}"', "RECONNECT"):
+            await self.ask(command)
+
+    async def look(self, channel_frequency: str) -> None:
+        """Listens there for a beacon interval, if it does not just listen elsewhere, and then takes
+        what is best."""
+        await self.ask(f"SCAN freq={channel_frequency} passive=1")
+
     async def status(self) -> dict[str, str]:
         """wpa_supplicant's STATUS: wpa_state, bssid, freq, key_mgmt and more."""
         lines = (await self.ask("STATUS")).splitlines()

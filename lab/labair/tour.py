@@ -9,40 +9,26 @@ import asyncio
 import dataclasses
 import signal
 import time
-from collections.abc import Callable
 
 from labshow.process import LabError
 
 from . import frames
-from .accesspoint import DAEMONS, LUMD_LOG, AirAccessPoint
-from .air import FAR, NEAR, Air
+from .accesspoint import DAEMONS, LUMD_LOG
+from .air import FAR, NEAR
 from .machine import GuestError
-from .station import LOOK_PAUSE, Station, frequency
+from .radiosteps import RadioSteps
+from .securitysteps import SecuritySteps
+from .station import frequency
+from .steps import (APART, BAND_5, BAND_24, DISCONNECTED, LOOKS_AWAY, MOVE_WAIT, TIMES_ASKED,
+                    TOGETHER, channel_of)
 
-CONFIG = {"use-tpc": 1, "use-dca": 1, "use-80211v": 1, "use-80211r": 0}
-BAND_24, BAND_5 = 0, 1  # numbers of an access point's radios
 CHANNELS = {BAND_24: (11, 20), BAND_5: (44, 80)}  # to which the service moves the first one
 POWERS = {BAND_24: 9, BAND_5: 12}  # dBm
 SURVEYED = "1 6 36 44"
 SURVEY_WAIT = 90.0
 LIST_FIELD = "nr="
 GRACE = 60.0  # seconds that lumd waits for hostapd to come back
-TOGETHER, APART = 1, 2  # groups of radios that hear one another
 LOST = 95     # dB on the way from the client that is to move
-TIMES_ASKED = 3
-MOVE_WAIT = 20.0   # seconds
-LOOKS_AWAY = 12.0  # after a failure wpa_supplicant leaves an access point out for 10 s
-
-
-@dataclasses.dataclass(frozen=True)
-class Row:
-    """What was asked, what the kernel, a client or a frame then shows, what the service saw, and
-    the seconds from the command until it was shown."""
-
-    asked: str
-    on_air: str
-    service: str
-    seconds: float | None = None
 
 
 @dataclasses.dataclass(frozen=True)
@@ -57,43 +43,9 @@ class Moved:
     arrived: dict
 
 
-def channel_of(mhz: int | None) -> int | None:
-    """The number of a channel at 2.4 or 5 GHz."""
-    if mhz is None:
-        return None
-    return (mhz - 2407) // 5 if mhz < 3000 else (mhz - 5000) // 5
-
-
-class Tour:
-    """`tell` is called with each row, `begin` with what each step is about. `seconds`: figures by
-    name."""
-
-    def __init__(self, air: Air, tell: Callable[[str], None] = lambda text: None,
-                 begin: Callable[[str], None] = lambda text: None):
-        self.air, self._tell, self._begin = air, tell, begin
-        self.rows: list[Row] = []
-        self.seconds: dict[str, float] = {}
-        for point in air.points:
-            point.service.subscribe_answers = [
-                {"status": "success", "code": 200, "config": dict(CONFIG)}]
-
-    @property
-    def first(self) -> AirAccessPoint:
-        """The one that the service commands."""
-        return self.air.points[0]
-
-    @property
-    def second(self) -> AirAccessPoint:
-        return self.air.points[1]
-
-    def clients_of(self, radio: int) -> list[Station]:
-        """Those of a radio's band."""
-        return [client for client in self.air.clients if (client.band == 5) == (radio == BAND_5)]
-
-    def _row(self, asked, on_air, service, seconds=None):
-        self.rows.append(Row(asked, on_air, service, seconds))
-        within = "" if seconds is None else f" ({seconds:.2f} s)"
-        self._tell(f"{asked}: {on_air}{within}; service: {service}")
+class Tour(RadioSteps, SecuritySteps):
+    """`run()` is all of it. The radar check of the second access point takes the minute that lumd of
+    the first one waits for hostapd."""
 
     async def run(self) -> None:
         """All steps."""
@@ -188,7 +140,7 @@ class Tour:
                   f"{here[f'wlan{radio}-va0']['frequency']} MHz, with its clients",
                   self._reported(event, radio), seconds)
         lost = [event for event in self.air.machine.events[events:]
-                if "CTRL-EVENT-DISCONNECTED" in event.get("text", "")]
+                if DISCONNECTED in event.get("text", "")]
         return here[f"wlan{radio}-va0"], lost
 
     async def power(self) -> dict[int, int]:
@@ -351,72 +303,6 @@ class Tour:
                               f"{facts['threads']} threads, {facts['descriptors']} descriptors", "-")
         return seen
 
-    STEPS = ("boot", "subscription", "association", "survey", "channels", "power", "neighbours",
-             "steering", "hostapd_restart", "reset", "memory")
-
-    # What they share
-
-    async def configure(self, point: AirAccessPoint, **more) -> int:
-        """A configuration with the neighbours that were told last; the place in the journal."""
-        return await point.send({"cmd": "rrm-info", **CONFIG,
-                                 "802dot11k": getattr(self, "listed", []), **more})
-
-    async def reported(self, point: AirAccessPoint) -> dict:
-        """What lumd answers when it is asked for its radios."""
-        since = await point.send({"cmd": "rrm-request-mode"})
-        return (await point.heard("rrm-mode-response", since))["data"]
-
-    async def neighbour_list(self) -> list[dict]:
-        """The second access point, as the service would tell the first one of it."""
-        return [{"neighbour-mac": self.second.mac,
-                 "channel": channel_of(await self._frequency(self.second, radio)), "priority": 1,
-                 "vaps": [{"ssid": self.air.plan.network.ssid,
-                           "mac": await self.second.bssid(radio)}]}
-                for radio in (BAND_24, BAND_5)]
-
-    async def _frequency(self, point, radio):
-        return (await point.kernel())[f"wlan{radio}-va0"]["frequency"]
-
-    async def whereabouts(self, bssid: str) -> tuple[AirAccessPoint, int]:
-        """Whose it is, and of which radio."""
-        for point in self.air.points:
-            for radio in (BAND_24, BAND_5):
-                if await point.bssid(radio) == bssid:
-                    return point, radio
-        raise LabError(f"nobody has {bssid}")
-
-    async def seated(self, client: Station, timeout: float = 60.0) -> dict[str, str]:
-        """A client's status once the kernel of the access point that it names has it, too."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            status = await client.wait()
-            point, radio = await self.whereabouts(status["bssid"])
-            if client.address in await point.stations(radio):
-                return status
-            await asyncio.sleep(LOOK_PAUSE)
-        raise GuestError(f"{client.name} is nowhere within {timeout:g} s")
-
-    async def frame(self, since: int, problem: str, predicate: Callable[[frames.Frame], bool],
-                    timeout: float = 30.0) -> frames.Frame:
-        """The first frame from place `since` on that is wanted; GuestError when none comes."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            for frame in (await self.air.frames())[since:]:
-                if predicate(frame):
-                    return frame
-            await asyncio.sleep(LOOK_PAUSE)
-        raise GuestError(f"{problem} within {timeout:g} s\n{await self.first.last_words()}")
-
-    @staticmethod
-    def is_on(kernel: dict[str, dict], channels: dict[int, tuple[int, int]]) -> bool:
-        """Whether each radio is where (channel, MHz) says."""
-        return all((kernel[f"wlan{radio}-va0"]["frequency"], kernel[f"wlan{radio}-va0"]["width"])
-                   == (frequency(channel), width) for radio, (channel, width) in channels.items())
-
-    @staticmethod
-    def _radio(message, number):
-        return next(radio for radio in message["radios"] if radio["id"] == number)
-
-    def _reported(self, message, number):
-        radio = self._radio(message, number)
-        return f"channel {radio['channel']}, {radio['bandwidth']} MHz, {radio['power']} dBm"
+    STEPS = ("boot", "subscription", "association", "guests", "survey", "channels", "power",
+             "neighbours", "coexistence", "black_list", "key_holders", "steering", "hostapd_restart",
+             "radar_check", "reset", "radar", "memory")

@@ -88,3 +88,24 @@ def test_a_list_that_is_cut_short_is_no_list(cut):
 def test_fast_transition_is_known_by_its_algorithm():
     assert one(frames.AUTHENTICATION, b"\2\0\1\0\0\0").is_ft_authentication
     assert not one(frames.AUTHENTICATION, b"\0\0\1\0\0\0").is_ft_authentication
+
+
+@pytest.mark.parametrize("number, status, refuses", ((2, 1, True), (2, 0, False), (1, 1, False)))
+def test_a_refusal_is_an_answer_without_success(number, status, refuses):
+    body = struct.pack("<HHH", 0, number, status)
+    assert one(frames.AUTHENTICATION, body).refuses is refuses
+    assert not one(frames.AUTHENTICATION, body[:5]).refuses
+    assert not one(frames.ACTION, body).refuses
+
+
+def wired(*records):
+    header = struct.pack("<IHHIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144) + struct.pack("<I", 1)
+    return header + capture(*records)[len(PCAP):]
+
+
+def test_what_key_holders_say_to_each_other_is_told_by_its_kind():
+    ends = octets(OTHER) + octets(AP)
+    pull = ends + bytes.fromhex("88b7" "0013740001" "01" "3500")
+    strange = ends + bytes.fromhex("88b7" "0013740002" "01"), ends + bytes.fromhex("0800" "45")
+    assert list(frames.key_frames(wired(pull, *strange, pull[:19]))) == \
+        [frames.KeyFrame(100.5, OTHER, AP, frames.KEY_PULL)]

@@ -4,7 +4,8 @@ import pytest
 from labair import frames
 from labair.accesspoint import DAEMONS
 from labair.air import FAR
-from labair.tour import BAND_5, BAND_24, CHANNELS, POWERS, channel_of
+from labair.steps import BAND_5, BAND_24, channel_of
+from labair.tour import CHANNELS, POWERS
 
 RADIOS = (BAND_24, BAND_5)
 
