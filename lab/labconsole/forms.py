@@ -8,6 +8,7 @@ typed NAME=VALUE, "by": the field that its choices and limits depend
 on}. Of a field with "by" these are in "each", by the value of that field.
 """
 import json
+import types
 
 from labap import faults
 from labap.daemons import ANSWERS
@@ -23,6 +24,7 @@ from .explain import in_words, place
 
 SERVICE, LAB, FAULTS = "service", "access point", "faults"
 DROPS = "close the connection; lumd comes back by itself"
+OVER_THE_AIR = ("status", "channel", "power", "scan", "steer", "neighbours")  # the second lab, too
 # What the prompt has and a page shows otherwise, or cannot.
 LEFT_OUT = frozenset({"show", "log", "help", "record", "quit"})
 
@@ -41,9 +43,12 @@ def of(console):
                    if name not in named | LEFT_OUT]
 
 
-def of_air(mode, daemons):
-    """Of an access point of the second lab, whose daemons are those named."""
-    return [*_sending(mode), *_plain("drop-link", DROPS, FAULTS)(None, None),
+def of_air(mode, radios, daemons):
+    """Of an access point of the second lab, whose radios that are up and whose daemons are these."""
+    lab = types.SimpleNamespace(mode=mode, endpoint=None, scenario={
+        "radios": [{"tx-power-range": radio.power_range} for radio in radios]})
+    told = [form for name in OVER_THE_AIR for form in MAKERS[name](radios, lab)] if radios else []
+    return [*told, *_sending(mode), *_plain("drop-link", DROPS, FAULTS)(None, None),
             _form("daemon", "a daemon ends or starts", FAULTS, {
                 "name": "daemon", "kind": "choice", "choices": list(daemons),
                 "help": "Of the access point."}, {

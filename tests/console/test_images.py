@@ -1,10 +1,15 @@
 """Screenshots for people, with --images FOLDER only: they are made to be looked at."""
+import os
 import pathlib
+import subprocess
 
 import pytest
 
 from consoletest.browser import DESK, PHONE
 
+TREE = pathlib.Path(__file__).resolve().parents[2]
+FLEET = 200
+START_WAIT = 600.0  # seconds until all of them are subscribed
 ROWS = "#talk .row:not([hidden])"
 
 
@@ -44,13 +49,31 @@ class _Silent:
 
 @pytest.mark.parametrize("size,dark,suffix,wanted", [
     (DESK, False, "", ("ap", "message", "commands")), (DESK, True, "-dark", ("air",)),
-    (PHONE, False, "-phone", ("talk",))], ids=["light", "dark", "phone"])
+    (PHONE, False, "-phone", ("talk", "air"))], ids=["light", "dark", "phone"])
 def test_views_are_drawn(folder, lived, page, size, dark, suffix, wanted):
     page.fresh(size, dark)
     page.open(lived)
     for name in wanted:
         SCENES[name](page, name)
         page.shot(folder / f"console-{name}{suffix}.png")
+
+
+@pytest.fixture
+def fleet():
+    """The address of the page of ./run --console --fleet."""
+    with subprocess.Popen(["/usr/bin/python3", TREE / "lab" / "run.py", "--bin",
+                           os.environ["LUMD_BIN_DIR"], "--console", "--fleet", str(FLEET)],
+                          stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, text=True) as process:
+        yield next(line.split()[-1] for line in process.stdout if "console is at" in line)
+        process.terminate()
+
+
+def test_fleet_is_drawn(folder, fleet, page):
+    page.driver.get(f"{fleet}#fleet")
+    page.until(lambda: f"{FLEET} connected, {FLEET} subscribed" in page.text(".totals"),
+               "all of them", START_WAIT)
+    page.until(lambda: page.all(ROWS), "events")
+    page.shot(folder / "console-fleet.png")
 
 
 def view(page, name):

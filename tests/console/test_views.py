@@ -77,6 +77,31 @@ def test_client_has_a_history_of_its_signal(own_office, page):
                            for svg in page.all("svg.spark")), "a signal that falls")
 
 
+def test_event_that_is_told_of_late_stands_at_its_time(played, page):
+    """Frames of the air are read once a second."""
+    view = played_view(0)
+
+    def add(*times):
+        for seconds in times:
+            view.journal.add("lumd", "service", f"at-{seconds}")["t"] = float(seconds)
+    played.loop.call_soon_threadsafe(add, *range(100, 200))
+    played.present([view], "played")
+    page.open(played, "talk")
+    page.until_text("#talk .rows", "at-199")
+    page.keys("p")
+    page.script("document.querySelector('.rows').scrollTop -= 1000")
+    rows = "return [...document.querySelectorAll('#talk .row:not([hidden])')].filter((row) =>" \
+        " row.getBoundingClientRect().top >= row.parentNode.getBoundingClientRect().top)" \
+        ".map((row) => row.querySelector('.what').textContent).sort()"
+    page.until(lambda: "at-199" not in page.text("#talk .rows"), "an earlier place")
+    before = page.script(rows)
+    played.loop.call_soon_threadsafe(add, 120.5, 198.5, 99)
+    page.until(lambda: page.script("return consolePage.store.last") == 103, "the late ones")
+    shown = page.script("return consolePage.store.shown.map((event) => event[1])")
+    assert shown == sorted(shown)
+    page.until(lambda: page.script(rows)[:5] == before[:5], "what was looked at stays in its place")
+
+
 def test_message_opens_with_what_its_schema_says(office, page):
     _, console = office
     page.open(console, "talk")
@@ -144,6 +169,17 @@ def test_page_that_comes_late_scrolls_back_to_the_beginning(played, page):
     assert page.script("return consolePage.store.events.length") == 3500
 
 
+def test_empty_conversation_says_why(played, page):
+    view = played_view(0)
+    played.present([view], "played")
+    page.open(played, "talk")
+    page.until_text("#talk .nothing", "Nothing was said yet")
+    played.loop.call_soon_threadsafe(view.journal.add, "lumd", "service", "first")
+    page.until(lambda: page.text("#talk .nothing") == "", "an event")
+    page.fill("[aria-label='Filter by text']", "another")
+    page.until_text("#talk .nothing", "Nothing passes the filters")
+
+
 def test_gap_in_time_is_marked(played, page):
     view = played_view(0)
 
@@ -197,6 +233,9 @@ def test_recording_stands_on_the_page_as_the_lab_did(played, page):
     page.until_text("#status", "a recording of the rrm mode")
     page.fill("[aria-label='Filter by text']", "rrm-response")
     page.until_text("#talk .rows", "rrm-response")
+    page.fill("[aria-label='Filter by text']", " ")
+    page.script("document.querySelector('.rows').scrollTop = 0")
+    page.until(lambda: "0.044 s" in page.text("#talk .rows"), "its beginning")
     page.go("air")
     page.until_text("#content", "networks in 5 passes")
     page.go("ap")
@@ -223,16 +262,6 @@ def test_theme_follows_the_system_and_the_switch(office, page):
     page.fresh(dark=True)
     page.open(console)
     assert page.one("#theme").text == "Theme: system" and ground() == dark
-
-
-def test_nothing_is_wider_than_a_phone(office, page):
-    _, console = office
-    page.fresh((390, 844))
-    page.open(console)
-    for view in ("ap", "air", "state", "commands", "talk"):
-        page.go(view)
-        widest = page.script("return document.documentElement.scrollWidth")
-        assert widest <= 390, (view, widest)
 
 
 def test_explanations_are_those_of_the_schemas(office):

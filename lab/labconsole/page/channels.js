@@ -22,6 +22,12 @@ export function centre(band, channel) {
   return band === "2.4GHz" && channel === 14 ? CHANNEL_14 : STARTS[band] + STEP * channel;
 }
 
+// Whether a channel is one of these neighbouring pieces of a band.
+export function liesIn(band, pieces, channel) {
+  const middle = centre(band, channel);
+  return bandOf(channel) === band && middle >= pieces[0][0] && middle <= pieces.at(-1)[1];
+}
+
 // {from, to} in MHz of what a network uses, its primary channel and width given.
 export function span(band, channel, width, side = "lower") {
   let middle = centre(band, channel);

@@ -16,24 +16,26 @@ export function el(what, given = {}, ...children) {
   return node;
 }
 
-// A table of rows; a cell is a text, a node, or {cell, class}. `caption` is read out and shown.
+// A table of rows; a cell is a text, a node, or {cell, class}. `caption` is read out and shown. Where there
+// is no room for columns each row is a card, and each cell has its head before it.
 export function table(caption, heads, rows, empty = "none") {
-  const body = rows.length ? rows.map((row) => el("tr", {}, row.map(cell)))
+  const body = rows.length ? rows.map((row) => el("tr", {}, row.map((given, index) => cell(given, heads[index]))))
     : [el("tr", {}, el("td.empty", {colSpan: heads.length}, empty))];
   return el("div.scroll", {tabIndex: 0, role: "region", "aria-label": caption},
     el("table", {}, el("caption", {}, caption),
-      el("thead", {}, el("tr", {}, heads.map((head) => el("th", {scope: "col"}, head)))),
+      el("thead", {}, el("tr", {}, heads.map((head, index) =>
+        el("th", {scope: "col", class: rows[0]?.[index]?.class === "number" ? "number" : null}, head)))),
       el("tbody", {}, body)));
 }
 
-function cell(given) {
+function cell(given, head) {
   const rich = given !== null && typeof given === "object" && !(given instanceof Node);
-  return rich ? el("td", {class: given.class}, given.cell) : el("td", {}, given ?? "–");
+  return el("td", {"data-head": head, class: rich ? given.class : null}, rich ? given.cell : given ?? "–");
 }
 
 export function clock(seconds, live = true) {
   if (!live) return `${seconds.toFixed(3)} s`;
-  const date = new Date(seconds * 1000);
+  const date = new Date(Math.round(seconds * 1000));
   const pad = (number, width = 2) => String(number).padStart(width, "0");
   return `${pad(date.getHours())}:${pad(date.getMinutes())}:${pad(date.getSeconds())}` +
     `.${pad(date.getMilliseconds(), 3)}`;
@@ -50,9 +52,27 @@ export function badge(kind, text) {
   return el(`span.badge.${kind}`, {}, el("span", {"aria-hidden": "true"}, signs[kind]), ` ${text}`);
 }
 
-// Replaces what is in a node only when it has changed, so that focus and selection stay.
+// Replaces what is in a node only when it has changed, so that the selection stays.
 export function show(node, key, make) {
   if (node.dataset.key === key) return;
   node.dataset.key = key;
-  node.replaceChildren(...[make()].flat());
+  replace(node, [make()].flat());
+}
+
+// The focus goes to what stands where it was: the one of the same name, or else at the same place.
+export function replace(node, children) {
+  const held = node.contains(document.activeElement) ? document.activeElement : null;
+  const name = held && nameOf(held), place = held && focusable(node).indexOf(held);
+  node.replaceChildren(...children);
+  if (!held) return;
+  const now = focusable(node);
+  (now.find((one) => nameOf(one) === name) ?? now[Math.min(place, now.length - 1)])?.focus({preventScroll: true});
+}
+
+function focusable(node) {
+  return [...node.querySelectorAll("a[href], button, input, select, textarea, [tabindex='0']")];
+}
+
+function nameOf(node) {
+  return [node.tagName, node.closest("form")?.dataset.form, node.getAttribute("aria-label") ?? node.name, node.tagName === "BUTTON" && node.textContent].join(" ");
 }

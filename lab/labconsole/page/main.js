@@ -73,7 +73,8 @@ function tellStatus() {
     !page.board?.views.length ? page.board?.title ?? "" :
       !known ? "loading" : known.about.recording ? `a recording of the ${known.about.mode} mode` :
         `${known.about.mode} mode, ${known.link.state}` +
-          (known.link.subscribed === null ? "" : known.link.subscribed ? ", subscribed" : ", not subscribed");
+          (known.link.subscribed === null ? "" : known.link.subscribed ? ", subscribed" : ", not subscribed") +
+          (known.about.doing ? `. Now: ${known.about.doing}` : "");
   if (at("status").textContent !== text) at("status").textContent = text;
   at("status").dataset.good = String(Boolean(link.connected && (known?.link.connected || known?.about.recording)));
 }
@@ -145,6 +146,11 @@ page.link.addEventListener("state", ({detail}) => {
 page.link.addEventListener("summaries", ({detail}) => {
   Object.assign(page.summaries, detail.summaries);
   if (page.view === "fleet") draw();
+});
+
+document.querySelector(".skip").addEventListener("click", (event) => {
+  event.preventDefault();  // its address would be taken for that of a view
+  (page.view === ALONE ? page.talk.list : at("view")).focus();
 });
 
 at("views").addEventListener("change", () => openView(Number(at("views").value)));

@@ -1,24 +1,27 @@
 // A band as a drawing: each network a shape over its channels, as high as it was heard.
 
-import {BANDS, bandOf, centre, span} from "./channels.js";
+import {BANDS, centre, liesIn, span} from "./channels.js";
 
 const WEAKEST = -97, STRONGEST = -35;  // dBm
 const HEIGHT = 250, LEFT = 44, RIGHT = 8, TOP = 30, BOTTOM = 56;  // px
 const SLOPE = 0.14;  // of the width that a shape takes to rise
 const BREAK = 20;  // px between two pieces of a band
 const OWN_LABEL = 150;  // px of the text above a radio's channels
+const LARGEST = 10;  // px from the middle of a figure below the axis to its rim
+const APART = {"2.4GHz": 5, "5GHz": 20, "6GHz": 20};  // MHz from a channel to the next
+const TICK = 20;  // px of a channel's number below the axis, at least
 const LETTER = 6.7, LINE = 12;  // px of a name at most
 
-// `given`: {band, heard, radios, ownNames: SSIDs of this access point, load: percent by channel}
+// `given`: {band, pieces of it (see channels.js), heard, radios, ownNames: SSIDs of this access point, load: percent
+// by channel}
 export function spectrum(node, given, width) {
   const {d3} = window;
-  const range = BANDS[given.band];
-  const x = scale(range.pieces, width);
+  const x = scale(given.pieces, width);
   const y = d3.scale.linear().domain([WEAKEST, STRONGEST]).range([HEIGHT - BOTTOM, TOP]).clamp(true);
   const svg = d3.select(node).append("svg").attr("class", "spectrum").attr("role", "img")
     .attr("viewBox", `0 0 ${width} ${HEIGHT}`).attr("aria-label", words(given));
-  drawAxes(svg, x, y, range, given.band, width);
-  drawBreaks(svg, x, range.pieces);
+  drawAxes(svg, x, y, given, width);
+  drawBreaks(svg, x, given.pieces);
   drawRadios(svg, x, given);
   drawHeard(svg, x, y, given);
   drawLoad(svg, x, given);
@@ -43,7 +46,7 @@ function words({band, heard, radios}) {
   return `${band}: ${heard.length} networks heard${strongest}; ${own}. The table below has all of them.`;
 }
 
-function drawAxes(svg, x, y, range, band, width) {
+function drawAxes(svg, x, y, {band, pieces}, width) {
   const floor = HEIGHT - BOTTOM;
   for (const level of [-90, -80, -70, -60, -50, -40]) {
     svg.append("line").attr("class", "grid").attr("x1", LEFT).attr("x2", width - RIGHT).attr("y1", y(level)).attr("y2", y(level));
@@ -51,10 +54,21 @@ function drawAxes(svg, x, y, range, band, width) {
   }
   svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", TOP + 4).attr("text-anchor", "end").text("dBm");
   svg.append("line").attr("class", "floor").attr("x1", LEFT).attr("x2", width - RIGHT).attr("y1", floor).attr("y2", floor);
-  for (const channel of range.ticks) {
+  for (const channel of ticks(band, pieces, x)) {
     svg.append("text").attr("class", "tick").attr("x", x(centre(band, channel))).attr("y", floor + 15)
       .attr("text-anchor", "middle").text(channel);
   }
+}
+
+// Those that have room.
+function ticks(band, pieces, x) {
+  let last = -Infinity;
+  return BANDS[band].ticks.filter((channel) => {
+    const at = x(centre(band, channel));
+    if (!liesIn(band, pieces, channel) || at - last < TICK) return false;
+    last = at;
+    return true;
+  });
 }
 
 function drawBreaks(svg, x, pieces) {
@@ -69,9 +83,9 @@ function drawRadios(svg, x, {radios, band}) {
     const {from, to} = span(band, radio.channel, radio.bandwidth, radio["primary-channel"]);
     const group = svg.append("g").attr("class", "own").attr("data-radio", radio.ifname);
     group.append("rect").attr("x", x(from)).attr("y", TOP - 8).attr("width", x(to) - x(from)).attr("height", HEIGHT - BOTTOM - TOP + 8);
-    const atLeft = x(from) < LEFT + OWN_LABEL / 2;
-    group.append("text").attr("x", atLeft ? x(from) : (x(from) + x(to)) / 2).attr("y", TOP - 13)
-      .attr("text-anchor", atLeft ? "start" : "middle").text(`▼ ${radio.ifname}: ${radio.channel}, ${radio.bandwidth} MHz`);
+    const [least, most] = [LEFT + OWN_LABEL / 2, x.range().at(-1) - OWN_LABEL / 2];
+    group.append("text").attr("x", Math.max(least, Math.min((x(from) + x(to)) / 2, most))).attr("y", TOP - 13)
+      .attr("text-anchor", "middle").text(`▼ ${radio.ifname}: ${radio.channel}, ${radio.bandwidth} MHz`);
   }
 }
 
@@ -108,15 +122,15 @@ function drawNames(svg, names, end) {
 }
 
 // Below the axis: how busy each channel was in percent, or where nobody measures that, how many were heard there.
-function drawLoad(svg, x, {heard, band, load}) {
-  const counts = new Map();
+function drawLoad(svg, x, {heard, band, pieces, load}) {
+  const counts = new Map(), from = pieces[0][0];
   for (const entry of heard) counts.set(entry.channel, (counts.get(entry.channel) ?? 0) + 1);
   const figures = load ? Object.entries(load).map(([channel, percent]) => [Number(channel), percent])
-    .filter(([channel]) => bandOf(channel) === band) : [...counts];
-  const floor = HEIGHT - 14;
-  svg.append("text").attr("class", "tick").attr("x", LEFT - 6).attr("y", floor).attr("text-anchor", "end").text(load ? "load" : "heard");
+    .filter(([channel]) => liesIn(band, pieces, channel)) : [...counts];
+  const floor = HEIGHT - 14, radius = Math.min(LARGEST, (x(from + APART[band]) - x(from)) / 2);
+  svg.append("text").attr("class", "tick").attr("x", 0).attr("y", floor).text(load ? "load %" : "heard");
   for (const [channel, figure] of figures) {
-    svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", 10);
+    svg.append("circle").attr("class", "load").attr("cx", x(centre(band, channel))).attr("cy", floor - 4).attr("r", radius);
     svg.append("text").attr("class", "load").attr("data-channel", channel).attr("x", x(centre(band, channel))).attr("y", floor).attr("text-anchor", "middle").text(figure);
   }
 }

@@ -16,14 +16,13 @@ export class Store {
 
   clear() {
     this.events = [];      // ascending by number
-    this.shown = [];       // those of them that pass the filter
+    this.shown = [];       // those of them that pass the filter, by their times: some are told of late
     this.received = 0;
     this.skipped = 0;
     this.counts = new Map();
     this.holes = new Map();  // number before which events are missing: how many
     this.last = null;      // number of the newest
     this.changes = 0;      // counts up whenever `shown` may be another
-    this.dropped = 0;      // events that `shown` lost at its beginning
   }
 
   add(events) {
@@ -37,10 +36,17 @@ export class Store {
       this.received++;
       this.counts.set(event[KIND], (this.counts.get(event[KIND]) ?? 0) + 1);
       this.events.push(event);
-      if (this.passes(event)) this.shown.push(event);
+      if (this.passes(event)) this.insert(event);
     }
     this.forget();
     this.changes++;
+  }
+
+  insert(event) {
+    let at = this.shown.length;
+    while (at > 0 && this.shown[at - 1][T] > event[T]) at--;
+    if (at === this.shown.length) this.shown.push(event);
+    else this.shown.splice(at, 0, event);
   }
 
   // Those that were scrolled back to.
@@ -48,10 +54,8 @@ export class Store {
     const first = this.events.length ? this.events[0][N] : Infinity;
     const earlier = events.filter((event) => event[N] < first);
     this.events = earlier.concat(this.events);
-    const passing = earlier.filter((event) => this.passes(event));
-    this.shown = passing.concat(this.shown);
+    this.shown = byTime(earlier.filter((event) => this.passes(event)).concat(this.shown));
     this.changes++;
-    return passing.length;
   }
 
   skip(message) {
@@ -70,15 +74,12 @@ export class Store {
     const gone = this.events.length - MOST;
     const first = this.events[gone][N];
     this.events = this.events.slice(gone);
-    let count = 0;
-    while (count < this.shown.length && this.shown[count][N] < first) count++;
-    this.shown = this.shown.slice(count);
-    this.dropped += count;
+    this.shown = this.shown.filter((event) => event[N] >= first);
   }
 
   setFilter(changes) {
     Object.assign(this.filter, changes);
-    this.shown = this.events.filter((event) => this.passes(event));
+    this.shown = byTime(this.events.filter((event) => this.passes(event)));
     this.changes++;
   }
 
@@ -88,4 +89,8 @@ export class Store {
       (!radio || event[NAMES].includes(radio)) &&
       (!text || `${event[WHAT]} ${event[TEXT]} ${event[FROM]} ${event[TO]}`.toLowerCase().includes(text));
   }
+}
+
+export function byTime(events) {
+  return events.sort((one, other) => one[T] - other[T] || one[N] - other[N]);
 }

@@ -6,7 +6,7 @@ import {BAD, FROM, FROM_LANE, KIND, KINDS, LANES, N, T, TEXT, TO, TO_LANE, WHAT}
 
 const ROW = 26;            // px, as talk.css has it
 const GAP = 2.0;           // s between two events that are marked
-const SPARE = 6;           // rows beyond what can be seen
+const SPARE = 6;           // rows beyond what can be seen, while somebody looks back
 const KIND_WORDS = {service: "service", bus: "bus", driver: "driver", hostapd: "hostapd",
   lumd: "other", reads: "reads"};
 
@@ -33,9 +33,8 @@ export class Talk {
       onchange: () => this.filter({radio: this.radios.value})}, el("option", {value: ""}, "any radio"));
     this.count = el("span.count", {});
     return el("div.talk-head", {},
-      el("h2", {}, "Conversation"), this.pauseButton,
-      el("fieldset.kinds", {}, el("legend", {}, "Kinds"), KINDS.map((kind) => this.makeKind(kind))),
-      this.text, this.clients, this.radios, this.count);
+      el("h2", {}, "Conversation"), this.pauseButton, this.text, this.clients, this.radios,
+      el("fieldset.kinds", {}, el("legend", {}, "Kinds"), KINDS.map((kind) => this.makeKind(kind))), this.count);
   }
 
   makeKind(kind) {
@@ -54,15 +53,16 @@ export class Talk {
     this.lanes = el("div.lanes", {"aria-hidden": "true"}, el("span.time", {}, "time"),
       el("span.lane-names", {}, LANES.map((lane) => el("span", {"data-lane": lane}, lane))),
       el("span", {}, "what"));
-    return el("div.talk-body", {}, this.lanes, this.list);
+    this.nothing = el("p.nothing", {});
+    return el("div.talk-body", {}, this.lanes, this.nothing, this.list);
   }
 
   clear(live) {
     this.live = live;
     this.selected = null;
     this.noMore = false;
-    this.drawn = null;
-    this.draw(true);
+    this.drawn = this.top = null;
+    this.pause(false);
   }
 
   pause(paused) {
@@ -85,9 +85,7 @@ export class Talk {
 
   scrolled() {
     const atEnd = this.list.scrollTop + this.list.clientHeight >= this.list.scrollHeight - ROW;
-    if (!this.setting && this.paused === atEnd && this.live) {
-      if (!atEnd) this.pause(true);
-    }
+    if (!this.setting && !this.paused && !atEnd) this.pause(true);
     this.setting = false;
     if (this.list.scrollTop < ROW) this.fetchEarlier();
     this.draw(true);
@@ -100,9 +98,7 @@ export class Talk {
     try {
       const answer = await this.link.ask("earlier", {before: first});
       this.noMore = !answer.events?.length;
-      const count = this.store.addEarlier(answer.events ?? []);
-      this.resize();
-      this.list.scrollTop += count * ROW;
+      this.store.addEarlier(answer.events ?? []);
       this.draw(true);
     } catch { /* the link is lost: the next scroll asks again */ } finally {
       this.fetching = false;
@@ -117,19 +113,27 @@ export class Talk {
   draw(force = false) {
     if (!force && (this.drawn === this.store.changes)) return;
     if (!this.list.clientHeight) return;  // not to be seen
-    const lost = this.store.dropped - (this.droppedBefore ?? 0);
-    this.droppedBefore = this.store.dropped;
     this.drawn = this.store.changes;
     this.tellCount();
     this.resize();
-    if (!this.paused) this.stick();
-    else if (lost > 0) this.list.scrollTop -= lost * ROW;
-    const first = Math.max(Math.floor(this.list.scrollTop / ROW) - SPARE, 0);
-    const count = Math.ceil(this.list.clientHeight / ROW) + 2 * SPARE;
+    if (this.paused) this.hold();
+    else this.stick();
+    const spare = this.paused ? SPARE : 0;
+    const top = Math.floor(this.list.scrollTop / ROW), first = Math.max(top - spare, 0);
+    this.top = {event: this.store.shown[top], index: top};
+    const count = Math.ceil(this.list.clientHeight / ROW) + 1 + 2 * spare;
     const events = this.store.shown.slice(first, first + count);
     while (this.rows.length < events.length) this.rows.push(this.makeRow());
     events.forEach((event, index) => this.fillRow(this.rows[index], event, first + index));
     this.rows.forEach((row, index) => { row.node.hidden = index >= events.length; });
+  }
+
+  // What stands at the top stays there, whatever comes or goes above it.
+  hold() {
+    const {event, index} = this.top ?? {};
+    if (!event || this.store.shown[index] === event) return;
+    const now = this.store.shown.indexOf(event);
+    if (now >= 0) this.list.scrollTop += (now - index) * ROW;
   }
 
   stick() {
@@ -143,6 +147,7 @@ export class Talk {
     const {received, skipped, shown} = this.store;
     const text = `${shown.length} of ${received}` + (skipped ? `, ${skipped} skipped` : "");
     if (this.count.textContent !== text) this.count.textContent = text;
+    this.nothing.textContent = shown.length ? "" : received ? "Nothing passes the filters." : "Nothing was said yet.";
   }
 
   makeRow() {
@@ -195,7 +200,7 @@ export class Talk {
   choose(number, open) {
     this.selected = number;
     this.list.setAttribute("aria-activedescendant", `event-${number}`);
-    if (!this.paused && this.live) this.pause(true);
+    if (!this.paused) this.pause(true);
     this.draw(true);
     if (open) this.open(number);
   }

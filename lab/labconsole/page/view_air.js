@@ -1,12 +1,13 @@
 // The air: both bands as the last survey heard them, and what is otherwise since the one before.
 
 import {badge, clock, el, show, table} from "./dom.js";
-import {bandOf} from "./channels.js";
+import {BANDS, bandOf, liesIn} from "./channels.js";
 import {spectrum} from "./spectrum.js";
 
 export const title = "Air";
 export const modes = ["rrm"];  // the others survey nothing
-const NARROWEST = 560;  // px of a drawing; a narrower page scrolls it
+const MARGIN = 14;  // px beside a drawing, as views.css has them
+const ROOMY = 520;  // px that a band of several pieces takes; where there are less, each piece is a drawing
 
 export function make(page) {
   const parts = {about: el("p"), bands: el("div"), changes: el("div"), heard: el("div")};
@@ -47,13 +48,22 @@ function bands(survey, radios, ownNames, width) {
   const heard = (survey?.heard ?? []).map((entry) => ({...entry, isNew: !survey.first}));
   const wanted = [...new Set([...radios.map((radio) => radio.band), ...heard.map((entry) => bandOf(entry.channel))])].sort();
   return wanted.map((band) => {
-    const drawing = el("div.drawing");
-    spectrum(drawing, {band, ownNames, load: survey?.load, heard: heard.filter((entry) => bandOf(entry.channel) === band),
-      radios: radios.filter((radio) => radio.band === band)}, Math.max(width - 26, NARROWEST));
-    return el("figure.band", {"data-band": band}, el("figcaption", {}, band.replace("GHz", " GHz"), legend()),
-      el("div.scroll", {tabIndex: 0, role: "region", "aria-label": `Drawing of ${band}`}, drawing));
+    const drawings = pieces(band, width).map((piece) => {
+      const drawing = el("div.drawing"), inPiece = ({channel}) => liesIn(band, piece, channel);
+      spectrum(drawing, {band, pieces: piece, ownNames, load: survey?.load, heard: heard.filter(inPiece), radios: radios.filter(inPiece)},
+        width - MARGIN);
+      return drawing;
+    });
+    return el("figure.band", {"data-band": band}, el("figcaption", {}, band.replace("GHz", " GHz"), legend()), drawings);
   });
 }
+
+// What each drawing of a band has of it.
+function pieces(band, width) {
+  const all = BANDS[band].pieces;
+  return width < ROOMY ? all.map((piece) => [piece]) : [all];
+}
+
 
 function legend() {
   return el("span.legend", {}, el("span.key.own", {}, "this access point"), el("span.key.same", {}, "same network (solid)"),
@@ -79,7 +89,7 @@ function heardTable(survey) {
 }
 
 function name(entry) {
-  return `${entry.ssid || "?"} ${entry.bssid}`;
+  return `${entry.ssid} ${entry.bssid}`.trim();
 }
 
 function change(decibels) {

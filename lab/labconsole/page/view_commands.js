@@ -1,8 +1,8 @@
 // Commands as forms, and what became of each: what was sent, what followed, how it ended.
 
-import {badge, clock, el} from "./dom.js";
+import {badge, clock, el, replace} from "./dom.js";
 import {makeForm} from "./form.js";
-import {FROM, N, T, TEXT, TO, WHAT} from "./store.js";
+import {FROM, N, T, TEXT, TO, WHAT, byTime} from "./store.js";
 
 export const title = "Commands";
 const MOST_RESULTS = 20;
@@ -25,7 +25,13 @@ export function layout(parts) {
   return [parts.panel, parts.forms];
 }
 
-export function update() { /* the forms change with commands, not with time */ }
+// The forms change with commands, and with what the service is told of the radios.
+export function update(parts, state, page) {
+  const known = JSON.stringify([state.link.subscribed, state.radios.map(({ifname, available}) => [ifname, available])]);
+  if (parts.known === known) return;
+  parts.known = known;
+  refresh(parts, page);
+}
 
 export async function opened(parts, page) {
   await refresh(parts, page);
@@ -37,7 +43,7 @@ async function refresh(parts, page) {
     if (JSON.stringify(forms) === parts.shown) return;
     parts.shown = JSON.stringify(forms);
     const groups = Object.keys(GROUPS).filter((group) => forms.some((form) => form.group === group));
-    parts.forms.replaceChildren(...groups.map((group) => el("section", {"data-group": group}, el("h3.group", {}, GROUPS[group]),
+    replace(parts.forms, groups.map((group) => el("section", {"data-group": group}, el("h3.group", {}, GROUPS[group]),
       el("div.forms", {}, forms.filter((form) => form.group === group)
         .map((form) => makeForm(form, parts.values, (line) => run(parts, page, line)))))));
     if (!forms.length) parts.forms.replaceChildren(el("p.empty", {}, "A recording takes no commands."));
@@ -45,11 +51,13 @@ async function refresh(parts, page) {
 }
 
 async function run(parts, page, line) {
+  if (parts.running) return;
   parts.busy.textContent = `${line} …`;
   parts.stop.disabled = false;
   setRunning(parts, true);
   try {
     const answer = await page.link.ask("command", {line}, ({text}) => { parts.busy.textContent = `${line}: ${text}`; });
+    if (answer.error) throw new Error(answer.error);
     parts.results.prepend(result(answer, page));
   } catch (error) {
     parts.results.prepend(el("article.result", {}, el("p", {}, badge("bad", "not known"), ` ${line}: ${error.message}`)));
@@ -61,19 +69,21 @@ async function run(parts, page, line) {
   await refresh(parts, page);
 }
 
+// Buttons that have the focus keep it: they are not disabled altogether.
 function setRunning(parts, running) {
-  for (const button of parts.forms.querySelectorAll("button[type=submit]")) button.disabled = running;
+  parts.running = running;
+  for (const button of parts.forms.querySelectorAll("button[type=submit]")) button.setAttribute("aria-disabled", String(running));
 }
 
-function result({outcome, lines, said}, page) {
-  const sent = (said ?? []).filter((event) => event[FROM] === "service");
+function result({outcome, lines, said: events}, page) {
+  const said = byTime(events ?? []), sent = said.filter((event) => event[FROM] === "service");
   return el("article.result", {"data-outcome": outcome.outcome},
     el("p", {}, badge(KINDS[outcome.outcome], outcome.outcome), " ", el("code", {}, outcome.command),
       outcome.reason ? el("span.reason", {}, `: ${outcome.reason}`) : null),
     sent.length ? el("p", {}, "Sent: ", sent.map((event) => opener(event, page))) : null,
-    said?.length ? el("details", {}, el("summary", {}, `What was said meanwhile: ${said.length}`),
+    said.length ? el("details", {}, el("summary", {}, `What was said meanwhile: ${said.length}`),
       el("ol.said", {}, said.map((event) => el("li", {}, opener(event, page))))) : null,
-    lines?.length ? el("details", {}, el("summary", {}, "What the prompt shows"), el("pre", {tabIndex: 0},
+    lines?.length ? el("details", {}, el("summary", {}, "What the command shows"), el("pre", {tabIndex: 0},
       lines.map((line) => line.heading ? `== ${line.heading}` : line.text).join("\n"))) : null);
 }
 

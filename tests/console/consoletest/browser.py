@@ -81,6 +81,10 @@ class Browser:
     def keys(self, *keys, selector="body"):
         self.one(selector).send_keys(*keys)
 
+    def keys_to_focus(self, *keys):
+        """To whatever has the focus at that moment: a table may just be made anew."""
+        webdriver.ActionChains(self.driver).send_keys(*keys).perform()
+
     def fill(self, selector, text):
         element = self.one(selector)
         element.send_keys(Keys.CONTROL, "a")

@@ -12,8 +12,9 @@ import aiohttp
 from labair.accesspoint import LUMD_LOG
 from labair.air import CAPTURE, Air, Plan
 from labair.airview import AirView
-from labair.machine import Machine
+from labair.machine import GuestError, Machine
 from labair.nl80211 import INTERFACE_TYPES
+from labair.station import frequency
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[3] / "schemas/examples/rrm-from-lumd.json"
 PCAP = struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, 127)
@@ -36,13 +37,15 @@ def interface(index, address, frequency, width, power):
 
 
 class PlayedGuest(Machine):
-    """A machine whose agent a test plays. `calls`: what was asked of it."""
+    """A machine whose agent a test plays. `calls`: what was asked of it; `gone`: the
+    interfaces of the access points are."""
 
     def __init__(self, machine):
         super().__init__(machine.radios, machine.programs)
-        self.calls, self.frames, self.log = [], b"", b""
+        self.calls, self.frames, self.log, self.gone = [], b"", b"", False
         self.interfaces = {"wlan0-va0": interface(3, BSSIDS[0], 2412, 20, 15),
                            "wlan1-va0": interface(4, BSSIDS[1], 5180, 80, 15)}
+        self.others = {"wlan0-va0": interface(3, NEIGHBOUR, 2437, 20, 15)}
         self.stations = {"wlan0-va0": {CLIENT: {"signal": -41, "connected": 7}}, "wlan1-va0": {}}
         self.surveys = {"wlan0-va0": [{"frequency": 2412, "noise": -92, "time": 400, "busy": 100}],
                         "wlan1-va0": [{"frequency": 5180, "noise": -92, "time": None, "busy": None}]}
@@ -68,9 +71,13 @@ class PlayedGuest(Machine):
                                                           "status": -number})
 
     def _interfaces(self, place):
-        return self.interfaces if place == "ap1" else {}
+        if self.gone:
+            return {}
+        return self.interfaces if place == "ap1" else self.others
 
     def _stations(self, place, ifname):
+        if self.gone:
+            raise GuestError(f"{ifname}: no such device")
         return self.stations[ifname] if place == "ap1" else {}
 
     def _survey(self, place, ifname):
@@ -92,14 +99,15 @@ class PlayedGuest(Machine):
 
 class PlayedAir:
     """`air` with a played guest, its access points' services up and their daemons "running"; made
-    and used on one loop."""
+    and used on one loop. `obeyed`: what lumd was sent meanwhile."""
 
     def __init__(self):
         self.air = Air(Plan(clients=1))
         self.guest = self.air.machine = PlayedGuest(self.air.machine)
         for part in (*self.air.points, *self.air.clients):
             part.machine = self.guest
-        self._session = self._link = None
+        self._session = self._link = self._obeying = None
+        self.obeyed = []
 
     @classmethod
     async def make(cls):
@@ -127,7 +135,30 @@ class PlayedAir:
         """The next message of the service."""
         return json.loads((await self._link.receive(10)).data)
 
+    async def obey(self):
+        """Does as lumd does from now on; the answers are the recorded ones."""
+        self._obeying = asyncio.ensure_future(self._obey())
+
+    async def _obey(self):
+        answers = {"rrm-request-mode": "rrm-mode-response", "rrm-update": "rrm-response",
+                   "rrm-sta-overload": "rrm-sta-roam"}
+        while True:
+            message = json.loads((await self._link.receive()).data)
+            self.obeyed.append(message)
+            for change in message.get("radios", ()) if message["cmd"] == "rrm-info" else ():
+                self._change(self.guest.interfaces[f"wlan{change['id']}-va0"], change)
+            if message["cmd"] in answers:
+                await self.say(answers[message["cmd"]])
+
+    @staticmethod
+    def _change(here, change):
+        if "channel" in change:
+            here.update(frequency=frequency(change["channel"]), width=change["bandwidth"])
+        here["power"] = change.get("power", here["power"])
+
     async def stop(self):
+        if self._obeying is not None:
+            self._obeying.cancel()
         if self._session is not None:
             await self._session.close()
         for point in self.air.points:
