@@ -5,10 +5,11 @@ service, requests of the bus other than reads, settings, scans, files of the dri
 hostapd. The acts at one border (at the bus: of one module) are one sequence, which is compared. A
 question reads: it is answered as the recording has it for this place, and how often it is asked is
 not compared, since lumd asks some by the clock. The rest is not compared: pings, ends of links, and
-what lumd does from its end signal on.
+what lumd does from its end signal on, or would have done then had it been a moment slower.
 """
 import collections
 import json
+import time
 
 from labap import records
 
@@ -19,6 +20,7 @@ UNCOMPARED = frozenset({"ping", "disconnect"})
 # Of a call that lumd makes while it ends, which may not be in the recording.
 NOTHING = {"result": 0, "out_length": 0, "answer": "", "status": 0, "output": "", "place": None}
 CHANGES_ANSWERS = frozenset({"driver", "hostapd"})  # borders whose acts lumd waits for
+LAST_MOMENT = 1.0  # real seconds: by so much lumd may have been slower when it was recorded
 SHOWN = 200  # characters of either side of a difference
 
 ACT, QUESTION, INPUT, NOTE = "act", "question", "input", "note"
@@ -79,9 +81,9 @@ def key(entry):
 
 
 class Script:
-    """Follows lumd through the entries of a recording."""
+    """Follows lumd through the entries of a recording. `clock`: real seconds."""
 
-    def __init__(self, entries, order="<"):
+    def __init__(self, entries, order="<", clock=time.monotonic):
         self._entries = [dict(entry) for entry in entries]
         self._kinds = [kind(entry, order) for entry in self._entries]
         self._order = order
@@ -99,6 +101,8 @@ class Script:
         self._next = 0       # the first place that is not done
         self._reached = -1   # the last place at which answers may have changed
         self._ending = False
+        self._clock = clock
+        self._latest = (0.0, clock())  # the latest time of the recording that was reached, and when
 
     def _leave_out_ends(self):
         """From its signal on lumd's threads end one by one: how far each comes is chance."""
@@ -110,7 +114,7 @@ class Script:
                 self._kinds[place] = NOTE
 
     def _pair_answers(self):
-        """Answers on the bus belong to their requests; those of questions are no inputs."""
+        """Answers on the bus belong to their requests; only those of acts are inputs."""
         asked = {}
         for place, entry in enumerate(self._entries):
             if entry["border"] != "bus":
@@ -120,9 +124,11 @@ class Script:
             elif entry["what"] == "answer":
                 request = asked.get((entry["src"], entry["dst"], entry["seq"]))
                 entry["answers_place"] = request
-                if request is not None and self._kinds[request] == QUESTION:
+                if request is None or self._kinds[request] == ACT:
+                    continue
+                self._kinds[place] = NOTE
+                if self._kinds[request] == QUESTION:
                     self._entries[request].setdefault("answers", []).append(entry["text"])
-                    self._kinds[place] = NOTE
 
     # What lumd does
 
@@ -135,8 +141,10 @@ class Script:
             return NOTHING
         if kind(entry, self._order) == QUESTION:
             return self._answered(entry)
-        places = self._acts[border(entry)]
-        if not places:
+        places, stop = self._acts[border(entry)], self._next_stop()
+        if not places or places[0] > stop:
+            if self._is_last_moment(stop):
+                return NOTHING
             raise Difference(f"the {border(entry)}, after all that was recorded there",
                              "nothing", shown(entry))
         recorded = self._entries[places[0]]
@@ -151,11 +159,30 @@ class Script:
     def _answered(self, entry):
         places = self._questions.get(key(entry))
         if places is None:
+            if self._is_last_moment(self._next_stop()):
+                return NOTHING
             raise Difference(f"the {border(entry)}: a question that the recording does not have",
                              "nothing", shown(entry))
         place = self._choose(places, self._used.get(key(entry), -1))
         self._used[key(entry)] = place
         return {**self._entries[place], "place": place}
+
+    def _next_stop(self):
+        """The place of lumd's next end signal; where there is none, that of the recording's end."""
+        for place in range(self._next, len(self._entries)):
+            if self._is_stop(place) and not self._done[place]:
+                return place
+        return len(self._entries)
+
+    def _is_stop(self, place):
+        return self._entries[place]["border"] == "lumd" and self._entries[place]["what"] == "stop"
+
+    def _is_last_moment(self, stop):
+        """Whether lumd may have been ended before it came to what it does now."""
+        if stop == len(self._entries):
+            return False
+        reached, when = self._latest
+        return self._entries[stop]["t"] - reached - (self._clock() - when) < LAST_MOMENT
 
     def _choose(self, places, used):
         """The next one of those since the answers may have changed last; when there is none, or no
@@ -179,6 +206,7 @@ class Script:
 
     def _finish(self, place):
         self._done[place] = True
+        self._latest = max(self._latest, (self._entries[place]["t"], self._clock()))
         while self._next < len(self._done) and self._done[self._next]:
             self._next += 1
 
@@ -203,7 +231,7 @@ class Script:
         return all(self._done[earlier] for earlier in range(self._next, place))
 
     def happened(self, place):
-        self._ending = self._ending or self._entries[place]["what"] == "stop"
+        self._ending = self._ending or self._is_stop(place)
         self._reached = max(self._reached, place)
         self._finish(place)
 

@@ -167,6 +167,31 @@ def test_what_lumd_does_from_its_end_signal_on_is_chance_but_for_its_status():
             script.did(text("b"))
 
 
+@pytest.mark.parametrize("now", [text("b"), mib(None), frame({"command": "x"})])
+@pytest.mark.parametrize("again", [[], [text("first")]])
+def test_what_comes_in_the_second_before_the_end_signal_may_have_come_too_late_when_recorded(
+        now, again):
+    clock = [0.0]
+    stop, end = at(5.0, "lumd", "lab", "stop"), at(5.2, "lumd", "lumd", "end", status=0)
+    script = Script([text("first", time=3.0), stop, end, *again], clock=lambda: clock[0])
+    script.did(text("first"))
+    clock[0] = 0.9
+    with pytest.raises(Difference):
+        script.did(now)
+    clock[0] = 1.1
+    assert script.did(now)["place"] is None
+    script.happened(1)
+    script.did(end)
+    assert script.is_over == (not again)
+
+
+def test_the_answer_to_what_lumd_asks_while_it_ends_is_passed_over():
+    script = Script([at(1.0, "lumd", "lab", "stop"), frame({"command": "update"}, seq=3),
+                     answer({"status": "ok"}, seq=3), at(1.2, "lumd", "lumd", "end", status=0)])
+    script.happened(0)
+    assert script.next_input() is None
+
+
 def test_the_answer_to_a_request_happens_once_it_was_made():
     script = Script([frame({"command": "update"}, seq=3), answer({"status": "ok"}, seq=3)])
     place, entry = script.next_input()
@@ -259,6 +284,14 @@ def test_what_cannot_be_played_is_told(recording):
         with open(recording, "a", encoding="utf-8") as file:
             file.write(json.dumps(at(time, "service", "lab", "dance")) + "\n")
         replay(recording)
+
+
+def test_what_is_said_to_a_lumd_that_has_just_ended_is_passed_over(recording):
+    lines = recording.read_text().splitlines(keepends=True)
+    stop = next(n for n, line in enumerate(lines) if json.loads(line).get("what") == "stop")
+    said = text('{"cmd": "rrm-request-mode"}', by="lab", time=json.loads(lines[stop])["t"])
+    recording.write_text("".join((*lines[:stop + 1], json.dumps(said) + "\n", *lines[stop + 1:])))
+    assert replay(recording) > 3
 
 
 def test_run_ends_with_3_and_tells_the_difference(recording):
