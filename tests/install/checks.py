@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What an operator meets with the packages on a machine with its own systemd. See scripts/install.
 
-    checks.py --list         names every check
+    checks.py --list PART... names every check of these parts: packages, access-point
     checks.py --files ROOT   names every file of a root, but those that a system changes by itself
     checks.py                carries the checks out, in that machine: a line for each
 """
@@ -9,15 +9,17 @@ import asyncio
 import grp
 import os
 import pathlib
-import re
 import signal
 import socket
-import subprocess
 import sys
 import time
 import traceback
 
+import access_point_checks
 import confined
+from access_point import OpenAccessPoint
+from checking import (TREE, Checks, Failure, announced, demand, demand_exposure, demand_no_trace,
+                      files_of, last_words, run, running_programs)
 from installed_lab import WAIT, InstalledLab, Unit
 from labshow.messages import same_network
 from labshow.rrm_console import RrmConsole
@@ -25,56 +27,14 @@ from labshow.show import Show
 from labtalk.waiting import until
 from tls import WRONG, Tls
 
-TREE = pathlib.Path(__file__).resolve().parents[2]
-FILES_BEFORE = TREE / "files-before"
 UNITS = ("lumd.service", "msgbusd.service")
 PROGRAMS = {"/usr/sbin/lumd", "/usr/sbin/msgbusd"}
 PACKAGES = ("lumd", "msgbus", "libmsgbus1")
 EXPOSURE = {"lumd.service": 3.0, "msgbusd.service": 2.0}  # at most
-CHANGING = frozenset({
-    "/dev", "/lost+found", "/proc", "/run", "/sys", "/tmp", str(TREE), "/var/cache", "/var/lib/apt",
-    "/var/lib/dpkg", "/var/lib/systemd/random-seed", "/var/log/apt", "/var/log/dpkg.log",
-    "/var/log/journal", "/var/log/wtmp", "/var/tmp"})
+REBOOTED = TREE / "rebooted"
+BOOT = 0.0  # time.monotonic(), nearly
 HIGHEST_24G = 14  # channel; the radio that hostapd serves is above
-CHECKS = {}
-
-
-class Failure(Exception):
-    """What a check has found instead."""
-
-
-def check(name):
-    def remember(function):
-        CHECKS[name] = function
-        return function
-    return remember
-
-
-def demand(condition, text):
-    if not condition:
-        raise Failure(text)
-
-
-async def run(*command, status=0):
-    """The output of a command, which must end with that status."""
-    child = await asyncio.create_subprocess_exec(
-        *command, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
-        stderr=asyncio.subprocess.STDOUT, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
-    output = (await child.communicate())[0].decode(errors="replace")
-    demand(child.returncode == status,
-           f"{' '.join(command)}: status {child.returncode}\n{output}")
-    return output
-
-
-def files_of(root):
-    """Every path of a root but what changes by itself."""
-    found = []
-    for folder, folders, files in os.walk(root):
-        inside = "/" + os.path.relpath(folder, root) if folder != str(root) else ""
-        folders[:] = [name for name in folders if f"{inside}/{name}" not in CHANGING]
-        found += [f"{inside}/{name}" for name in folders + files
-                  if f"{inside}/{name}" not in CHANGING]
-    return found
+check = Checks()
 
 
 @check("subscribed after boot")
@@ -87,11 +47,7 @@ async def after_boot(lab):
 
 @check("units are confined as systemd-analyze measures it")
 async def exposure(_lab):
-    for unit, most in EXPOSURE.items():
-        output = await run("systemd-analyze", "security", "--no-pager", unit)
-        level = float(re.search(r"Overall exposure level for \S+: ([0-9.]+)", output)[1])
-        print(f"  {unit}: exposure {level}, at most {most}", flush=True)
-        demand(level <= most, output)
+    await demand_exposure(EXPOSURE)
 
 
 @check("what lumd needs of a kernel is allowed to it, and nothing else")
@@ -188,7 +144,7 @@ async def bus(lab):
 async def upgrade(lab):
     since, before = lab.mark(), lab.lumd.pid
     configuration = pathlib.Path("/etc/lumd/lumd.conf").read_bytes()
-    packages = sorted(map(str, (TREE / "upgrade").iterdir()))
+    packages = [str(path) for name in PACKAGES for path in (TREE / "upgrade").glob(f"{name}_*")]
     await run("dpkg", "--install", *packages)
     await lab.wait_again("subscribe-request", since)
     demand(lab.lumd.pid != before, "lumd was not restarted")
@@ -216,27 +172,10 @@ async def remove(lab):
 async def purge(lab):
     await run("dpkg", "--purge", "lumd", "msgbus")  # the library has left nothing to purge
     lab.clear_away()
-    before = set(FILES_BEFORE.read_text(encoding="utf-8").splitlines())
-    left = sorted(set(files_of("/")) - before)
-    demand(not left, "left over: " + " ".join(left))
+    await demand_no_trace(UNITS)
     left = announced() + [name for name in os.listdir("/run") if "msgbus" in name]
     demand(not left, f"left over: {left}")
     demand("lumd" not in {entry.gr_name for entry in grp.getgrall()}, "the group is still there")
-    units = await run("systemctl", "list-units", "--all", "--plain", "--no-legend", *UNITS)
-    left = [line for line in units.splitlines() if "not-found" not in line]  # only named by others
-    demand(not left, f"systemd still knows {left}")
-
-
-def running_programs():
-    for process in pathlib.Path("/proc").glob("[0-9]*"):
-        try:
-            yield os.readlink(process / "exe").removesuffix(" (deleted)")
-        except OSError:
-            pass  # it has just ended, or is the kernel's
-
-
-def announced():
-    return [name for name in os.listdir("/tmp") if name.startswith(".orvanta")]
 
 
 def tell_systemd(text):
@@ -245,35 +184,60 @@ def tell_systemd(text):
         notify.send(text.encode())
 
 
-async def carry_out():
-    lab = InstalledLab()
-    await lab.start()
-    tell_systemd("READY=1")
-    for name, function in CHECKS.items():
-        started = time.monotonic()
+async def carry_out(checks, machine, started=None):
+    """`started`: of the first one, where that was before now."""
+    for name, function in checks.items():
+        started = time.monotonic() if started is None else started
         try:
-            await function(lab)
+            await function(machine)
         except Exception as error:  # whatever it is, it is this check's
             if not isinstance(error, Failure):
                 traceback.print_exc()
             print(f"FAILED {name}: {error}", *last_words(), sep="\n", flush=True)
         else:
             print(f"ok {name} ({time.monotonic() - started:.0f} s)", flush=True)
+        started = None
 
 
-def last_words():
-    """The end of the system's log."""
-    return subprocess.run(["journalctl", "-b", "-n", "60", "--no-pager", "-o", "short"],
-                          capture_output=True, text=True, check=False).stdout.splitlines()
+async def check_packages():
+    """With the vendor's radios."""
+    lab = InstalledLab()
+    await lab.start()
+    tell_systemd("READY=1")
+    await carry_out(check, lab)
+
+
+async def check_access_point():
+    """With the kernel's radios, from the bare machine on, and again after its next boot."""
+    tell_systemd("READY=1")
+    point = OpenAccessPoint()
+    if REBOOTED.exists():
+        await carry_out(access_point_checks.check_rebooted, point, started=BOOT)
+        return
+    await carry_out(access_point_checks.check, point)
+    await point.client.stop()
+    REBOOTED.touch()
+    await run("systemctl", "reboot", "--force")
+    await asyncio.sleep(WAIT)  # the machine does not wait for it
+
+
+PARTS = {
+    "packages": (check_packages, (check,)),
+    "access-point": (check_access_point,
+                     (access_point_checks.check, access_point_checks.check_rebooted))}
 
 
 def main():
-    if sys.argv[1:] == ["--list"]:
-        print(*CHECKS, sep="\n")
+    if sys.argv[1:2] == ["--list"]:
+        for part in sys.argv[2:]:
+            if part not in PARTS:
+                sys.exit(f"checks: {part} is none of {', '.join(PARTS)}")
+            for checks in PARTS[part][1]:
+                print(*checks, sep="\n")
     elif sys.argv[1:2] == ["--files"]:
         print(*files_of(sys.argv[2]), sep="\n")
     else:
-        asyncio.run(carry_out())
+        asyncio.run(PARTS[(TREE / "part").read_text().strip()][0]())
 
 
 if __name__ == "__main__":

@@ -1,4 +1,5 @@
 """The hook that announces a running hostapd: alone in folders of its own, and to a real lumd."""
+import os
 import pathlib
 import shutil
 import subprocess
@@ -27,13 +28,15 @@ class Place:
         self.tmp.mkdir()
         self.run.mkdir()
         self._shell = shell
+        self.path = os.environ["PATH"]
 
     def hostapd_runs(self):
         (self.run / "hostapd.pid").write_text("4242\n")
 
     def hook(self):
         return subprocess.run([*own_mounts({"/run": self.run, "/tmp": self.tmp}), *self._shell, HOOK],
-                              capture_output=True, text=True, check=False)
+                              capture_output=True, text=True, check=False,
+                              env={**os.environ, "PATH": self.path})
 
     def announced(self):
         return sorted(path.name for path in self.tmp.iterdir())
@@ -62,6 +65,17 @@ def test_the_announcement_of_a_hostapd_that_has_gone_is_taken_back(place):
     (place.tmp / STARTED).touch()
     place.hook()
     assert place.announced() == []
+
+
+def test_a_hostapd_that_comes_while_the_hook_runs_stays_announced(tmp_path):
+    place = Place(tmp_path, SHELLS["dash"])
+    rm = place.run / "rm"
+    rm.write_text(f"#!/bin/sh\necho 4242 >/run/hostapd.pid\n: >/tmp/{STARTED}\n: >/tmp/{GENERAL}\n"
+                  'exec /bin/rm "$@"\n')
+    rm.chmod(0o755)
+    place.path = f"/run:{place.path}"
+    assert place.hook().returncode == 0
+    assert place.announced() == [GENERAL, STARTED]
 
 
 def test_an_announcement_that_lumd_has_not_seen_yet_may_be_repeated(place):
