@@ -73,6 +73,15 @@ one_of() {
     echo "$chosen"
 }
 
+# one_of_each NAMES...: of each list of names.
+one_of_each() {
+    local names
+    for names in "$@"; do
+        # shellcheck disable=SC2086 # a list's names are words
+        one_of $names
+    done
+}
+
 # The subsystems whose unit tests another platform builds and runs, as CMake lists them: all of them
 # or, where every stage runs, one of three groups that take as long as each other.
 unit_groups=("service;lumctl" "driver;process" "platform;link;bus;apd")
@@ -140,7 +149,7 @@ stage_musl() { scripts/musl; }
 stage_mips() { units=$(sampled_units mips) scripts/mips; }
 stage_debian13() { units=$(sampled_units debian13) scripts/debian13; }
 stage_air() { stage_release_build && run_pytest release tests/air; }
-stage_install() { scripts/install; }
+stage_install() { scripts/install ${sampling:+--part "$(one_of packages access-point)"}; }
 stage_oci() { scripts/oci; }
 stage_faults() { stage_dev_build && scripts/faults; }
 stage_soak() { stage_dev_build && scripts/soak; }
@@ -210,13 +219,15 @@ declare -A purposes=(
 )
 
 list_stages() {
-    local name
+    local name names
     for name in "${all_stages[@]}"; do
         printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
     done
-    echo "One of these, chosen by the commit:"
-    for name in "${turn_stages[@]}"; do
-        printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
+    for names in "${turns[@]}"; do
+        echo "One of these, chosen by the commit:"
+        for name in $names; do
+            printf '%-14s %s\n' "$name" "${purposes[$name]:-}"
+        done
     done
 }
 
@@ -235,6 +246,13 @@ counts_of() {
         END { print passed + 0, failed + 0 }' "$1"
 }
 
+# tell_alone LOG: which tests passed only alone, and what they said beside others.
+tell_alone() {
+    grep -q '^again, alone' "$1" || return 0
+    sed -n 's/^again, alone/    passed only alone/p' "$1"
+    sed '/^again, alone/,$d' "$1" | grep '^E  ' | head -n 12 | cut -c1-160 | sed 's/^/      /'
+}
+
 run_stages() {
     local name log started status passed failed total_passed=0 total_failed=0 broken=()
     mkdir -p "$logs"
@@ -251,7 +269,7 @@ run_stages() {
         total_failed=$((total_failed + failed))
         if [ $status = 0 ]; then
             printf 'ok      %5d tests  %4d s\n' "$passed" $((SECONDS - started))
-            sed -n 's/^again, alone/    passed only alone/p' "$log"
+            tell_alone "$log"
         else
             [ "$failed" -gt 0 ] || total_failed=$((total_failed + 1))
             broken+=("$name")

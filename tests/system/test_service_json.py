@@ -120,7 +120,7 @@ def test_rrm_survives_every_type_in_every_member(rrm, message):
     for path in places(message):
         for text in VALUES:
             send_bytes(rrm, with_member({"version": "2.4", **message}, path, text))
-    assert len(radios(rrm)) == 2
+        assert len(radios(rrm)) == 2
     assert rrm.events(what="disconnected") == []
 
 
