@@ -145,7 +145,7 @@ def search(unit, names):
 
 
 def find_all(jobs):
-    """Every fault of src/, numbered."""
+    """Every fault of src/, numbered; the rooms of each file; the files that unit tests hold."""
     all_units = units()
     rooms = rooms_of(all_units)
     claimed = set()
@@ -166,7 +166,8 @@ def find_all(jobs):
         for offset, fault in enumerate(faults):
             fault.number = base * PER_FILE + offset
             fault.room = rooms[name][0]
-    return by_file, rooms
+    tested = {name for unit in all_units if unit.tested for name in [unit.path, *unit.headers]}
+    return by_file, rooms, tested
 
 
 class SwitchedTree:
@@ -178,7 +179,7 @@ class SwitchedTree:
         HOME.mkdir(parents=True, exist_ok=True)
         copy_rest()
         configure(sum(map(is_code, tracked())) + 8)
-        self.by_file, self.rooms = find_all(jobs)
+        self.by_file, self.rooms, self.tested = find_all(jobs)
         self.refused = []
         self.schemas = {}
         self.memory = HOME / "refused.json"
