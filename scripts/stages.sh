@@ -19,16 +19,17 @@ run_unit() {
 }
 
 # run_system BUILD [ARGUMENT...]: what pytest is told, the tests among it. Real programs on a clock
-# that runs fast: a machine that stalls for a second lets a healthy link look dead. So what fails
-# beside others runs once more with the machine to itself, and the log says so.
+# that runs fast: a machine that stalls for a second lets healthy links look dead, as many as run then.
+# So what fails beside others runs once more with the machine to itself, and the log says so.
 run_system() {
-    local preset=$1 output status=0 failed=()
+    local preset=$1 beside=$((jobs * 2)) output status=0 failed=()
     shift
     output=$(mktemp)
-    run_pytest "$preset" -n $((jobs * 2)) "$@" | tee "$output" || status=$?
-    mapfile -t failed < <(sed -nE 's/^(FAILED|ERROR) ([^ ]+::.*)/\2/p' "$output" | sed 's/ - .*//')
+    run_pytest "$preset" -n "$beside" "$@" | tee "$output" || status=$?
+    mapfile -t failed < <(sed -nE 's/^(FAILED|ERROR) ([^ ]+::.*)/\2/p' "$output" |
+        sed 's/ - .*//' | sort -u)
     rm -f "$output"
-    if [ $status = 1 ] && [ ${#failed[@]} -gt 0 ] && [ ${#failed[@]} -le 3 ]; then
+    if [ $status = 1 ] && [ ${#failed[@]} -gt 0 ] && [ ${#failed[@]} -le "$beside" ]; then
         printf 'again, alone: %s\n' "${failed[@]}"
         run_pytest "$preset" "${failed[@]}"
     else

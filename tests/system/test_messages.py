@@ -1,7 +1,7 @@
 """Each message to the service, byte for byte: keys in their order, no blanks, every field."""
 import pytest
 
-from lumdtest.lab import CONFIG, ask, service_texts
+from lumdtest.lab import CONFIG, ask, begin, service_texts
 
 MAC = "00:11:22:33:44:50"
 FACTORY = '"factory":{"board":"lab-ap","hw":"1.0","serial":"LAB0000001","mac":"' + MAC + '"}'
@@ -52,8 +52,7 @@ def conversation(start_lab):
     """A subscribed agent and every text that the service received from it."""
     lab = start_lab(start_lumd=False)
     texts = service_texts(lab)
-    lab.start_lumd()
-    lab.wait_subscribed()
+    begin(lab)
     return lab, texts
 
 

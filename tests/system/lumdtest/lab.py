@@ -5,7 +5,7 @@ from labshow.process import LabError
 from labtalk.contract import IS_COMPLETE
 from labtalk.journal import matches
 
-__all__ = ["CONFIG", "LabError", "Labs", "ask", "radios", "running_lab", "scenario", "scenarios",
+__all__ = ["CONFIG", "LabError", "Labs", "ask", "begin", "radios", "running_lab", "scenario", "scenarios",
            "send_bytes", "service_texts"]
 
 # Dumping a survey or a large message at debug level costs more than handling it.
