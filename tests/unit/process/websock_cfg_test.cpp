@@ -64,6 +64,13 @@ class WebsockCfgFaults : public WebsockCfg {
             told.push_back(std::to_string(fault.line) + ": " + fault.text);
         return told;
     }
+
+    std::vector<config_fault::kind> kinds_of(const std::string& text) const {
+        std::vector<config_fault::kind> kinds;
+        for (const config_fault& fault : from_file(text).faults)
+            kinds.push_back(fault.what);
+        return kinds;
+    }
 };
 
 TEST_F(WebsockCfg, WithoutOptionsNothingIsConfigured) {
@@ -81,6 +88,11 @@ TEST_F(WebsockCfg, WithoutOptionsNothingIsConfigured) {
     EXPECT_EQ(cfg.log_level, 0);
     EXPECT_EQ(cfg.error, 0);
     EXPECT_EQ(cfg.wids_mac_list_id, "");
+}
+
+TEST_F(WebsockCfg, TheFileThatWasNamedIsRemembered) {
+    EXPECT_EQ(from_file("").file, path);
+    EXPECT_EQ(from_options({"-d", "host"}).file, "");
 }
 
 TEST_F(WebsockCfg, EverythingIsLoggedUntilTheFileSaysOtherwise) {
@@ -491,6 +503,25 @@ TEST_F(WebsockCfgFaults, AreLinesThatAreNoKeyWithAValue) {
                             "5: blanks around 'log_level': ignored"));
 }
 
+TEST_F(WebsockCfgFaults, AreKeysWithoutALetter) {
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "=3\n =3\n"),
+                ElementsAre("2: unknown key '': ignored", "3: unknown key '': ignored"));
+}
+
+TEST_F(WebsockCfgFaults, HaveTheirKinds) {
+    using kind = config_fault::kind;
+    EXPECT_THAT(kinds_of("log_level 3\nloglevel=3\nlog_level =3\n"
+                         "orvanta_service_url=ws://:0/x\nroam_service_url=wss://h:1/x\n"),
+                ElementsAre(kind::no_equals, kind::unknown_key, kind::blanks, kind::host,
+                            kind::port, kind::scheme));
+    std::string many;
+    for (std::size_t i = 0; i <= websock_cfg_t::most_faults; ++i)
+        many += "x\n";
+    const std::vector<kind> kinds = kinds_of(many);
+    EXPECT_EQ(kinds[websock_cfg_t::most_faults], kind::more);
+    EXPECT_EQ(kinds.back(), kind::no_mode);
+}
+
 TEST_F(WebsockCfgFaults, OfALineThatIsReadInPiecesAreOnce) {
     EXPECT_THAT(faults_of(std::string(300, 'x') + "\nunknown=1\n" + rrm_url),
                 ElementsAre("1: has no '=': ignored", "2: unknown key 'unknown': ignored"));
@@ -502,6 +533,10 @@ TEST_F(WebsockCfgFaults, AreSchemesThatEndTheReading) {
                             "0: no mode is enabled"));
     EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url= ws://host:1/x\n"),
                 ElementsAre("2: blank before 'ws': lumd reads the file no further"));
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url=\tws://host:1/x\n"),
+                ElementsAre("2: blank before 'ws': lumd reads the file no further"));
+    EXPECT_THAT(faults_of(std::string(rrm_url) + "roam_service_url=xws://host:1/x\n"),
+                ElementsAre("2: scheme 'xws' is not usable: lumd reads the file no further"));
 }
 
 TEST_F(WebsockCfgFaults, AreEndpointsThatNobodyHas) {
