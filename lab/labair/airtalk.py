@@ -12,13 +12,16 @@ ACTIONS = {(frames.RADIO_MEASUREMENT, frames.NEIGHBOR_REPORT_REQUEST): "neighbor
            (frames.RADIO_MEASUREMENT, frames.NEIGHBOR_REPORT_RESPONSE): "neighbor-report-response",
            (frames.WNM, frames.BSS_TRANSITION_REQUEST): "bss-transition-request",
            (frames.WNM, frames.BSS_TRANSITION_RESPONSE): "bss-transition-response"}
+BSS_TRANSITION = "bss-transition"
 
 
 class AirTalk:
-    """`journal`: all of it, the frames by their own times."""
+    """`journal`: all of it, the frames by their own times. `takes_transitions`: whether a station
+    said, when it associated, that it can be asked to go elsewhere."""
 
     def __init__(self, air, point):
         self.journal = Journal()
+        self.takes_transitions: dict[str, bool] = {}
         self._air, self._point, self._seen = air, point, 0
         self._names = {client.address: client.name for client in air.clients}
         point.journal.follow(self._copy)
@@ -45,9 +48,12 @@ class AirTalk:
         is_sent = frame.transmitter in own
         station = frame.receiver if is_sent else frame.transmitter
         speakers = ("hostapd", "client") if is_sent else ("client", "hostapd")
+        told = content(frame)
+        if BSS_TRANSITION in told:
+            self.takes_transitions[station] = told[BSS_TRANSITION]
         event = self.journal.add(*speakers, name(frame), {
             **({"client": self._names[station]} if station in self._names else {}),
-            "station": station, "bssid": frame.bssid, **content(frame)})
+            "station": station, "bssid": frame.bssid, **told})
         event["t"] = seconds
 
 
@@ -83,7 +89,12 @@ def _response(frame):
     return {"status": told.status, "target": told.target}
 
 
+def _association(frame):
+    return {BSS_TRANSITION: frames.takes_transitions(frame)}
+
+
 READERS = {
+    "association-request": _association, "reassociation-request": _association,
     "authentication": lambda frame: {"fast-transition": frame.is_ft_authentication},
     "neighbor-report-response":
         lambda frame: {"neighbours": _neighbours(frames.neighbor_response(frame)[1])},

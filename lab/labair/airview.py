@@ -163,7 +163,8 @@ class AirView(View):
         """Those that the kernel has; whether the service knows of each."""
         known = self._known.clients if self._known else {}
         return [{"mac": mac, "vap": _vap(number), "radio": f"wlan{number}",
-                 "ssid": self._point.network.ssid, "rssi": station["signal"], "known": mac in known}
+                 "ssid": self._point.network.ssid, "rssi": station["signal"], "known": mac in known,
+                 "80211v": self._talk.takes_transitions.get(mac)}
                 for number, stations in self._stations.items()
                 for mac, station in stations.items() if station["signal"] is not None]
 

@@ -13,11 +13,14 @@ FCS = 4
 RADIOTAP_FLAGS, FLAG_HAS_FCS = 1, 0x10
 TYPE_MANAGEMENT = 0
 # Subtypes, 9.2.4.1.3.
-(REASSOCIATION_REQUEST, AUTHENTICATION, DEAUTHENTICATION, ACTION) = (2, 11, 12, 13)
+ASSOCIATION_REQUEST, REASSOCIATION_REQUEST = 0, 2
+AUTHENTICATION, DEAUTHENTICATION, ACTION = 11, 12, 13
 RADIO_MEASUREMENT, FAST_TRANSITION, WNM = 5, 6, 10             # categories, 9.4.1.11
 NEIGHBOR_REPORT_REQUEST, NEIGHBOR_REPORT_RESPONSE = 4, 5       # 9.6.6.1
 BSS_TRANSITION_REQUEST, BSS_TRANSITION_RESPONSE = 7, 8         # 9.6.13.1
 NEIGHBOR_REPORT, CANDIDATE_PREFERENCE = 52, 3                  # 9.4.2.1, table 9-173
+EXTENDED_CAPABILITIES, CAPABILITY_BSS_TRANSITION = 127, 19     # 9.4.2.26: a bit
+ASSOCIATION_FIXED = {ASSOCIATION_REQUEST: 4, REASSOCIATION_REQUEST: 10}  # bytes, 9.3.3.5, 9.3.3.7
 MODE_CANDIDATES, MODE_ABRIDGED, MODE_DISASSOCIATION = 0x01, 0x02, 0x04
 MODE_TERMINATION, MODE_SESSION_URL = 0x08, 0x10
 TERMINATION_BYTES = 12
@@ -107,6 +110,15 @@ class TransitionResponse:
     token: int
     status: int
     target: str | None
+
+
+def takes_transitions(frame: Frame) -> bool:
+    """Whether the station that (re)associates says that it knows BSS transition management."""
+    if frame.subtype not in ASSOCIATION_FIXED:
+        raise FrameError("no association request")
+    told = dict(elements(frame.body[ASSOCIATION_FIXED[frame.subtype]:]))
+    bits = int.from_bytes(told.get(EXTENDED_CAPABILITIES, b""), "little")
+    return bool(bits >> CAPABILITY_BSS_TRANSITION & 1)
 
 
 def management_frames(capture: bytes) -> Iterator[Frame]:

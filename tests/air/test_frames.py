@@ -54,6 +54,22 @@ def test_other_frames_and_an_unfinished_record_are_left_out():
     assert not list(frames.management_frames(b""))
 
 
+@pytest.mark.parametrize("kind, fixed", ((frames.ASSOCIATION_REQUEST, bytes(4)),
+                                         (frames.REASSOCIATION_REQUEST, bytes(4) + octets(AP))))
+@pytest.mark.parametrize("capabilities, takes", (
+    ("7f03000008", True), ("7f080000f7ffffffffff", False), ("7f020000", False), ("", False)))
+def test_who_associates_tells_whether_it_can_be_asked_to_go(kind, fixed, capabilities, takes):
+    body = fixed + b"\x00\x06office" + bytes.fromhex(capabilities)
+    assert frames.takes_transitions(one(kind, body)) is takes
+
+
+def test_an_association_that_is_cut_short_or_none_tells_nothing():
+    for frame in (one(frames.ASSOCIATION_REQUEST, bytes(4) + b"\x7f\x08\x00"),
+                  one(frames.AUTHENTICATION, bytes(6))):
+        with pytest.raises(frames.FrameError):
+            frames.takes_transitions(frame)
+
+
 def test_a_transition_request_is_read_byte_by_byte():
     read = frames.transition_request(one(frames.ACTION, REQUEST))
     assert (read.token, read.mode, read.timer, read.validity) == (1, 3, 10, 200)

@@ -41,6 +41,9 @@ def test_radios_and_clients_are_those_of_the_kernel(air, page):
     page.until_text("[aria-label=Clients]", CLIENT, "-41 dBm", "no")
     air.run(air.say("rrm-client-assoc", **{"sta-mac": CLIENT, "radio": 0}))
     page.until_text("[aria-label=Clients]", CLIENT, "yes")
+    air.guest.capture(frames.ASSOCIATION_REQUEST, bytes(4) + bytes.fromhex("7f03000008"), BSSIDS[0],
+                      CLIENT)
+    page.until(lambda: page.text("[aria-label=Clients] td:last-child") == "yes", "it takes 802.11v")
     air.guest.stations["wlan0-va0"] = {}
     page.until(lambda: CLIENT not in page.text("[aria-label=Clients]"), "it is gone")
     air.guest.interfaces = {}

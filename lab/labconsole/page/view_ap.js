@@ -77,8 +77,9 @@ function meter(name, value, least, most) {
 }
 
 function manners(client) {
-  if (client["80211v"] === undefined) return "–";
+  if (client["80211v"] === undefined || client["80211v"] === null) return "–";
   if (!client["80211v"]) return "no";
+  if (!client.roam) return "yes";
   return client.asked ? "was asked to move" : `would ${client.roam}`;
 }
 
