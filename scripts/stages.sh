@@ -18,12 +18,15 @@ run_unit() {
             "build/$1/Testing/Temporary/LastTest.log"
 }
 
-# run_system BUILD [ARGUMENT...]: what pytest is told, the tests among it. Real programs on a clock
-# that runs fast: a machine that stalls for a second lets healthy links look dead, as many as run then.
+# run_system BUILD [ARGUMENT...]: what pytest is told, the tests among it.
+run_system() { run_beside $((jobs * 2)) "$@"; }
+
+# run_beside N BUILD [ARGUMENT...]: N tests at a time. Real programs on a clock that runs fast, pages
+# in a browser: a machine that stalls for a second lets healthy links look dead, as many as run then.
 # So what fails beside others runs once more with the machine to itself, and the log says so.
-run_system() {
-    local preset=$1 beside=$((jobs * 2)) output status=0 failed=()
-    shift
+run_beside() {
+    local beside=$1 preset=$2 output status=0 failed=()
+    shift 2
     output=$(mktemp)
     run_pytest "$preset" -n "$beside" "$@" | tee "$output" || status=$?
     mapfile -t failed < <(sed -nE 's/^(FAILED|ERROR) ([^ ]+::.*)/\2/p' "$output" |
@@ -159,7 +162,7 @@ stage_soak() { stage_dev_build && scripts/soak; }
 # LUMD_CONSOLE_IMAGES=docs/images it makes the screenshots anew.
 stage_console() {
     stage_release_build &&
-        run_pytest release -n 2 -rP tests/console \
+        run_beside 2 release -rPfE tests/console \
             ${LUMD_CONSOLE_IMAGES:+--images "$LUMD_CONSOLE_IMAGES"}
 }
 
