@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <string>
 
+#include "websock_worker.h"
+
 namespace {
 
 class LinkCause : public testing::Test {
@@ -67,6 +69,22 @@ TEST_F(LinkCause, MayStandInALogLineAlone) {
     EXPECT_EQ(cause.text(), "the connection is refused");
 }
 
+TEST_F(LinkCause, IsHeardFromTheLogOfEachService) {
+    for (const auto convert :
+         {portal_lwsl_convert_log, rrm_lwsl_convert_log, wids_lwsl_convert_log}) {
+        cause.begin();
+        const std::string line = "getsockopt fd 5 says err " + std::to_string(ECONNREFUSED) + '\n';
+        convert(0, line.c_str());
+        see_error("Unable to connect");
+        EXPECT_EQ(cause.text(), "the connection is refused");
+    }
+}
+
+TEST_F(LinkCause, MayComeWithoutAWord) {
+    cause.see(nullptr, LWS_CALLBACK_CLIENT_CONNECTION_ERROR, nullptr, 0);
+    EXPECT_EQ(cause.text(), "no websocket handshake: ");
+}
+
 TEST_F(LinkCause, OfOneAttemptIsForgottenInTheNext) {
     link_cause::hear("getsockopt fd 5 says err 111\n");
     see_error("Unable to connect");
@@ -107,6 +125,11 @@ TEST_F(LinkCause, OfACloseFrameIsItsCodeAndReason) {
 TEST_F(LinkCause, OfACloseFrameMayBeACodeAlone) {
     see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, "\x03\xf0");
     EXPECT_EQ(cause.text(), "closed by the service, code 1008");
+}
+
+TEST_F(LinkCause, OfACloseFrameMayHaveAReasonOfOneLetter) {
+    see(LWS_CALLBACK_WS_PEER_INITIATED_CLOSE, "\x03\xf0x");
+    EXPECT_EQ(cause.text(), "closed by the service, code 1008 'x'");
 }
 
 TEST_F(LinkCause, OfACloseFrameMayBeNone) {

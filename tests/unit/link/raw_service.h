@@ -88,6 +88,8 @@ class RawService {
 
     bool reading = true;       // false: lets the peer's data pile up
     bool answer_pings = true;  // with a pong
+    std::string refusal;       // an HTTP status that answers an upgrade instead
+    std::string subprotocol;   // another one than the client asks for
     int pings = 0;             // that have arrived
     int connections = 0;       // accepted so far
     bool ended = false;        // the peer has ended the connection
@@ -128,12 +130,16 @@ class RawService {
             return;
         request = incoming_.substr(0, end + 2);
         incoming_.erase(0, end + 4);
+        upgraded_ = refusal.empty();
+        if (!upgraded_) {
+            outgoing_ += "HTTP/1.1 " + refusal + "\r\nContent-Length: 0\r\n\r\n";
+            return;
+        }
         outgoing_ +=
             "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
             "Connection: Upgrade\r\nSec-WebSocket-Accept: " +
-            accept_key(header("Sec-WebSocket-Key")) +
-            "\r\nSec-WebSocket-Protocol: " + header("Sec-WebSocket-Protocol") + "\r\n\r\n";
-        upgraded_ = true;
+            accept_key(header("Sec-WebSocket-Key")) + "\r\nSec-WebSocket-Protocol: " +
+            (subprotocol.empty() ? header("Sec-WebSocket-Protocol") : subprotocol) + "\r\n\r\n";
     }
 
     // RFC 6455, section 4.2.2, item 5.4.

@@ -69,6 +69,8 @@ TEST_F(WebsockPing, DropsTheLinkWhenTheThirdStaysUnanswered) {
     EXPECT_TRUE(lost());
     EXPECT_EQ(peer.unanswered_pings(), 0);
     EXPECT_TRUE(log.contains("websock-rrm->There are no 3 pong answer in a row from server"));
+    peer.disconnect();
+    EXPECT_TRUE(log.contains("/agent: no pong came for 3 pings"));
 }
 
 TEST_F(WebsockPing, APongInBetweenResetsTheCount) {

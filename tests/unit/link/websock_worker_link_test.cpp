@@ -84,6 +84,41 @@ TEST_F(WebsockLink, EndsWithACloseFrame) {
     EXPECT_TRUE(lost());
 }
 
+// --- why there is none ---
+
+class WebsockLinkTrouble : public WebsockLink {
+  protected:
+    // Of an attempt, or of a link, that has ended.
+    bool told(const std::string& cause) {
+        peer.disconnect();
+        return log.contains("warning: websock-rrm->No link to 127.0.0.1:" +
+                            std::to_string(service.port()) + "/agent: " + cause);
+    }
+
+    const LogCapture log;
+};
+
+TEST_F(WebsockLinkTrouble, IsTheStatusOfAServiceThatRefuses) {
+    service.refusal = "404 Not Found";
+    ASSERT_TRUE(peer.connect());
+    ASSERT_TRUE(lost());
+    EXPECT_TRUE(told("the service answers with HTTP status 404"));
+}
+
+TEST_F(WebsockLinkTrouble, IsAnotherSubprotocol) {
+    service.subprotocol = "chat";
+    ASSERT_TRUE(peer.connect());
+    ASSERT_TRUE(lost());
+    EXPECT_TRUE(told("the service does not take the subprotocol websock-rrm"));
+}
+
+TEST_F(WebsockLinkTrouble, IsAConnectionThatBreaks) {
+    establish();
+    service.drop();
+    ASSERT_TRUE(lost());
+    EXPECT_TRUE(told("the connection broke off"));
+}
+
 TEST_F(WebsockLink, EndsTheAttemptWhenNobodyListens) {
     const LogCapture log;
     volatile bool run = true;
