@@ -2,7 +2,7 @@
 import concurrent.futures
 
 from .programs import Runner, SystemTests, UnitTests
-from .tree import PER_FILE
+from .tree import PER_FILE, programs_of
 
 KILLED, SURVIVED, NOT_REACHED = "killed", "survived", "not reached"
 
@@ -22,8 +22,10 @@ class Judge:
         """Learns what every test reaches that may be needed."""
         rooms = sorted({room for fault in faults for room in self.tree.rooms[fault.file]})
         for room in rooms:
-            self.units[room] = UnitTests(room, self.runner, self.size, self.jobs)
-            self.report(self.units[room])
+            self.units[room] = [UnitTests(name, self.runner, self.size, self.jobs)
+                                for name in programs_of(room)]
+            for tests in self.units[room]:
+                self.report(tests)
         if self.with_system:
             # One after the other: they measure time, and this one stands for all later runs.
             self.system = SystemTests(self.runner, self.size, 1)
@@ -41,8 +43,7 @@ class Judge:
                   "function": fault.function, "before": fault.before, "after": fault.after,
                   "log": fault.log, "number": fault.number, "by": None}
         reached = False
-        for room in self.tree.rooms[fault.file]:
-            tests = self.units[room]
+        for tests in (one for room in self.tree.rooms[fault.file] for one in self.units[room]):
             reached = reached or bool(tests.reaching(fault.number))
             record["by"] = tests.notices(fault.number)
             if record["by"]:

@@ -199,13 +199,13 @@ class Tests:
 
 
 class UnitTests(Tests):
-    """The GoogleTest program of a room."""
+    """A GoogleTest program."""
 
     repeat = False
 
-    def __init__(self, room, *arguments):
-        self.program = BUILD / "bin" / f"test_{room}"
-        super().__init__(f"test_{room}", *arguments)
+    def __init__(self, name, *arguments):
+        self.program = BUILD / "bin" / name
+        super().__init__(name, *arguments)
 
     def programs(self):
         return [self.program]

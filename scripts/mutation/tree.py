@@ -19,9 +19,15 @@ COPY = HOME / "tree"
 BUILD = HOME / "build"
 SWITCH = HOME / "lumd_mutant.h"
 ROOMS = ("process", "bus", "link", "driver", "service")
+MORE_PROGRAMS = {"driver": ("test_nl80211",)}  # of unit tests, beside test_ROOM
 PER_FILE = 2000  # numbers kept for each file, so that a change renumbers no other
 SYSTEM_TARGETS = ["lumd", "msgbusd", "msgbusctl", "labkernel", "labclock", "callspy"]
 ROUNDS = 12
+
+
+def programs_of(room):
+    """The unit test programs of a room."""
+    return (f"test_{room}", *MORE_PROGRAMS.get(room, ()))
 
 
 def write(path, content):
@@ -212,7 +218,8 @@ class SwitchedTree:
 
     def build(self, rooms, with_system):
         """Builds the unit tests of these rooms, and the agent if system tests are to judge too."""
-        targets = [f"test_{room}" for room in rooms] + (SYSTEM_TARGETS if with_system else [])
+        targets = [name for room in rooms for name in programs_of(room)]
+        targets += SYSTEM_TARGETS if with_system else []
         self.recall()
         for _ in range(ROUNDS):
             self.write()
