@@ -23,19 +23,19 @@ TEST(HostapdTexts, ANeighbourIsItsElementByteByByte) {
               "SET_NEIGHBOR 02:00:00:00:12:00 ssid=616972 nr=020000001200af080000510b07");
     EXPECT_EQ(hostapd_texts::set_neighbour({kTarget, 44, 115, 0}, "a\n\""),
               "SET_NEIGHBOR 02:00:00:00:12:00 ssid=610a22 nr=020000001200af180000732c09");
+    EXPECT_EQ(hostapd_texts::set_neighbour({kTarget, 14, 82, 0}, ""),
+              "SET_NEIGHBOR 02:00:00:00:12:00 ssid= nr=020000001200af080000520e07");
     EXPECT_EQ(hostapd_texts::remove_neighbour(kTarget), "REMOVE_NEIGHBOR 02:00:00:00:12:00");
 }
 
 TEST(HostapdTexts, AnUnknownOperatingClassIsThatOfTheChannel) {
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 6), 81);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 14), 82);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 36), 115);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 60), 118);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 100), 121);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 149), 124);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 165), 125);
+    for (const auto& [last, operating_class] :
+         {std::pair{13, 81}, {14, 82}, {48, 115}, {64, 118}, {144, 121}, {161, 124}, {177, 125}})
+        EXPECT_EQ(hostapd_texts::operating_class_of(255, last), operating_class);
+    for (const auto& [first, operating_class] :
+         {std::pair{1, 81}, {36, 115}, {52, 118}, {100, 121}, {149, 124}, {165, 125}, {181, 255}})
+        EXPECT_EQ(hostapd_texts::operating_class_of(255, first), operating_class);
     EXPECT_EQ(hostapd_texts::operating_class_of(128, 36), 128);
-    EXPECT_EQ(hostapd_texts::operating_class_of(255, 200), 255);
 }
 
 TEST(HostapdTexts, ATransitionRequestNamesThePreferredCandidatesFirst) {
@@ -50,6 +50,14 @@ TEST(HostapdTexts, ATransitionRequestNamesThePreferredCandidatesFirst) {
     EXPECT_EQ(left_out, 0U);
 }
 
+TEST(HostapdTexts, CandidatesThatArePreferredAlikeKeepTheirOrder) {
+    std::size_t left_out = 0;
+    const std::string request = hostapd_texts::transition_request(
+        kClient, {{kTarget, 11, 81, 5}, {kClient, 6, 81, 5}, {kTarget, 1, 81, 5}}, left_out);
+    EXPECT_LT(request.find(",81,11,"), request.find(",81,6,"));
+    EXPECT_LT(request.find(",81,6,"), request.find(",81,1,"));
+}
+
 TEST(HostapdTexts, ATransitionRequestWithoutCandidatesLeavesTheChoiceToTheClient) {
     std::size_t left_out = 0;
     EXPECT_EQ(hostapd_texts::transition_request(kClient, {}, left_out),
@@ -61,6 +69,11 @@ TEST(HostapdTexts, MoreCandidatesThanHostapdTakesAreLeftOut) {
     const std::string request = hostapd_texts::transition_request(
         kClient, std::vector<hostapd_neighbour>(40, {kTarget, 11, 81, 1}), left_out);
     EXPECT_EQ(left_out, 8U);
+    std::size_t named = 0;
+    for (std::size_t at = request.find(" neighbor="); at != std::string::npos;
+         at = request.find(" neighbor=", at + 1))
+        ++named;
+    EXPECT_EQ(named, 32U);
     EXPECT_LT(request.size(), 4096U);
 }
 
@@ -79,6 +92,9 @@ TEST(HostapdTexts, TransitionSupportIsABitOfTheExtendedCapabilities) {
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400420201\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400zz\n"));
+    EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=00008z\n"));
+    EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=000001\n"));
+    EXPECT_TRUE(hostapd_texts::supports_transition("ext_capab=000008\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("FAIL\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition(""));
 }
@@ -87,6 +103,7 @@ TEST(HostapdTexts, AValueStandsBehindItsWholeName) {
     EXPECT_EQ(hostapd_texts::value_of(kSta, "signal"), "-30");
     EXPECT_EQ(hostapd_texts::value_of(kSta, "sig"), "");
     EXPECT_EQ(hostapd_texts::value_of(kSta, "none"), "");
+    EXPECT_EQ(hostapd_texts::value_of("state=UP\nstate=DOWN\n", "state"), "UP") << "the first";
 }
 
 TEST(HostapdTexts, AClientsAnswerIsRead) {
@@ -109,7 +126,8 @@ TEST(HostapdTexts, ARefusalHasNoTarget) {
 
 TEST(HostapdTexts, OtherEventsAndBrokenAnswersAreNone) {
     for (const char* const text :
-         {"", "AP-STA-CONNECTED 02:00:00:00:04:00", "BSS-TM-RESP ", "BSS-TM-RESP 02:00:00:00:04:00",
+         {"", "AP-STA-CONNECTED 02:00:00:00:04:00", "BSS-TM-RASP 02:00:00:00:04:00 status_code=0",
+          "BSS-TM-RESP ", "BSS-TM-RESP 02:00:00:00:04:00",
           "BSS-TM-RESP 02:00:00:00:04:00 status_code=",
           "BSS-TM-RESP 02:00:00:00:04:00 status_code=x",
           "BSS-TM-RESP 02:zz:00:00:04:00 status_code=0"})

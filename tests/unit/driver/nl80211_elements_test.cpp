@@ -109,6 +109,36 @@ TEST(BssElements, He6GHzInformationNamesTheChannel) {
     EXPECT_EQ(channel_of(he(kHeHasCoHosted | kHeHas6GHz, Bytes{9} + place)),
               (bss_channel{37, 80, 0x100}));
     EXPECT_EQ(channel_of(he(kHeHas6GHz, {1, 3, 7, 15, 0})), (bss_channel{1, 160, 0}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {1, 0, 1, 0, 0})), (bss_channel{1, 20, 0}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {5, 1, 3, 0, 0})), (bss_channel{5, 40, 0x100}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {37, 2, 39, 47, 0})), (bss_channel{37, 80, 0x100}));
+}
+
+TEST(BssElements, He6GHzInformationTells160MHzInTwoWaysAndTheHalfOf80And80) {
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {17, 3, 15, 0, 0})), (bss_channel{17, 160, 0x400}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {17, 3, 23, 15, 0})), (bss_channel{17, 160, 0x400}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz, {1, 3, 7, 71, 0})), (bss_channel{1, 80, 0}));
+}
+
+TEST(BssElements, HePartsThatAreNotAnnouncedAreNotRead) {
+    EXPECT_EQ(channel_of(ht(48, 3) + he(1, {1, 42, 0, 0, 0})), (bss_channel{48, 40, 0x100}));
+    EXPECT_EQ(channel_of(ht(48, 3) + he(kHeHasVht | 1, {1, 42, 0, 37, 2, 39, 0, 0})),
+              (bss_channel{48, 80, 0x300}));
+}
+
+TEST(BssElements, OtherExtensionsAreNotHe) {
+    EXPECT_EQ(channel_of(ht(48, 3) + element(255, {35, 0, 0x40, 0, 0, 0, 0, 1, 42, 0})),
+              (bss_channel{48, 40, 0x100}));
+    EXPECT_EQ(channel_of(element(255, {}) + element(3, {11})), (bss_channel{11, 20, 0}));
+}
+
+TEST(BssElements, VhtOfAnUnknownWidthLeavesTheWidthToHt) {
+    EXPECT_EQ(channel_of(ht(36, 1) + vht(4, 42, 0)), (bss_channel{36, 40, 0}));
+}
+
+TEST(BssElements, VhtOf80MHzNeedsASecondCentreNextToItsOwnFor160) {
+    EXPECT_EQ(channel_of(ht(2, 1) + vht(1, 8, 0)), (bss_channel{2, 80, 0})) << "none is no centre";
+    EXPECT_EQ(channel_of(ht(36, 1) + vht(3, 42, 50)), (bss_channel{36, 80, 0}));
 }
 
 TEST(BssElements, HePartsThatAreAnnouncedButMissingAreLeftOut) {
@@ -140,6 +170,12 @@ TEST(BssElements, ACountryLimitsThePowerLessTheConstraint) {
     EXPECT_EQ(power_of(ht(48, 0) + country + element(32, {3})), 20);
     EXPECT_EQ(power_of(ht(100, 0) + country), std::nullopt);
     EXPECT_EQ(power_of(ht(13, 0) + element(7, {'D', 'E', ' ', 201, 1, 0, 1, 13, 20})), 20);
+    EXPECT_EQ(power_of(ht(13, 0) + element(7, {'D', 'E', ' ', 1, 12, 20})), std::nullopt);
+    EXPECT_EQ(power_of(ht(14, 0) + element(7, {'J', 'P', ' ', 14, 1, 10})), 10);
+    EXPECT_EQ(power_of(ht(15, 0) + element(7, {'J', 'P', ' ', 14, 2, 10})), 10);
+    EXPECT_EQ(power_of(ht(201, 0) + element(7, {'D', 'E', ' ', 201, 1, 30})), std::nullopt)
+        << "an operating class, no channel";
+    EXPECT_EQ(power_of(ht(36, 0) + element(7, {'D', 'E'})), std::nullopt);
 }
 
 TEST(BssElements, EveryCutOfEverythingIsHarmless) {
