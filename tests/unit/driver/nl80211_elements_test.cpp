@@ -124,6 +124,7 @@ TEST(BssElements, HePartsThatAreNotAnnouncedAreNotRead) {
     EXPECT_EQ(channel_of(ht(48, 3) + he(1, {1, 42, 0, 0, 0})), (bss_channel{48, 40, 0x100}));
     EXPECT_EQ(channel_of(ht(48, 3) + he(kHeHasVht | 1, {1, 42, 0, 37, 2, 39, 0, 0})),
               (bss_channel{48, 80, 0x300}));
+    EXPECT_EQ(channel_of(he(kHeHas6GHz | 1, {37, 2, 39, 0, 0})), (bss_channel{37, 80, 0x100}));
 }
 
 TEST(BssElements, OtherExtensionsAreNotHe) {
@@ -172,7 +173,7 @@ TEST(BssElements, ACountryLimitsThePowerLessTheConstraint) {
     EXPECT_EQ(power_of(ht(13, 0) + element(7, {'D', 'E', ' ', 201, 1, 0, 1, 13, 20})), 20);
     EXPECT_EQ(power_of(ht(13, 0) + element(7, {'D', 'E', ' ', 1, 12, 20})), std::nullopt);
     EXPECT_EQ(power_of(ht(14, 0) + element(7, {'J', 'P', ' ', 14, 1, 10})), 10);
-    EXPECT_EQ(power_of(ht(15, 0) + element(7, {'J', 'P', ' ', 14, 2, 10})), 10);
+    EXPECT_EQ(power_of(ht(18, 0) + element(7, {'J', 'P', ' ', 14, 2, 10})), std::nullopt);
     EXPECT_EQ(power_of(ht(201, 0) + element(7, {'D', 'E', ' ', 201, 1, 30})), std::nullopt)
         << "an operating class, no channel";
     EXPECT_EQ(power_of(ht(36, 0) + element(7, {'D', 'E'})), std::nullopt);
