@@ -3,6 +3,7 @@
 #ifndef TESTS_FAKE_NL80211_H
 #define TESTS_FAKE_NL80211_H
 
+#include <linux/genetlink.h>
 #include <linux/netlink.h>
 
 #include <cstring>
@@ -69,6 +70,20 @@ class FakeNl80211 : public nl80211_transport {
             if (call.command == command)
                 result.push_back(call);
         return result;
+    }
+
+    // One more message, of the attributes of `record`, in front of a recording.
+    void put_before(int command, const nl_request& record) {
+        Bytes& answer = answers.at(command);
+        const auto attributes = record.attributes();
+        nlmsghdr header = header_of(answer);
+        header.nlmsg_len =
+            static_cast<std::uint32_t>(NLMSG_HDRLEN + GENL_HDRLEN + attributes.size());
+        Bytes message(NLMSG_HDRLEN + GENL_HDRLEN);
+        std::memcpy(message.data(), &header, sizeof header);
+        message[NLMSG_HDRLEN] = record.command();
+        message.insert(message.end(), attributes.begin(), attributes.end());
+        answer.insert(answer.begin(), message.begin(), message.end());
     }
 
     std::map<int, Bytes> answers;            // recordings by command
