@@ -68,7 +68,26 @@ TEST_F(Nl80211Events, AChannelThatChangedIsTold) {
 TEST_F(Nl80211Events, LostEventsMayHaveBeenAChange) {
     event_side->events_result = -ENOBUFS;
     EXPECT_THAT(process(kPatienceUs), ElementsAre("2 0    "));
-    EXPECT_TRUE(log.contains("events of nl80211 are lost"));
+    EXPECT_TRUE(log.contains("events of nl80211 are lost: No buffer space available"));
+}
+
+TEST_F(Nl80211Events, OtherEventsOfTheKernelAreNoChange) {
+    event_side->events = FakeNl80211::recording("interfaces");
+    EXPECT_THAT(process(kPatienceUs), IsEmpty());
+}
+
+TEST_F(Nl80211Events, AChangeOfAnInterfaceThatVanishedIsNobodys) {
+    kernel_side->answers.clear();
+    event_side->events = FakeNl80211::recording("channel_switch");
+    EXPECT_THAT(process(kPatienceUs), IsEmpty());
+}
+
+TEST_F(Nl80211Events, AClientOfAForeignInterfaceIsNobodys) {
+    event_side->subscription = -ENODEV;
+    const FakeHostapd hostapd{socket};
+    EXPECT_THAT(process(kNoWait), IsEmpty());
+    hostapd.tell("IFNAME=eth0 <3>BSS-TM-RESP 02:00:00:00:04:00 status_code=0");
+    EXPECT_THAT(process(kPatienceUs), IsEmpty());
 }
 
 TEST_F(Nl80211Events, AClientThatMovesIsTold) {
