@@ -131,6 +131,22 @@ TEST_F(Nl80211Events, AHostapdThatWasStartedAnewIsAttachedToAnew) {
     EXPECT_THAT(process(kPatienceUs), ElementsAre("2 0    "));
 }
 
+TEST_F(Nl80211Events, TheDriverLooksForThemWhenARadioHasAny) {
+    driver();  // which needs sockets
+    const call_faults::SelectSpy pause{-1};
+    const call_faults::NoSocket fault;
+    EXPECT_EQ(driver().process_driver_events({}), 0);
+    EXPECT_EQ(pause.calls, 0);
+    EXPECT_TRUE(log.contains("no events of nl80211: Input/output error"));
+}
+
+TEST_F(Nl80211Events, TheDriverOnlyPausesWithoutARadio) {
+    platform.radios("");
+    const call_faults::SelectSpy pause{-1};
+    EXPECT_EQ(driver().process_driver_events({}), -1);
+    EXPECT_EQ(pause.calls, 1);
+}
+
 TEST_F(Nl80211Events, TheDriverServesSuchARadio) {
     EXPECT_EQ(driver().get_ioctl_type("wlan0-va3"), NL80211);
     EXPECT_EQ(driver().get_ioctl_type("wlan1"), G6);

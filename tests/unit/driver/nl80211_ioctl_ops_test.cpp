@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 
 #include "fake_hostapd.h"
@@ -232,6 +233,8 @@ TEST_F(Nl80211IoctlOps, AScanAsksForTheChannelsThatTheRadioMayUse) {
     EXPECT_TRUE(call.read().has(NL80211_ATTR_SCAN_SSIDS)) << "an active scan";
     EXPECT_EQ(call.read().get<std::uint32_t>(NL80211_ATTR_SCAN_FLAGS), NL80211_SCAN_FLAG_FLUSH)
         << "what earlier scans heard is forgotten";
+    EXPECT_FALSE(call.read().has(NL80211_ATTR_MEASUREMENT_DURATION))
+        << "as long as the radio likes";
 }
 
 TEST_F(Nl80211IoctlOps, AScanOfNoChannelIsAScanOfAll) {
@@ -249,6 +252,15 @@ TEST_F(Nl80211IoctlOps, AScanWaitsForTheEndOfAnAbortedOne) {
     kernel->results[NL80211_CMD_TRIGGER_SCAN] = {-EBUSY, -EBUSY};
     EXPECT_EQ(ops("wlan0").start_scan({1}), 0);
     EXPECT_THAT(kernel->calls_of(NL80211_CMD_TRIGGER_SCAN), SizeIs(3));
+}
+
+TEST_F(Nl80211IoctlOps, AnAbortedScanIsGivenTimeToEnd) {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point end = clock::now() + std::chrono::milliseconds{100};
+    kernel->otherwise = [end](int command) {
+        return command == NL80211_CMD_TRIGGER_SCAN && clock::now() < end ? -EBUSY : 0;
+    };
+    EXPECT_EQ(ops("wlan0").start_scan({1}), 0);
 }
 
 TEST_F(Nl80211IoctlOps, AScanThatTheKernelRefusesIsAFailure) {
@@ -400,6 +412,16 @@ TEST_F(Nl80211IoctlOps, AMeasurementCountsWithoutASurveyToo) {
     EXPECT_FALSE(log.contains("dBm, busy"));
 }
 
+TEST_F(Nl80211IoctlOps, ASurveyWithoutNoiseIsLoggedWithZero) {
+    nl_request record{NL80211_CMD_NEW_SURVEY_RESULTS};
+    record.put_list(NL80211_ATTR_SURVEY_INFO, std::array{std::uint32_t{2412}});  // its frequency
+    kernel->put_before(NL80211_CMD_GET_SURVEY, record);
+    ASSERT_EQ(ops("wlan0").start_rrm_scan(1, "wlan0"), 0);
+    ap_table table;
+    EXPECT_EQ(ops("wlan0").get_rrm_scan_result(table), 0);
+    EXPECT_TRUE(log.contains("wlan0: channel 1: noise 0 dBm, busy 0 of 0 ms"));
+}
+
 TEST_F(Nl80211IoctlOps, AStoppedMeasurementHasNoResult) {
     ASSERT_EQ(ops("wlan0").start_rrm_scan(11, "wlan0"), 0);
     EXPECT_EQ(ops("wlan0").stop_rrm_scan("wlan0"), 0);
@@ -407,6 +429,7 @@ TEST_F(Nl80211IoctlOps, AStoppedMeasurementHasNoResult) {
     EXPECT_EQ(ops("wlan0").get_rrm_scan_result(table), 0);
     EXPECT_THAT(table, IsEmpty());
     EXPECT_EQ(mib("wlan0", "rrm_scan_chan"), 0);
+    EXPECT_THAT(kernel->calls_of(NL80211_CMD_GET_SCAN), IsEmpty());
     EXPECT_THAT(kernel->calls_of(NL80211_CMD_GET_SURVEY), IsEmpty());
 }
 
