@@ -7,13 +7,15 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
+#include <deque>
+#include <numeric>
 
 #include "fake_hostapd.h"
 #include "fake_nl80211.h"
 #include "krds.h"
 #include "log_capture.h"
+#include "pause_log.h"
 #include "platform-specific/rrm_sta_realtek.h"
 #include "temporary_folder.h"
 
@@ -250,17 +252,19 @@ TEST_F(Nl80211IoctlOps, AScanOfForeignChannelsIsRefused) {
 
 TEST_F(Nl80211IoctlOps, AScanWaitsForTheEndOfAnAbortedOne) {
     kernel->results[NL80211_CMD_TRIGGER_SCAN] = {-EBUSY, -EBUSY};
+    const PauseLog pauses{[] {}};
     EXPECT_EQ(ops("wlan0").start_scan({1}), 0);
     EXPECT_THAT(kernel->calls_of(NL80211_CMD_TRIGGER_SCAN), SizeIs(3));
+    EXPECT_THAT(pauses.waits(), ElementsAre(50, 50));
 }
 
-TEST_F(Nl80211IoctlOps, AnAbortedScanIsGivenTimeToEnd) {
-    using clock = std::chrono::steady_clock;
-    const clock::time_point end = clock::now() + std::chrono::milliseconds{100};
-    kernel->otherwise = [end](int command) {
-        return command == NL80211_CMD_TRIGGER_SCAN && clock::now() < end ? -EBUSY : 0;
-    };
-    EXPECT_EQ(ops("wlan0").start_scan({1}), 0);
+TEST_F(Nl80211IoctlOps, AScanThatNeverEndsIsWaitedForASecondAndAHalf) {
+    kernel->results[NL80211_CMD_TRIGGER_SCAN] = std::deque<int>(100, -EBUSY);
+    const PauseLog pauses{[] {}};
+    EXPECT_EQ(ops("wlan0").start_scan({1}), -1);
+    EXPECT_EQ(std::accumulate(pauses.waits().begin(), pauses.waits().end(), 0), 1500);
+    EXPECT_THAT(kernel->calls_of(NL80211_CMD_TRIGGER_SCAN), SizeIs(1 + pauses.waits().size()));
+    EXPECT_TRUE(log.contains("wlan0: cannot start a scan: Device or resource busy"));
 }
 
 TEST_F(Nl80211IoctlOps, AScanThatTheKernelRefusesIsAFailure) {
@@ -346,7 +350,8 @@ TEST_F(Nl80211IoctlOps, AMeasurementIsPassiveAndDwells) {
     EXPECT_THAT(scanned(), ElementsAre(2462));
     const FakeNl80211::Call call = kernel->calls_of(NL80211_CMD_TRIGGER_SCAN).at(0);
     EXPECT_FALSE(call.read().has(NL80211_ATTR_SCAN_SSIDS));
-    EXPECT_GT(call.read().get<std::uint16_t>(NL80211_ATTR_MEASUREMENT_DURATION), 100);
+    EXPECT_GT(call.read().get<std::uint16_t>(NL80211_ATTR_MEASUREMENT_DURATION), 200)
+        << "two beacons, one every 100 TU";
     EXPECT_EQ(mib("wlan0", "rrm_scan_chan"), 11);
     EXPECT_EQ(mib("wlan0-va0", "rrm_scan_chan"), 11) << "of its radio";
 }
@@ -559,6 +564,7 @@ TEST_F(Nl80211IoctlOps, AListThatDoesNotShrinkIsGivenUp) {
     });
     EXPECT_EQ(ops("wlan0-va0").clear_rrm_nbr_ap_list("wlan0-va0"), -1);
     EXPECT_TRUE(log.contains("wlan0-va0: hostapd keeps neighbours"));
+    EXPECT_THAT(hostapd->commands(), SizeIs(32)) << "after 16 times";
 }
 
 TEST_F(Nl80211IoctlOps, ANeighbourThatHostapdKeepsEndsTheClearing) {

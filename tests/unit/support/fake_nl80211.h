@@ -9,7 +9,6 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <stdexcept>
@@ -46,7 +45,7 @@ class FakeNl80211 : public nl80211_transport {
         if (kept != answers.end())
             play(kept->second, handler);
         if (planned.empty())
-            return otherwise ? otherwise(request.command()) : 0;
+            return 0;
         const int result = planned.front();
         planned.pop_front();
         return result;
@@ -87,9 +86,8 @@ class FakeNl80211 : public nl80211_transport {
         answer.insert(answer.begin(), message.begin(), message.end());
     }
 
-    std::map<int, Bytes> answers;               // recordings by command
-    std::map<int, std::deque<int>> results;     // of the next calls of a command; then 0
-    std::function<int(int command)> otherwise;  // the result where none is left, if not 0
+    std::map<int, Bytes> answers;            // recordings by command
+    std::map<int, std::deque<int>> results;  // of the next calls of a command; then 0
     std::vector<Call> calls;
     Bytes events;
     int events_result = 0;

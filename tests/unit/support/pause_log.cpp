@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include <cerrno>
+
 #include "hidden.h"
 
 namespace {
@@ -20,6 +22,10 @@ extern "C" int usleep(useconds_t us) {
 extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout_ms) {
     if (active == nullptr)
         return hidden<int (*)(pollfd*, nfds_t, int)>("poll")(descriptors, count, timeout_ms);
+    if (descriptors == nullptr && count != 0) {
+        errno = EFAULT;
+        return -1;
+    }
     active->wait(timeout_ms);
     return 0;
 }

@@ -1,7 +1,8 @@
 // PauseLog: the waits of the thread that made it, noted instead of waited for.
 //
 // While a PauseLog lives, usleep(3) and poll(2) of its thread return at once: usleep as if slept,
-// poll as if nothing had come in time. A program that links pause_log.cpp answers both itself.
+// poll as if nothing had come in time, unless it is to look at descriptors and is given none. A
+// program that links pause_log.cpp answers both itself.
 #ifndef TESTS_PAUSE_LOG_H
 #define TESTS_PAUSE_LOG_H
 
