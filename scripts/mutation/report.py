@@ -24,10 +24,10 @@ def place(record):
 
 def keep(records, whole=()):
     """Puts the records in the place of older ones: of the same faults, of the files in `whole`."""
-    older = [one for one in load() if one["file"] not in whole]
-    everything = {place(one): one for one in [*older, *records]}
+    places = set(map(place, records))  # of one text on one line there may be two
+    older = [one for one in load() if one["file"] not in whole and place(one) not in places]
     part = RESULTS.with_suffix(".part")
-    part.write_text("".join(json.dumps(one) + "\n" for one in everything.values()))
+    part.write_text("".join(json.dumps(one) + "\n" for one in [*older, *records]))
     part.replace(RESULTS)
 
 
