@@ -34,11 +34,12 @@ class Nl80211Events : public DriverTest {
 
     std::vector<std::string> process(long wait_us) {
         std::vector<std::string> told;
-        nl80211_events{driver(), radios}.process(wait_us, [&told](const driver_event_desc& event) {
+        const auto tell = [&told](const driver_event_desc& event) {
             told.push_back(std::to_string(event.event) + " " + std::to_string(event.radio) + " " +
                            event.sta.mac + " " + event.sta.ssid + " " + event.sta.ifname + " " +
                            event.sta.target_roaming_mac);
-        });
+        };
+        EXPECT_EQ((nl80211_events{driver(), radios}.process(wait_us, tell)), 0);
         return told;
     }
 
@@ -69,6 +70,13 @@ TEST_F(Nl80211Events, LostEventsMayHaveBeenAChange) {
     event_side->events_result = -ENOBUFS;
     EXPECT_THAT(process(kPatienceUs), ElementsAre("2 0    "));
     EXPECT_TRUE(log.contains("events of nl80211 are lost: No buffer space available"));
+}
+
+TEST_F(Nl80211Events, LostEventsMayHaveBeenAChangeOfAnyRadio) {
+    platform.radios(R"({"ifname": "wlan0", "driver": "nl80211", "bands": ["2.4GHz"]},
+                       {"ifname": "wlan1", "driver": "nl80211", "bands": ["5GHz"]})");
+    event_side->events_result = -ENOBUFS;
+    EXPECT_THAT(process(kPatienceUs), ElementsAre("2 0    ", "2 1    "));
 }
 
 TEST_F(Nl80211Events, OtherEventsOfTheKernelAreNoChange) {
