@@ -48,10 +48,10 @@ class Station:
         for command in ("DISCONNECT", f'SET_NETWORK 0 ssid "{ssid}"', "RECONNECT"):
             await self.ask(command)
 
-    async def look(self, channel_frequency: str) -> None:
+    async def look(self, mhz: int) -> None:
         """Listens there for a beacon interval, if it does not just listen elsewhere, and then takes
         what is best."""
-        await self.ask(f"SCAN freq={channel_frequency} passive=1")
+        await self.ask(f"SCAN freq={mhz} passive=1")
 
     async def status(self) -> dict[str, str]:
         """wpa_supplicant's STATUS: wpa_state, bssid, freq, key_mgmt and more."""

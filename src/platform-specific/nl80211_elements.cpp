@@ -23,6 +23,7 @@ constexpr std::uint8_t id_extension_he_operation = 36;
 constexpr std::size_t header_size = 2;  // ID and length
 // Sizes of contents, fields that are always there.
 constexpr std::size_t dsss_parameter_set_size = 1;
+constexpr std::size_t country_string_size = 3;
 constexpr std::size_t power_constraint_size = 1;
 constexpr std::size_t tpc_report_size = 2;
 constexpr std::size_t ht_operation_size = 22;
@@ -61,7 +62,7 @@ void found_elements::keep(std::uint8_t id, bytes content) {
         case id_dsss_parameter_set:
             return keep_first(dsss_parameter_set, content, dsss_parameter_set_size);
         case id_country:
-            return keep_first(country, content, 1);
+            return keep_first(country, content, country_string_size);
         case id_power_constraint:
             return keep_first(power_constraint, content, power_constraint_size);
         case id_tpc_report:
@@ -190,13 +191,12 @@ bss_channel channel_of(const found_elements& found, int heard_on) {
 // The limit on `channel` in the Country element's subband triplets: first channel, number of
 // channels, dBm.
 std::optional<int> country_limit(bytes country, int channel) {
-    constexpr std::size_t string_size = 3;
     constexpr std::size_t triplet_size = 3;
     constexpr int first_extension = 201;  // from here on a triplet names an operating class
     constexpr int last_2ghz_channel = 14;
-    if (country.size() < string_size)
+    if (country.empty())
         return std::nullopt;
-    for (bytes rest = country.subspan(string_size); rest.size() >= triplet_size;
+    for (bytes rest = country.subspan(country_string_size); rest.size() >= triplet_size;
          rest = rest.subspan(triplet_size)) {
         const int first = rest[0];
         if (first >= first_extension)

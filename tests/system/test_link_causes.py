@@ -110,7 +110,7 @@ def test_a_trouble_that_stays_is_told_once_an_hour(make_agent):
     first, again = LINE.findall(agent.log())  # beside the lines about the bus, which is not there
     assert first == REFUSED
     times = re.fullmatch(rf"{REFUSED} \(again, (\d+) times\)", again)
-    assert 1 < int(times[1]) < 130  # 30 to 90 seconds each, more where it stalls
+    assert 20 < int(times[1]) < 130  # a delay is from 30 to 90 seconds
 
 
 def test_the_end_that_an_operator_wants_is_no_trouble(agent_at, service):

@@ -35,11 +35,11 @@ using Json = std::unique_ptr<json_object, JsonReleaser>;
 // A string's bare text, of another scalar its JSON; empty for all else.
 [[nodiscard]] std::string scalar_text(json_object* node);
 
-// Whether objects and arrays stand in each other on more than so many levels.
-[[nodiscard]] bool is_deeper_than(json_object* node, std::size_t levels);
-
 // The same for people: of arrays and objects their JSON, too.
 [[nodiscard]] std::string shown_text(json_object* node);
+
+// Whether objects and arrays stand in each other on more than so many levels.
+[[nodiscard]] bool is_deeper_than(json_object* node, std::size_t levels);
 
 // Member of an object; null when there is none.
 [[nodiscard]] json_object* member(json_object* node, const std::string& name);

@@ -91,6 +91,7 @@ TEST(HostapdTexts, TransitionSupportIsABitOfTheExtendedCapabilities) {
     EXPECT_TRUE(hostapd_texts::supports_transition(kSta));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400420201\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400\n"));
+    EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=04\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=0400zz\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=00008z\n"));
     EXPECT_FALSE(hostapd_texts::supports_transition("ext_capab=000001\n"));

@@ -156,6 +156,7 @@ TEST(BssElements, ATruncatedElementEndsTheList) {
 TEST(BssElements, AnElementThatIsTooShortDoesNotCount) {
     EXPECT_EQ(channel_of(element(61, {6, 1})), (bss_channel{kHeardOn, 20, 0}));
     EXPECT_EQ(power_of(element(35, {20})), std::nullopt);
+    EXPECT_EQ(power_of(element(7, {'D'}) + element(7, {'D', 'E', ' ', 36, 4, 23})), 23);
 }
 
 TEST(BssElements, TheTpcReportIsTheTransmitPower) {

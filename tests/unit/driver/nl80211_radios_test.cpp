@@ -82,9 +82,11 @@ TEST_F(Nl80211Radios, WhoDoesNotAnswerTookNothing) {
 }
 
 TEST_F(Nl80211Radios, EventsOfTheKernelAreAskedForOnce) {
-    event_side->descriptor = 7;
-    EXPECT_EQ(radios.kernel_events().fd(), 7);
-    EXPECT_EQ(radios.kernel_events().fd(), 7);
+    event_side->descriptor = 0;  // of a daemon without standard input
+    EXPECT_EQ(radios.kernel_events().fd(), 0);
+    clock.advance(kRest);
+    EXPECT_EQ(radios.kernel_events().fd(), 0);
+    EXPECT_EQ(event_side->subscriptions, 1);
     EXPECT_FALSE(log.contains("no events of nl80211"));
 }
 
@@ -108,6 +110,14 @@ TEST_F(Nl80211Radios, EventsOfHostapdComeFromTheFirstLookOn) {
     hostapd_control* const first = radios.hostapd_events();
     EXPECT_NE(first, nullptr);
     EXPECT_EQ(radios.hostapd_events(), first);
+}
+
+TEST_F(Nl80211Radios, EventsOfHostapdEndWithIt) {
+    auto hostapd = std::make_unique<FakeHostapd>(socket);
+    EXPECT_NE(radios.hostapd_events(), nullptr);
+    hostapd.reset();
+    EXPECT_EQ(radios.hostapd_events(), nullptr);
+    EXPECT_EQ(radios.hostapd_events(), nullptr);
 }
 
 TEST_F(Nl80211Radios, AHostapdThatGivesNoEventsIsAskedAgainAfterAWhile) {

@@ -51,6 +51,7 @@ class FakeNl80211 : public nl80211_transport {
         return result;
     }
     int subscribe(const char*) override {
+        ++subscriptions;
         subscribed_ = subscription == 0;
         return subscription;
     }
@@ -91,7 +92,8 @@ class FakeNl80211 : public nl80211_transport {
     std::vector<Call> calls;
     Bytes events;
     int events_result = 0;
-    int subscription = 0;
+    int subscription = 0;   // the result
+    int subscriptions = 0;  // asked for
     int descriptor = -1;
 
   private:
